@@ -1,0 +1,90 @@
+/*
+ * liblog for a development machine: one line per message on standard error,
+ * in logcat's "threadtime" shape, plus a hook through which tests read the log.
+ */
+#include <android/log.h>
+#include <marlo_host/hooks.h>
+
+#include <stdio.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+
+namespace {
+
+std::mutex g_hook_mutex;
+marlo_host_log_hook g_hook = nullptr;
+void* g_hook_ctx = nullptr;
+std::atomic<bool> g_to_stderr{true};
+
+char PriorityLetter(int prio) {
+    static const char kLetters[] = "??VDIWEFS";
+    return prio >= 0 && prio <= ANDROID_LOG_SILENT ? kLetters[prio] : '?';
+}
+
+void WriteToStderr(int prio, const char* tag, const char* message) {
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    struct tm local;
+    localtime_r(&now.tv_sec, &local);
+    char stamp[32];
+    strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", &local);
+
+    // logcat shows a message without its trailing line breaks.
+    size_t length = strlen(message);
+    while (length > 0 && message[length - 1] == '\n')
+        --length;
+
+    fprintf(stderr, "%s.%03ld %5d %5ld %c %s: %.*s\n", stamp, now.tv_usec / 1000, getpid(),
+            static_cast<long>(syscall(SYS_gettid)), PriorityLetter(prio), tag ? tag : "",
+            static_cast<int>(length), message);
+}
+
+}  // namespace
+
+extern "C" {
+
+int __android_log_write(int prio, const char* tag, const char* text) {
+    if (text == nullptr)
+        text = "";
+    {
+        std::lock_guard<std::mutex> lock(g_hook_mutex);
+        if (g_hook != nullptr)
+            g_hook(prio, tag, text, g_hook_ctx);
+    }
+    if (g_to_stderr.load())
+        WriteToStderr(prio, tag, text);
+    return 1;
+}
+
+int __android_log_vprint(int prio, const char* tag, const char* fmt, va_list ap) {
+    char buffer[4096];
+    vsnprintf(buffer, sizeof(buffer), fmt, ap);
+    return __android_log_write(prio, tag, buffer);
+}
+
+int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int result = __android_log_vprint(prio, tag, fmt, ap);
+    va_end(ap);
+    return result;
+}
+
+void marlo_host_set_log_hook(marlo_host_log_hook hook, void* ctx) {
+    std::lock_guard<std::mutex> lock(g_hook_mutex);
+    g_hook = hook;
+    g_hook_ctx = ctx;
+}
+
+void marlo_host_set_log_to_stderr(int enabled) {
+    g_to_stderr.store(enabled != 0);
+}
+
+}  // extern "C"

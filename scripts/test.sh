@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Sets up the machine, builds everything and runs every test suite.
+# Under CI (CI=true) warnings are errors and the unit tests run a second
+# time in an AddressSanitizer + UndefinedBehaviorSanitizer build.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/setup.sh
+
+JOBS=$(nproc)
+WERROR=OFF
+[ "${CI:-}" = "true" ] && WERROR=ON
+
+run_suite() {
+    local dir=$1
+    shift
+    cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DMARLO_WERROR=$WERROR "$@" >/dev/null
+    cmake --build "$dir" -j "$JOBS"
+    ctest --test-dir "$dir" -j "$JOBS" --output-on-failure --timeout 300
+}
+
+if [ "${CI:-}" = "true" ] || [ "${MARLO_SANITIZE_TESTS:-}" = "1" ]; then
+    echo "== address + undefined sanitizer build =="
+    run_suite build-asan -DMARLO_SANITIZE=address,undefined -DMARLO_BUILD_BENCHMARKS=OFF \
+        -DCMAKE_BUILD_TYPE=Debug
+fi
+
+echo "== release build =="
+run_suite build

@@ -1,0 +1,102 @@
+#include <marlo/base/logger.h>
+
+#include <android/log.h>
+#include <cutils/properties.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <map>
+
+namespace tessaro::marlo {
+
+namespace {
+
+constexpr char kLogLevelProperty[] = "persist.vendor.tessaro.marlo.loglevel";
+
+const std::map<marlo_log_severity, android_LogPriority>& SeverityToPriority() {
+    static const std::map<marlo_log_severity, android_LogPriority> kMap = {
+        {MARLO_LOG_VERBOSE, ANDROID_LOG_VERBOSE}, {MARLO_LOG_DEBUG, ANDROID_LOG_DEBUG},
+        {MARLO_LOG_INFO, ANDROID_LOG_INFO},       {MARLO_LOG_WARN, ANDROID_LOG_WARN},
+        {MARLO_LOG_ERROR, ANDROID_LOG_ERROR},     {MARLO_LOG_FATAL, ANDROID_LOG_FATAL},
+    };
+    return kMap;
+}
+
+android_LogPriority PriorityOf(marlo_log_severity severity) {
+    // A severity above 5 has no Android counterpart and goes out as UNKNOWN.
+    // The map stays read-only so that concurrent callers never race on it.
+    const auto& map = SeverityToPriority();
+    auto it = map.find(severity);
+    return it != map.end() ? it->second : ANDROID_LOG_UNKNOWN;
+}
+
+}  // namespace
+
+namespace detail {
+
+std::string FormatLogLine(LogSeverity severity, const char* tag, const char* message) {
+    static const char severityToString[] = "VIDWEF";
+
+    char stamp[32];
+    time_t now = time(nullptr);
+    struct tm local;
+    localtime_r(&now, &local);
+    strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", &local);
+
+    // Out-of-range severities would read past the letter table.
+    char letter = (severity >= 0 && severity <= LOG_SEVERITY_FATAL) ? severityToString[severity]
+                                                                    : '?';
+    std::string line(stamp);
+    line += '|';
+    line += letter;
+    line += '|';
+    line += tag != nullptr ? tag : "";
+    line += '|';
+    line += message != nullptr ? message : "";
+    line += '\n';
+    return line;
+}
+
+}  // namespace detail
+
+ConsoleLogger::ConsoleLogger(bool flush) : flush_(flush) {}
+
+void ConsoleLogger::WriteToLog(const std::string& line) {
+    fputs(line.c_str(), stdout);
+    if (flush_)
+        fflush(stdout);
+}
+
+FileLogger::FileLogger(const std::string& path)
+    : stream_(path, std::ios::out | std::ios::app), path_(path) {}
+
+FileLogger::~FileLogger() {
+    stream_.close();
+}
+
+void FileLogger::WriteToLog(const std::string& line) {
+    stream_.write(line.data(), static_cast<std::streamsize>(line.size()));
+}
+
+std::unique_ptr<BaseLogger> LogManager::logger_;
+
+}  // namespace tessaro::marlo
+
+using tessaro::marlo::PriorityOf;
+
+extern "C" void marlo_log(marlo_log_severity severity, const char* tag, const char* fmt, ...) {
+    if (severity < 0)
+        return;
+
+    char level[PROPERTY_VALUE_MAX];
+    property_get(tessaro::marlo::kLogLevelProperty, level, "4");
+    if (atoi(level) > severity)
+        return;
+
+    va_list args;
+    va_start(args, fmt);
+    __android_log_vprint(PriorityOf(severity), tag, fmt, args);
+    va_end(args);
+}
