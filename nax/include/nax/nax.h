@@ -1,0 +1,139 @@
+/*
+ * The 2D raster engine's user-space interface (libnax.so).
+ *
+ * libmarlo opens the engine library at run time and resolves these entry
+ * points by name: the seven operations by their C++ (mangled) names, the
+ * buffer and sync entry points by their plain C names. The board's vendor
+ * library and the software engine of this repository both implement it.
+ */
+#pragma once
+
+#include <stdint.h>
+
+/*
+ * Engine format codes: a format index shifted left by 8. Each name spells
+ * the byte order in memory (RGBA_8888 is bytes R,G,B,A), so every code
+ * names one memory layout.
+ */
+enum nax_format {
+    NAX_FORMAT_RGBA_8888 = 0x0 << 8,   /* bytes R,G,B,A */
+    NAX_FORMAT_RGBX_8888 = 0x1 << 8,   /* bytes R,G,B,X */
+    NAX_FORMAT_RGB_888 = 0x2 << 8,     /* bytes R,G,B */
+    NAX_FORMAT_BGRA_8888 = 0x3 << 8,   /* bytes B,G,R,A */
+    NAX_FORMAT_RGB_565 = 0x4 << 8,     /* 16-bit, R in the high 5 bits */
+    NAX_FORMAT_BGR_888 = 0x7 << 8,     /* bytes B,G,R */
+    NAX_FORMAT_YCbCr_422_SP = 0x8 << 8,  /* NV16: Y plane, interleaved Cb,Cr at full height */
+    NAX_FORMAT_YCbCr_420_SP = 0xA << 8,  /* NV12: Y plane, interleaved Cb,Cr at half height */
+    NAX_FORMAT_YCbCr_420_P = 0xB << 8,   /* I420: Y, Cb, Cr planes */
+    NAX_FORMAT_YCrCb_422_SP = 0xC << 8,  /* NV61 */
+    NAX_FORMAT_YCrCb_420_SP = 0xE << 8,  /* NV21 */
+    NAX_FORMAT_YCrCb_420_P = 0xF << 8,   /* YV12: Y, Cr, Cb planes */
+    NAX_FORMAT_Y4 = 0x14 << 8,           /* 4-bit grey, one pixel a byte in the high nibble */
+    NAX_FORMAT_Y8 = 0x15 << 8,           /* 8-bit grey */
+    NAX_FORMAT_BGRX_8888 = 0x16 << 8,    /* bytes B,G,R,X */
+    NAX_FORMAT_YVYU_422 = 0x18 << 8,     /* packed Y0 Cr Y1 Cb */
+    NAX_FORMAT_VYUY_422 = 0x1A << 8,     /* packed Cr Y0 Cb Y1 */
+    NAX_FORMAT_YUYV_422 = 0x1C << 8,     /* packed Y0 Cb Y1 Cr */
+    NAX_FORMAT_UYVY_422 = 0x1E << 8,     /* packed Cb Y0 Cr Y1 */
+    NAX_FORMAT_ARGB_8888 = 0x28 << 8,    /* bytes A,R,G,B */
+    NAX_FORMAT_XRGB_8888 = 0x29 << 8,    /* bytes X,R,G,B */
+    NAX_FORMAT_ABGR_8888 = 0x2C << 8,    /* bytes A,B,G,R */
+    NAX_FORMAT_XBGR_8888 = 0x2D << 8,    /* bytes X,B,G,R */
+};
+
+/* Mode bits of the `usage` argument of nax_process(). */
+#define NAX_USAGE_SYNC 0x80000    /* the job is finished when the call returns */
+#define NAX_USAGE_ASYNC 0x4000000 /* the job may finish later; see releaseFence */
+
+/*
+ * Transform bits of the `usage` argument of nax_process(), which clients
+ * set in FrameBufferInfo::transform. Rotation is clockwise and applied
+ * before mirroring; at most one rotation bit is set.
+ */
+#define NAX_TRANSFORM_ROT_90 0x1
+#define NAX_TRANSFORM_ROT_180 0x2
+#define NAX_TRANSFORM_ROT_270 0x4
+#define NAX_TRANSFORM_FLIP_H 0x8 /* mirror left to right */
+#define NAX_TRANSFORM_FLIP_V 0x10 /* mirror top to bottom */
+#define NAX_TRANSFORM_MASK 0x1F
+
+/* Rotation angles of nax_rotate() and mirror modes of nax_flip(). */
+#define NAX_ROTATE_90 90
+#define NAX_ROTATE_180 180
+#define NAX_ROTATE_270 270
+#define NAX_FLIP_H 0
+#define NAX_FLIP_V 1
+
+/* A rectangle in pixels; all zero means the whole image. */
+typedef struct nax_rect {
+    int32_t x;
+    int32_t y;
+    int32_t width;
+    int32_t height;
+} nax_rect;
+
+/* An image as the engine sees it: an imported handle with its geometry. */
+typedef struct nax_buffer {
+    uint32_t handle;   /* from nax_import_*; 0 is no image */
+    int32_t width;     /* pixels */
+    int32_t height;    /* rows */
+    int32_t wstride;   /* row pitch in pixels */
+    int32_t hstride;   /* rows between planes */
+    int32_t format;    /* enum nax_format */
+    uint64_t reserved[2];
+} nax_buffer_t;
+
+/* Extra options of nax_process(); NULL asks for none. */
+typedef struct nax_opt {
+    uint32_t color;        /* fill colour for the pattern, RGBA */
+    uint32_t global_alpha; /* 0..255, blending with the pattern */
+    uint32_t reserved[6];
+} nax_opt;
+
+/* What nax_import_*() needs to know of the memory behind a handle. */
+typedef struct nax_import_param {
+    uint32_t width;
+    uint32_t height;
+    uint32_t format; /* enum nax_format */
+} nax_import_param_t;
+
+/*
+ * Operations. `sync` 1 finishes the job before returning; 0 may leave it
+ * running and then stores in *releaseFence a fence that signals its end (or
+ * -1 when it is already done). Each returns 0 or a negative errno value.
+ */
+int nax_resize(nax_buffer_t src, nax_buffer_t dst, double fx, double fy, int interpolation,
+               int sync, int* releaseFence);
+int nax_crop(nax_buffer_t src, nax_buffer_t dst, nax_rect rect, int sync, int* releaseFence);
+int nax_cvtcolor(nax_buffer_t src, nax_buffer_t dst, int srcFormat, int dstFormat, int mode,
+                 int sync, int* releaseFence);
+int nax_rotate(nax_buffer_t src, nax_buffer_t dst, int rotation, int sync, int* releaseFence);
+int nax_flip(nax_buffer_t src, nax_buffer_t dst, int mode, int sync, int* releaseFence);
+int nax_copy(nax_buffer_t src, nax_buffer_t dst, int sync, int* releaseFence);
+/*
+ * Crops srect of src, scales it into drect of dst, converting the format
+ * and applying the transform bits of `usage`; the pattern is not read when
+ * its handle is 0. The mode bits of `usage` choose synchronous or not.
+ */
+int nax_process(nax_buffer_t src, nax_buffer_t dst, nax_buffer_t pat, nax_rect srect,
+                nax_rect drect, nax_rect prect, int acquireFence, int* releaseFence,
+                nax_opt* opt, int usage);
+
+extern "C" {
+
+/* Buffer descriptions and imports; a returned handle of 0 is a failure. */
+nax_buffer_t nax_wrap_handle(uint32_t handle, int width, int height, int wstride, int hstride,
+                             int format);
+nax_buffer_t nax_wrap_fd(int fd, int width, int height, int wstride, int hstride, int format);
+nax_buffer_t nax_wrap_paddr(uint64_t paddr, int width, int height, int wstride, int hstride,
+                            int format);
+nax_buffer_t nax_wrap_vaddr(uintptr_t vaddr, int width, int height, int wstride, int hstride,
+                            int format);
+uint32_t nax_import_fd(int fd, nax_import_param_t* param);
+uint32_t nax_import_paddr(uint64_t paddr, nax_import_param_t* param);
+uint32_t nax_import_vaddr(uintptr_t vaddr, nax_import_param_t* param);
+int nax_release_handle(uint32_t handle);
+/* Waits for a release fence of an asynchronous job and closes it. */
+int nax_sync(int fence);
+
+}  // extern "C"
