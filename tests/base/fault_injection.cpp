@@ -62,4 +62,12 @@ int epoll_create1(int flags) noexcept {
     return real(flags);
 }
 
+int epoll_wait(int epfd, struct epoll_event* events, int maxevents, int timeout) {
+    marlo_test::Faults().epollWaitCalls++;
+    marlo_test::Faults().epollWaitMaxEvents = maxevents;
+    using Fn = int (*)(int, struct epoll_event*, int, int);
+    static Fn real = Real<Fn>("epoll_wait");
+    return real(epfd, events, maxevents, timeout);
+}
+
 }  // extern "C"

@@ -15,6 +15,10 @@ struct SystemCallFaults {
     std::atomic<bool> pthreadSetschedparam{false};
     std::atomic<bool> schedGetaffinity{false};
     std::atomic<bool> epollCreate1{false};
+
+    /* Counts every epoll_wait call and records its maxevents argument. */
+    std::atomic<int> epollWaitCalls{0};
+    std::atomic<int> epollWaitMaxEvents{-1};
 };
 
 SystemCallFaults& Faults();
