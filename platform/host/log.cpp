@@ -5,6 +5,7 @@
 #include <android/log.h>
 #include <marlo_host/hooks.h>
 
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/syscall.h>
@@ -22,6 +23,15 @@ std::mutex g_hook_mutex;
 marlo_host_log_hook g_hook = nullptr;
 void* g_hook_ctx = nullptr;
 std::atomic<bool> g_to_stderr{true};
+
+class ErrnoRestorer {
+public:
+    ErrnoRestorer() : saved_(errno) {}
+    ~ErrnoRestorer() { errno = saved_; }
+
+private:
+    int saved_;
+};
 
 char PriorityLetter(int prio) {
     static const char kLetters[] = "??VDIWEFS";
@@ -51,6 +61,8 @@ void WriteToStderr(int prio, const char* tag, const char* message) {
 extern "C" {
 
 int __android_log_write(int prio, const char* tag, const char* text) {
+    // Callers log a failure and then read errno, as liblog allows.
+    ErrnoRestorer errno_restorer;
     if (text == nullptr)
         text = "";
     {

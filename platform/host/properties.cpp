@@ -125,11 +125,15 @@ int64_t property_get_int64(const char* key, int64_t default_value) {
     char value[PROPERTY_VALUE_MAX];
     if (property_get(key, value, nullptr) == 0)
         return default_value;
+    // As libcutils: leading digits count ("12abc" is 12), nothing at all or
+    // an overflow gives the default, and the caller's errno survives.
+    int saved_errno = errno;
     char* end = nullptr;
     errno = 0;
     intmax_t result = strtoimax(value, &end, 0);
-    if (errno == ERANGE || end == value || *end != '\0')
-        return default_value;
+    if ((errno == ERANGE && (result == INTMAX_MIN || result == INTMAX_MAX)) || end == value)
+        result = default_value;
+    errno = saved_errno;
     return result;
 }
 

@@ -20,7 +20,10 @@ int property_get(const char* key, char* value, const char* default_value);
 /* "1", "y", "yes", "on", "true" are true; "0", "n", "no", "off", "false" false. */
 int8_t property_get_bool(const char* key, int8_t default_value);
 
-/* Decimal, octal (0 prefix) or hex (0x prefix); anything else gives the default. */
+/*
+ * Decimal, octal (0 prefix) or hex (0x prefix) leading digits; no digits or
+ * a value out of range gives the default.
+ */
 int64_t property_get_int64(const char* key, int64_t default_value);
 int32_t property_get_int32(const char* key, int32_t default_value);
 
