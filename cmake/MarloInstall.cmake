@@ -13,6 +13,12 @@ install(TARGETS marlo marlo_platform
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
+# The host platform library's headers (Android's C interfaces and the test
+# hooks), where the exported Marlo::marlo_platform target looks for them.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/host/include/
+                  ${PROJECT_SOURCE_DIR}/platform/include/
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/marlo_platform)
+
 if(TARGET nax)
     install(TARGETS nax LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endif()
