@@ -438,13 +438,18 @@ TEST(IoThread, WithoutTimeoutTheLoopSleepsUntilAnEvent) {
             ++calls;
         },
         EPOLLIN);
-    int before = marlo_test::Faults().epollWaitCalls;
+    auto waits = [before = marlo_test::Faults().epollWaitCalls.load()] {
+        return marlo_test::Faults().epollWaitCalls - before;
+    };
     io.Start();
+    ASSERT_TRUE(WaitFor([&] { return waits() == 1; }));
     std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(marlo_test::Faults().epollWaitCalls - before, 1);
+    EXPECT_EQ(waits(), 1);
     pipe.signal();
     ASSERT_TRUE(WaitFor([&] { return calls.load() == 1; }));
-    EXPECT_EQ(marlo_test::Faults().epollWaitCalls - before, 2);
+    ASSERT_TRUE(WaitFor([&] { return waits() == 2; }));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(waits(), 2);
     io.Stop();
 }
 
@@ -456,21 +461,23 @@ TEST(IoThread, APositiveTimeoutGoesOnWithEmptyBatches) {
         pipe.reader(), [&](int, unsigned) { ++calls; }, EPOLLIN);
     io.SetTimeout(20);
     LogCapture capture;
-    int before = marlo_test::Faults().epollWaitCalls;
+    auto waits = [before = marlo_test::Faults().epollWaitCalls.load()] {
+        return marlo_test::Faults().epollWaitCalls - before;
+    };
+    auto begin = std::chrono::steady_clock::now();
     io.Start();
-    std::this_thread::sleep_for(300ms);
-    int waits = marlo_test::Faults().epollWaitCalls - before;
-    EXPECT_GE(waits, 5);
-    EXPECT_LE(waits, 16);
+    // Five waits mean four that timed out, each after 20 ms.
+    ASSERT_TRUE(WaitFor([&] { return waits() >= 5; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 80ms);
     EXPECT_EQ(calls, 0);
     EXPECT_FALSE(capture.containsText("epoll_wait failed"));
 
-    // Back to no limit: the loop settles in one wait after the current one.
+    // Back to no limit: after the wait in progress the loop sleeps.
     io.SetTimeout(-1);
-    std::this_thread::sleep_for(50ms);
-    int settled = marlo_test::Faults().epollWaitCalls;
-    std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(marlo_test::Faults().epollWaitCalls, settled);
+    std::this_thread::sleep_for(100ms);
+    int settled = waits();
+    std::this_thread::sleep_for(300ms);
+    EXPECT_LE(waits(), settled + 1);
     io.Stop();
 }
 
@@ -686,8 +693,9 @@ TEST(IoThread, ALoopEndedFromOutsideCanBeStartedAgain) {
     int first = io.wakeupFd();
     WriteCounter(first, 1);
     ASSERT_TRUE(WaitFor([&] { return capture.containsText("Wakeup IO thread"); }));
-    std::this_thread::sleep_for(20ms);
+    std::this_thread::sleep_for(100ms);  // the handler marks the loop stopped after logging
     io.Start();
+    EXPECT_EQ(capture.count("Starting IO thread which already started!!"), 0u);
     EXPECT_GE(io.wakeupFd(), 0);
     EXPECT_FALSE(capture.containsText("Thread already started"));
     io.Stop();
