@@ -65,7 +65,8 @@ TEST(MapSystemError, EagainIsIoPending) {
     LogCapture capture;
     EXPECT_EQ(MapSystemError(EAGAIN), -1);
     EXPECT_EQ(MapSystemError(EAGAIN), ERR_IO_PENDING);
-    std::string expected = std::string("Error ") + std::to_string(EAGAIN) + " : " + strerror(EAGAIN) + "\n";
+    std::string expected =
+        std::string("Error ") + std::to_string(EAGAIN) + " : " + strerror(EAGAIN) + "\n";
     EXPECT_TRUE(capture.contains(ANDROID_LOG_ERROR, "marlo_base", expected));
 }
 
@@ -84,17 +85,17 @@ TEST(MapSystemError, EioLogsBothMessagesAndFails) {
 TEST(MapSystemError, FullTable) {
     LogCapture capture;
     const std::pair<int, int> table[] = {
-        {EPERM, -10},        {EACCES, -10},       {EISDIR, -10},        {ETXTBSY, -10},
-        {EROFS, -10},        {ENOENT, -6},        {ENOTDIR, -6},        {E2BIG, -4},
-        {EFAULT, -4},        {ENODEV, -4},        {EINVAL, -4},         {EBADF, -5},
-        {EAGAIN, -1},        {ENOMEM, -13},       {EBUSY, -12},         {ENFILE, -12},
-        {EMFILE, -12},       {EDEADLK, -12},      {ENOLCK, -12},        {EUSERS, -12},
-        {EEXIST, -16},       {EFBIG, -8},         {ENOSPC, -18},        {EDQUOT, -18},
-        {EPIPE, -101},       {ENETRESET, -101},   {ECONNRESET, -101},   {ENAMETOOLONG, -17},
-        {ENOSYS, -11},       {ENOPROTOOPT, -11},  {EOPNOTSUPP, -11},    {EMSGSIZE, -142},
-        {EAFNOSUPPORT, -109}, {ENETUNREACH, -109}, {EHOSTDOWN, -109},   {EHOSTUNREACH, -109},
-        {EADDRINUSE, -147},  {EADDRNOTAVAIL, -108}, {ENETDOWN, -106},   {ECONNABORTED, -103},
-        {ENOBUFS, -176},     {EISCONN, -23},      {ENOTCONN, -15},      {ETIMEDOUT, -7},
+        {EPERM, -10},         {EACCES, -10},         {EISDIR, -10},      {ETXTBSY, -10},
+        {EROFS, -10},         {ENOENT, -6},          {ENOTDIR, -6},      {E2BIG, -4},
+        {EFAULT, -4},         {ENODEV, -4},          {EINVAL, -4},       {EBADF, -5},
+        {EAGAIN, -1},         {ENOMEM, -13},         {EBUSY, -12},       {ENFILE, -12},
+        {EMFILE, -12},        {EDEADLK, -12},        {ENOLCK, -12},      {EUSERS, -12},
+        {EEXIST, -16},        {EFBIG, -8},           {ENOSPC, -18},      {EDQUOT, -18},
+        {EPIPE, -101},        {ENETRESET, -101},     {ECONNRESET, -101}, {ENAMETOOLONG, -17},
+        {ENOSYS, -11},        {ENOPROTOOPT, -11},    {EOPNOTSUPP, -11},  {EMSGSIZE, -142},
+        {EAFNOSUPPORT, -109}, {ENETUNREACH, -109},   {EHOSTDOWN, -109},  {EHOSTUNREACH, -109},
+        {EADDRINUSE, -147},   {EADDRNOTAVAIL, -108}, {ENETDOWN, -106},   {ECONNABORTED, -103},
+        {ENOBUFS, -176},      {EISCONN, -23},        {ENOTCONN, -15},    {ETIMEDOUT, -7},
         {ECONNREFUSED, -102}, {ECANCELED, -3},
     };
     for (const auto& [err, code] : table)
@@ -112,6 +113,7 @@ TEST(MapSystemError, UnlistedValuesFail) {
     EXPECT_EQ(MapSystemError(4000), ERR_FAILED);
     EXPECT_EQ(MapSystemError(-3), ERR_FAILED);
     EXPECT_EQ(MapSystemError(EINTR), ERR_FAILED);
-    EXPECT_EQ(capture.count(std::string("Unknown error ") + strerror(-3) + " mapped to ERR_FAILED\n"),
-              1u);
+    EXPECT_EQ(
+        capture.count(std::string("Unknown error ") + strerror(-3) + " mapped to ERR_FAILED\n"),
+        1u);
 }

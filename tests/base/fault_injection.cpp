@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 
 namespace marlo_test {
 
@@ -60,6 +61,25 @@ int epoll_create1(int flags) noexcept {
     using Fn = int (*)(int);
     static Fn real = Real<Fn>("epoll_create1");
     return real(flags);
+}
+
+int eventfd(unsigned int count, int flags) noexcept {
+    if (marlo_test::Faults().eventfd) {
+        errno = EMFILE;
+        return -1;
+    }
+    using Fn = int (*)(unsigned int, int);
+    static Fn real = Real<Fn>("eventfd");
+    return real(count, flags);
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*),
+                   void* arg) noexcept {
+    if (marlo_test::Faults().pthreadCreate)
+        return EAGAIN;
+    using Fn = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static Fn real = Real<Fn>("pthread_create");
+    return real(thread, attr, start, arg);
 }
 
 int epoll_wait(int epfd, struct epoll_event* events, int maxevents, int timeout) {

@@ -15,6 +15,8 @@ struct SystemCallFaults {
     std::atomic<bool> pthreadSetschedparam{false};
     std::atomic<bool> schedGetaffinity{false};
     std::atomic<bool> epollCreate1{false};
+    std::atomic<bool> eventfd{false};
+    std::atomic<bool> pthreadCreate{false};
 
     /* Counts every epoll_wait call and records its maxevents argument. */
     std::atomic<int> epollWaitCalls{0};

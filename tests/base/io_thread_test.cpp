@@ -714,6 +714,46 @@ TEST(IoThread, DestroyingARunningLoopStopsIt) {
     EXPECT_TRUE(leaks.unchanged());
 }
 
+TEST(IoThread, WithoutAWakeupDescriptorTheLoopDoesNotStart) {
+    IoThread io;
+    LogCapture capture;
+    {
+        marlo_test::ScopedFault fault(marlo_test::Faults().eventfd);
+        io.Start();
+    }
+    EXPECT_TRUE(
+        capture.contains(ANDROID_LOG_ERROR, kTag,
+                         "Create IO thread wakeup fd failed: Too many open files, not started"));
+    EXPECT_EQ(io.wakeupFd(), -1);
+
+    // Still stopped, so a later start works.
+    capture.clear();
+    io.Start();
+    EXPECT_GE(io.wakeupFd(), 0);
+    EXPECT_FALSE(capture.containsText("already started"));
+    io.Stop();
+}
+
+TEST(IoThread, AWakeupDescriptorThatCannotBeWatchedIsDropped) {
+    marlo_test::FdLeakCheck leaks;
+    LogCapture capture;
+    {
+        std::unique_ptr<IoThread> io;
+        {
+            marlo_test::ScopedFault fault(marlo_test::Faults().epollCreate1);
+            io = std::make_unique<IoThread>();
+        }
+        EXPECT_TRUE(capture.contains(ANDROID_LOG_ERROR, kTag, "epoll_create1 failed"));
+        EXPECT_EQ(io->fd(), -1);
+        io->Start();
+        EXPECT_TRUE(capture.contains(ANDROID_LOG_ERROR, kTag, "epoll_ctl failed to add fd\n"));
+        EXPECT_TRUE(capture.containsText("Register IO thread wakeup fd("));
+        EXPECT_TRUE(capture.containsText(") failed, not started"));
+        EXPECT_EQ(io->wakeupFd(), -1);
+    }
+    EXPECT_TRUE(leaks.unchanged());
+}
+
 TEST(IoThreadDeathTest, AnEmptyHandlerTerminatesWhenDispatched) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(

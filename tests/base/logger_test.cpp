@@ -94,7 +94,7 @@ TEST(MarloLog, LevelChangesWhileRunning) {
 
 // A logger whose sink keeps the line, to look at LogMessage's format.
 class RecordingLogger : public Logger<RecordingLogger> {
-public:
+  public:
     void WriteToLog(const std::string& line) override { lines.push_back(line); }
     std::vector<std::string> lines;
 };

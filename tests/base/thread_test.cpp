@@ -425,3 +425,26 @@ TEST(ThreadDeathTest, DestroyingTheObjectFromItsOwnThreadTerminates) {
         },
         "");
 }
+
+TEST(Thread, AThreadThatCannotBeCreatedThrowsAndStaysStopped) {
+    Thread thread;
+    bool threw = false;
+    {
+        marlo_test::ScopedFault fault(marlo_test::Faults().pthreadCreate);
+        try {
+            thread.start([] {});
+        } catch (const std::system_error& error) {
+            threw = true;
+            EXPECT_NE(std::string(error.what()).find("thread constructor failed"),
+                      std::string::npos)
+                << error.what();
+            EXPECT_EQ(error.code().value(), EAGAIN);
+        }
+    }
+    EXPECT_TRUE(threw);
+    EXPECT_TRUE(thread.stopped());
+    EXPECT_FALSE(thread.joinable());
+    auto begin = std::chrono::steady_clock::now();
+    thread.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
+}
