@@ -24,15 +24,6 @@ marlo_host_log_hook g_hook = nullptr;
 void* g_hook_ctx = nullptr;
 std::atomic<bool> g_to_stderr{true};
 
-class ErrnoRestorer {
-public:
-    ErrnoRestorer() : saved_(errno) {}
-    ~ErrnoRestorer() { errno = saved_; }
-
-private:
-    int saved_;
-};
-
 char PriorityLetter(int prio) {
     static const char kLetters[] = "??VDIWEFS";
     return prio >= 0 && prio <= ANDROID_LOG_SILENT ? kLetters[prio] : '?';
@@ -62,7 +53,7 @@ extern "C" {
 
 int __android_log_write(int prio, const char* tag, const char* text) {
     // Callers log a failure and then read errno, as liblog allows.
-    ErrnoRestorer errno_restorer;
+    int saved_errno = errno;
     if (text == nullptr)
         text = "";
     {
@@ -72,6 +63,7 @@ int __android_log_write(int prio, const char* tag, const char* text) {
     }
     if (g_to_stderr.load())
         WriteToStderr(prio, tag, text);
+    errno = saved_errno;
     return 1;
 }
 
