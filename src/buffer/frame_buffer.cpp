@@ -35,7 +35,7 @@ void* FrameBuffer::MapThrough(FrameBufferAllocator* allocator) {
     if (mapped_ != nullptr)
         return mapped_;
     if (allocator == nullptr) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: buffer %p has no allocator", __func__, this);
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: buffer %p has no allocator", "Map", this);
         return nullptr;
     }
     // A null result is cached as well: the next Map() asks the allocator again.
@@ -44,21 +44,17 @@ void* FrameBuffer::MapThrough(FrameBufferAllocator* allocator) {
 }
 
 int FrameBuffer::UnMapThrough(FrameBufferAllocator* allocator) {
-    if (mapped_ == nullptr)
+    // Only an allocator fills the cache, so a cached address implies one.
+    if (mapped_ == nullptr || allocator == nullptr)
         return OK;
     mapped_ = nullptr;
-    if (allocator == nullptr) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: buffer %p has no allocator", __func__, this);
-        return ERR_INVALID_ARGUMENT;
-    }
     return allocator->UnMap(this);
 }
 
 void FrameBuffer::ReleaseThrough(FrameBufferAllocator* allocator) {
     if (allocator == nullptr) {
-        marlo_log(MARLO_LOG_WARN, kTag, "%s: buffer %p has no allocator to return to", __func__,
+        marlo_log(MARLO_LOG_WARN, kTag, "%s: buffer %p has no allocator to return to", "Free",
                   this);
-        mapped_ = nullptr;
         return;
     }
     // The memory must be unlocked before the allocator takes it back.

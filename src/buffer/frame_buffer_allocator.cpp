@@ -93,6 +93,15 @@ GrallocFrameBuffer* AsGralloc(FrameBuffer* fb, const char* operation) {
     return gralloc;
 }
 
+/* A buffer whose handle was freed already has nothing left to give back. */
+bool HasHandle(const GrallocFrameBuffer* fb, const char* operation) {
+    if (fb->handle() != nullptr)
+        return true;
+    marlo_log(MARLO_LOG_ERROR, kTag, "%s: buffer %p holds no handle", operation,
+              static_cast<const void*>(fb));
+    return false;
+}
+
 }  // namespace
 
 namespace detail {
@@ -193,12 +202,8 @@ int GrallocFrameBufferAllocator::Free(FrameBuffer* fb) {
         return ERR_INVALID_ARGUMENT;
     }
     GrallocFrameBuffer* gralloc = AsGralloc(fb, __func__);
-    if (gralloc == nullptr)
+    if (gralloc == nullptr || !HasHandle(gralloc, __func__))
         return ERR_INVALID_ARGUMENT;
-    if (gralloc->handle_ == nullptr) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: buffer %p holds no handle", __func__, fb);
-        return ERR_INVALID_ARGUMENT;
-    }
     if (GraphicBufferAllocator::get().free(gralloc->handle_) != android::NO_ERROR) {
         marlo_log(MARLO_LOG_ERROR, kTag, "Failed to free buffer");
         return ERR_FAILED;
@@ -214,7 +219,7 @@ void* GrallocFrameBufferAllocator::Map(FrameBuffer* fb) {
         return nullptr;
     }
     GrallocFrameBuffer* gralloc = AsGralloc(fb, __func__);
-    if (gralloc == nullptr)
+    if (gralloc == nullptr || !HasHandle(gralloc, __func__))
         return nullptr;
 
     constexpr uint32_t kMaxExtent = std::numeric_limits<int32_t>::max();
@@ -236,7 +241,7 @@ int GrallocFrameBufferAllocator::UnMap(FrameBuffer* fb) {
         return ERR_INVALID_ARGUMENT;
     }
     GrallocFrameBuffer* gralloc = AsGralloc(fb, __func__);
-    if (gralloc == nullptr)
+    if (gralloc == nullptr || !HasHandle(gralloc, __func__))
         return ERR_INVALID_ARGUMENT;
     if (GraphicBufferMapper::get().unlock(gralloc->handle_) != android::NO_ERROR) {
         marlo_log(MARLO_LOG_ERROR, kTag, "Failed to unmap buffer");

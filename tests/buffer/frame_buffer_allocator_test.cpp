@@ -391,10 +391,18 @@ TEST_F(GrallocAllocatorTest, SecondFreeFindsNoHandle) {
     EXPECT_EQ(allocator_.Free(fb.get()), 0);
     EXPECT_EQ(static_cast<GrallocFrameBuffer*>(fb.get())->handle(), nullptr);
     FrameBuffer* address = fb.get();
+    Record();
+    EXPECT_EQ(fb->Map(), nullptr);
+    EXPECT_EQ(allocator_.UnMap(fb.get()), -4);
     fb.reset();  // the destructor's Free finds nothing left to free
+    EXPECT_TRUE(recorder_.calls.empty());
     EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag,
                               Formatted("Free: buffer %p holds no handle", address)))
         << logs.dump();
+    EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag,
+                              Formatted("Map: buffer %p holds no handle", address)));
+    EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag,
+                              Formatted("UnMap: buffer %p holds no handle", address)));
 }
 
 TEST_F(GrallocAllocatorTest, ImportWrapsOwnCopyOfHandle) {

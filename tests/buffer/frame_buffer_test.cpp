@@ -345,10 +345,10 @@ TEST(FrameBufferTest, MissingAllocatorIsReported) {
         EXPECT_EQ(fb.UnMap(), 0);
     }
     char expected[96];
-    snprintf(expected, sizeof(expected), "MapThrough: buffer %p has no allocator",
+    snprintf(expected, sizeof(expected), "Map: buffer %p has no allocator",
              static_cast<void*>(address));
     EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag, expected)) << logs.dump();
-    snprintf(expected, sizeof(expected), "ReleaseThrough: buffer %p has no allocator to return to",
+    snprintf(expected, sizeof(expected), "Free: buffer %p has no allocator to return to",
              static_cast<void*>(address));
     EXPECT_TRUE(logs.contains(ANDROID_LOG_WARN, kTag, expected)) << logs.dump();
 }

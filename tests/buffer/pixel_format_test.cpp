@@ -4,6 +4,7 @@
 
 #include <android/log.h>
 
+#include <thread>
 #include <vector>
 
 #include "buffer/pixel_format_tables.h"
@@ -246,4 +247,25 @@ TEST(ColorSpaceTest, ConstantsHoldTheirFields) {
     EXPECT_EQ(sizeof(ColorSpace), 16u);
     EXPECT_EQ(ColorSpace::RANGE_LIMITED, 0u);
     EXPECT_EQ(ColorSpace::RANGE_FULL, 1u);
+}
+
+TEST(FourccFormatTest, ConversionsFromManyThreads) {
+    // The maps are read-only after load, so readers need no lock.
+    std::vector<std::thread> threads;
+    std::vector<int> mismatches(4, 0);
+    for (size_t t = 0; t < mismatches.size(); t++) {
+        threads.emplace_back([t, &mismatches] {
+            for (int i = 0; i < 500; i++) {
+                for (const Row& row : kNaxRows)
+                    if (row.format != FOURCC_XR24 &&
+                        NaxFormatToFourccFormat(FourccFormatToNaxFormat(row.format)) != row.format)
+                        mismatches[t]++;
+                if (HalFormatToFourccFormat(0x11, 1, 2) != FOURCC_NV21)
+                    mismatches[t]++;
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(mismatches, std::vector<int>(4, 0));
 }
