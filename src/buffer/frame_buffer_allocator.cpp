@@ -102,6 +102,23 @@ bool HasHandle(const GrallocFrameBuffer* fb, const char* operation) {
     return false;
 }
 
+/*
+ * Formats outside the HAL table would terminate the forward conversion, so
+ * they are refused here, as is a missing output pointer.
+ */
+bool CheckRequest(const FrameBufferInfo& info, FrameBuffer** out, const char* operation) {
+    if (out == nullptr) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: no output buffer pointer", operation);
+        return false;
+    }
+    if (!detail::HasHalFormat(info.fourcc)) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: format 0x%08x has no graphics format", operation,
+                  static_cast<unsigned int>(info.fourcc));
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 namespace detail {
@@ -135,11 +152,8 @@ int decodeArmPlaneFds(const hidl_vec<uint8_t>& blob, std::vector<int64_t>* fds) 
 }  // namespace detail
 
 int GrallocFrameBufferAllocator::Allocate(FrameBufferInfo& info, FrameBuffer** out) {
-    if (out == nullptr || !detail::HasHalFormat(info.fourcc)) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: format 0x%08x without graphics format or no output",
-                  __func__, static_cast<unsigned int>(info.fourcc));
+    if (!CheckRequest(info, out, __func__))
         return ERR_INVALID_ARGUMENT;
-    }
 
     buffer_handle_t handle = nullptr;
     uint32_t stride = 0;
@@ -171,12 +185,12 @@ int GrallocFrameBufferAllocator::Allocate(FrameBufferInfo& info, FrameBuffer** o
 
 int GrallocFrameBufferAllocator::ImportBuffer(FrameBufferInfo& info, const native_handle* handle,
                                               FrameBuffer** out) {
-    if (out == nullptr || handle == nullptr || !detail::HasHalFormat(info.fourcc)) {
-        marlo_log(MARLO_LOG_ERROR, kTag,
-                  "%s: handle %p, format 0x%08x without graphics format or no output", __func__,
-                  handle, static_cast<unsigned int>(info.fourcc));
+    if (handle == nullptr) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: no handle to import", __func__);
         return ERR_INVALID_ARGUMENT;
     }
+    if (!CheckRequest(info, out, __func__))
+        return ERR_INVALID_ARGUMENT;
 
     buffer_handle_t imported = nullptr;
     android::status_t status = GraphicBufferMapper::get().importBuffer(

@@ -211,9 +211,12 @@ TEST_F(GrallocAllocatorTest, FormatOutsideHalTableIsRejected) {
     EXPECT_EQ(fb, nullptr);
     EXPECT_TRUE(recorder_.calls.empty());
     EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag,
-                              "Allocate: format 0x34324142 without graphics format or no output"))
+                              "Allocate: format 0x34324142 has no graphics format"))
         << logs.dump();
+    info.fourcc = FOURCC_AB24;
     EXPECT_EQ(allocator_.Allocate(info, nullptr), -4);
+    EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag, "Allocate: no output buffer pointer"));
+    EXPECT_TRUE(recorder_.calls.empty());
 }
 
 TEST_F(GrallocAllocatorTest, AllocationSizeFailureLeavesSizeZero) {
@@ -446,6 +449,13 @@ TEST_F(GrallocAllocatorTest, ImportFailure) {
 
     marlo_host_gralloc_set_failures(0);
     EXPECT_EQ(allocator_.ImportBuffer(info, nullptr, &fb), -4);
+    EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag, "ImportBuffer: no handle to import"));
+    FrameBufferInfo noHal = info;
+    noHal.fourcc = FOURCC_XR24;
+    EXPECT_EQ(allocator_.ImportBuffer(noHal, handle, &fb), -4);
+    EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag,
+                              "ImportBuffer: format 0x34325258 has no graphics format"));
+    EXPECT_EQ(allocator_.ImportBuffer(info, handle, nullptr), -4);
     FrameBufferInfo wrongStride = info;
     wrongStride.stride = info.stride + 16;
     EXPECT_EQ(allocator_.ImportBuffer(wrongStride, handle, &fb), -2);
