@@ -304,7 +304,7 @@ status_t GraphicBufferMapper::importBuffer(buffer_handle_t rawHandle, uint32_t w
                layerCount != static_cast<uint32_t>(IntOf(rawHandle, kIntLayerCount)) ||
                format != IntOf(rawHandle, kIntFormat) ||
                stride != static_cast<uint32_t>(IntOf(rawHandle, kIntStride))) {
-        // The description must fit the buffer behind the handle.
+        // Size, format and stride must match the buffer behind the handle.
         status = BAD_VALUE;
     } else if ((imported = native_handle_clone(rawHandle)) == nullptr) {
         status = NO_MEMORY;
