@@ -6,7 +6,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <drm_fourcc.h>
 #include <xf86drm.h>
 #include <xf86drmMode.h>
 
@@ -14,6 +13,7 @@
 
 #include <marlo/base/error.h>
 #include <marlo/base/logger.h>
+#include <marlo/buffer/pixel_format.h>
 
 #include "buffer/drm_node.h"
 
@@ -31,19 +31,19 @@ constexpr unsigned kInvalidHandle = 0xFFFFFFFF;
  * Rows the kernel must allocate for \a height lines of a format whose
  * plane-0 sample has the bits per pixel the caller passes: the chroma rows
  * of two-plane formats and the second byte of packed YUV pixels live in the
- * extra rows. The fourcc characters are the same for DRM and V4L2 codes.
+ * extra rows. DRM codes of these formats have the same four characters.
  */
 uint32_t RequestHeight(uint32_t height, unsigned fourcc) {
     switch (fourcc) {
-        case DRM_FORMAT_NV12:
-        case DRM_FORMAT_NV21:
+        case FOURCC_NV12:
+        case FOURCC_NV21:
             return height * 3 / 2;
-        case DRM_FORMAT_NV16:
-        case DRM_FORMAT_NV61:
-        case DRM_FORMAT_YUYV:
-        case DRM_FORMAT_YVYU:
-        case DRM_FORMAT_UYVY:
-        case DRM_FORMAT_VYUY:
+        case FOURCC_NV16:
+        case FOURCC_NV61:
+        case FOURCC_YUYV:
+        case FOURCC_YVYU:
+        case FOURCC_UYVY:
+        case FOURCC_VYUY:
             return height * 2;
         default:
             return height;

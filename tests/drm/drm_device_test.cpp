@@ -14,6 +14,7 @@
 #include <string>
 
 #include <marlo/base/error.h>
+#include <marlo/buffer/pixel_format.h>
 
 #include "support/fd_count.h"
 #include "support/log_capture.h"
@@ -26,7 +27,6 @@ namespace {
 
 constexpr char kTag[] = "marlo_drm";
 constexpr char kCard0[] = "/dev/dri/card0";
-constexpr unsigned kNv12 = 'N' | 'V' << 8 | '1' << 16 | '2' << 24;
 
 bool Card0Exists() {
     return access(kCard0, F_OK) == 0;
@@ -92,7 +92,7 @@ TEST(DrmDumbObject, DefaultIsAllZero) {
 TEST(DrmDeviceClosed, ZeroWidthLogsAndYieldsAllZero) {
     DrmDevice device(UniqueFd{});
     LogCapture capture;
-    ExpectAllZero(device.CreateDumbObject(0, 480, kNv12, 8));
+    ExpectAllZero(device.CreateDumbObject(0, 480, FOURCC_NV12, 8));
     EXPECT_TRUE(capture.contains(ANDROID_LOG_ERROR, kTag, "invalid width or height"))
         << capture.dump();
     EXPECT_EQ(capture.records().size(), 1u) << capture.dump();
@@ -101,7 +101,7 @@ TEST(DrmDeviceClosed, ZeroWidthLogsAndYieldsAllZero) {
 TEST(DrmDeviceClosed, ZeroHeightLogsAndYieldsAllZero) {
     DrmDevice device(UniqueFd{});
     LogCapture capture;
-    ExpectAllZero(device.CreateDumbObject(640, 0, kNv12, 8));
+    ExpectAllZero(device.CreateDumbObject(640, 0, FOURCC_NV12, 8));
     ExpectAllZero(device.CreateDumbObject(0, 0, 0, 32));
     EXPECT_EQ(capture.count("invalid width or height"), 2u) << capture.dump();
 }
@@ -124,7 +124,7 @@ TEST(DrmDeviceClosed, CreatePropertyBlobWithFlagsIsAlwaysNull) {
 TEST(DrmDeviceClosed, CreateFailureKeepsTheRequestedSize) {
     DrmDevice device(UniqueFd{});
     LogCapture capture;
-    DrmDumbObject object = device.CreateDumbObject(640, 480, kNv12, 8);
+    DrmDumbObject object = device.CreateDumbObject(640, 480, FOURCC_NV12, 8);
     EXPECT_EQ(object.width, 640u);
     EXPECT_EQ(object.height, 480u);
     EXPECT_EQ(object.handle, 0u);
@@ -257,7 +257,7 @@ TEST(DrmDeviceReal, DumbBufferRoundTrip) {
         if (device.fd() < 0)
             GTEST_SKIP() << kCard0 << " does not offer dumb buffers and atomic mode setting";
         EXPECT_TRUE(device.Available());
-        DrmDumbObject object = device.CreateDumbObject(64, 48, kNv12, 8);
+        DrmDumbObject object = device.CreateDumbObject(64, 48, FOURCC_NV12, 8);
         ASSERT_NE(object.handle, 0u);
         EXPECT_GE(object.pitch, 64u);
         EXPECT_GE(object.size, uint64_t{object.pitch} * 72);

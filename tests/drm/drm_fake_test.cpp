@@ -3,6 +3,10 @@
  * buffers, PRIME, property searches and what each mode-setting wrapper hands
  * to the kernel.
  */
+/* libdrm's own declarations first: the public header must agree with them. */
+#include <xf86drm.h>
+#include <xf86drmMode.h>
+
 #include <marlo/buffer/drm_device.h>
 
 #include <android/log.h>
@@ -13,13 +17,12 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
-#include <xf86drm.h>
-#include <xf86drmMode.h>
 
 #include <string>
 #include <vector>
 
 #include <marlo/base/error.h>
+#include <marlo/buffer/pixel_format.h>
 
 #include "buffer/drm_node.h"
 #include "fake_drm_node.h"
@@ -215,17 +218,28 @@ TEST_P(DumbHeight, KernelIsAskedForTheFormatsRows) {
     close(object.fd);
 }
 
+/* The library's own codes, and DRM's codes of the same formats. */
 INSTANTIATE_TEST_SUITE_P(
-    Formats, DumbHeight,
+    LibraryFormats, DumbHeight,
+    ::testing::Values(HeightRow{FOURCC_NV12, 480, 720}, HeightRow{FOURCC_NV21, 480, 720},
+                      HeightRow{FOURCC_NV12, 481, 721}, HeightRow{FOURCC_NV16, 480, 960},
+                      HeightRow{FOURCC_NV61, 480, 960}, HeightRow{FOURCC_YUYV, 480, 960},
+                      HeightRow{FOURCC_YVYU, 480, 960}, HeightRow{FOURCC_UYVY, 480, 960},
+                      HeightRow{FOURCC_VYUY, 480, 960}, HeightRow{FOURCC_RGB3, 480, 480},
+                      HeightRow{FOURCC_BGR3, 480, 480}, HeightRow{FOURCC_RGBP, 480, 480},
+                      HeightRow{FOURCC_AB24, 480, 480}, HeightRow{FOURCC_XR24, 480, 480},
+                      HeightRow{FOURCC_YU12, 480, 480}, HeightRow{FOURCC_YV12, 480, 480},
+                      HeightRow{FOURCC_NONE, 480, 480}, HeightRow{0, 480, 480}));
+
+INSTANTIATE_TEST_SUITE_P(
+    DrmFormats, DumbHeight,
     ::testing::Values(HeightRow{DRM_FORMAT_NV12, 480, 720}, HeightRow{DRM_FORMAT_NV21, 480, 720},
-                      HeightRow{DRM_FORMAT_NV12, 481, 721}, HeightRow{DRM_FORMAT_NV16, 480, 960},
-                      HeightRow{DRM_FORMAT_NV61, 480, 960}, HeightRow{DRM_FORMAT_YUYV, 480, 960},
-                      HeightRow{DRM_FORMAT_YVYU, 480, 960}, HeightRow{DRM_FORMAT_UYVY, 480, 960},
-                      HeightRow{DRM_FORMAT_VYUY, 480, 960}, HeightRow{DRM_FORMAT_RGB888, 480, 480},
+                      HeightRow{DRM_FORMAT_NV16, 480, 960}, HeightRow{DRM_FORMAT_NV61, 480, 960},
+                      HeightRow{DRM_FORMAT_YUYV, 480, 960}, HeightRow{DRM_FORMAT_YVYU, 480, 960},
+                      HeightRow{DRM_FORMAT_UYVY, 480, 960}, HeightRow{DRM_FORMAT_VYUY, 480, 960},
+                      HeightRow{DRM_FORMAT_RGB888, 480, 480},
                       HeightRow{DRM_FORMAT_XRGB8888, 480, 480},
-                      HeightRow{DRM_FORMAT_ABGR8888, 480, 480},
-                      HeightRow{DRM_FORMAT_RGB565, 480, 480}, HeightRow{DRM_FORMAT_R8, 480, 480},
-                      HeightRow{0, 480, 480}, HeightRow{0xFFFFFFFF, 480, 480}));
+                      HeightRow{DRM_FORMAT_RGB565, 480, 480}, HeightRow{DRM_FORMAT_R8, 480, 480}));
 
 TEST_F(FakeDrm, CreateExportsAPrimeDescriptor) {
     auto device = MakeDevice();
@@ -245,6 +259,8 @@ TEST_F(FakeDrm, CreateExportsAPrimeDescriptor) {
     EXPECT_EQ(device->DestroyDumbObject(object.handle), 0);
     EXPECT_TRUE(node.dumbs.empty());
     close(object.fd);
+    device.reset();
+    EXPECT_TRUE(leaks.unchanged());
 }
 
 TEST_F(FakeDrm, CreateFailureLogsAndKeepsOnlyTheSize) {
@@ -336,6 +352,8 @@ TEST_F(FakeDrm, MapWritesReachTheBufferAndUnmapClears) {
     EXPECT_EQ(device->DestroyDumbObject(object.handle), 0);
     close(first.fd);
     close(object.fd);
+    device.reset();
+    EXPECT_TRUE(leaks.unchanged());
 }
 
 TEST_F(FakeDrm, MapFailureOfTheKernelRequest) {
