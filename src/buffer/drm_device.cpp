@@ -10,6 +10,7 @@
 #include <xf86drmMode.h>
 
 #include <string>
+#include <utility>
 
 #include <marlo/base/error.h>
 #include <marlo/base/logger.h>

@@ -102,7 +102,10 @@ struct DrmDumbObject {
 
 class DrmDevice;
 
-/* A property blob created on a device; destroying the record destroys the blob. */
+/*
+ * A property blob created on a device; destroying the record destroys the
+ * blob, so the record must not outlive its device.
+ */
 class DrmPropertyBlobMetadata {
   public:
     DrmPropertyBlobMetadata(DrmDevice* device, uint32_t id) : device_(device), id_(id) {}
