@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "fake_engine_client.h"
+#include "imgproc/nax_ops.h"
 #include "marlo/base/error.h"
 #include "marlo/imgproc/nax_image_operator.h"
 #include "support/log_capture.h"
@@ -88,6 +89,29 @@ TEST(NaxNoEngineTest, ControlStillWorks) {
     bool on = true;
     EXPECT_EQ(op.control("SetCacheHandle", &on), ERR_NOT_IMPLEMENTED);
     EXPECT_EQ(op.control("x", &on), ERR_FAILED);
+}
+
+TEST(NaxNoEngineTest, EntryPointRecordClosesTheLibraryItOwns) {
+    // The record's owner closes the engine library when the process ends;
+    // a library loaded by path shows the close without ending this process.
+    {
+        NaxOps ops;
+        ops.library = dlopen(FAKE_ENGINE_PATH, RTLD_LAZY);
+        ASSERT_NE(ops.library, nullptr) << dlerror();
+        EXPECT_NE(dlopen(FAKE_ENGINE_PATH, RTLD_LAZY | RTLD_NOLOAD), nullptr);
+        dlclose(ops.library);  // the probe's reference
+    }
+    EXPECT_EQ(dlopen(FAKE_ENGINE_PATH, RTLD_LAZY | RTLD_NOLOAD), nullptr);
+}
+
+TEST(NaxNoEngineTest, EntryPointRecordStartsEmpty) {
+    NaxOps ops;
+    EXPECT_EQ(ops.library, nullptr);
+    EXPECT_EQ(ops.copy, nullptr);
+    EXPECT_EQ(ops.process, nullptr);
+    EXPECT_EQ(ops.importFd, nullptr);
+    EXPECT_EQ(ops.releaseHandle, nullptr);
+    EXPECT_EQ(ops.sync, nullptr);
 }
 
 }  // namespace
