@@ -65,7 +65,9 @@ class NaxImageOperator {
      * Each operation imports its buffers, runs one engine job and, unless the
      * handle cache is on, releases the handles again. \a sync is 1 for a job
      * finished on return and 0 for one that may still run, with its release
-     * fence stored in \a fence.
+     * fence stored in \a fence. They answer 0 whatever the engine returns, and
+     * ERR_NOT_IMPLEMENTED when the engine lacks the entry point; resize always
+     * answers ERR_NOT_IMPLEMENTED, which its callers expect.
      */
     virtual int crop(const ImageBuffer& src, ImageBuffer& dst, ImageRect rect, int sync,
                      int* fence);
@@ -77,10 +79,18 @@ class NaxImageOperator {
                        int* fence);
     virtual int flip(const ImageBuffer& src, ImageBuffer& dst, int mode, int sync, int* fence);
     virtual int copy(const ImageBuffer& src, ImageBuffer& dst, int sync, int* fence);
-    /* Crop, scale, convert and transform in one job; \a usage carries the transform bits. */
+    /*
+     * Crop, scale, convert and transform in one job; \a usage carries the
+     * transform bits, and the engine's mode bit for \a sync 1 or 0 is added.
+     */
     virtual int process(const ImageBuffer& src, ImageBuffer& dst, ImageBuffer& pat, ImageRect srect,
                         ImageRect drect, ImageRect prect, int sync, int* fence, int usage);
-    /* "SetCacheHandle" with a bool* turns the handle cache on or off. */
+    /*
+     * "SetCacheHandle" with a bool* turns the handle cache on or off (off
+     * hands the cached handles back to the engine) and answers
+     * ERR_NOT_IMPLEMENTED, which callers take as success; other keys answer
+     * ERR_FAILED.
+     */
     virtual int control(std::string key, void* value);
     /* Waits for the release fence of an asynchronous job. */
     virtual int sync(int fence);
