@@ -1,0 +1,102 @@
+/*
+ * Epoll keeps descriptors, each with the events to watch and a handler, on
+ * one epoll instance and returns the ready ones. IoThread runs an Epoll loop
+ * on its own Thread and dispatches the handlers there, one after the other;
+ * an eventfd lets another thread wake the loop up to stop it.
+ */
+#pragma once
+
+#include <stdint.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include <marlo/base/thread.h>
+#include <marlo/base/unique_fd.h>
+
+namespace tessaro::marlo {
+
+class Epoll {
+  public:
+    using Handler = std::function<void(int fd, unsigned int events)>;
+
+    /* One registered descriptor. Wait() overwrites events with what the kernel reported. */
+    struct Event {
+        int fd;
+        uint32_t events;
+        Handler handler;
+    };
+
+    Epoll() = default;
+    Epoll(const Epoll&) = delete;
+    Epoll& operator=(const Epoll&) = delete;
+
+    /* Creates the epoll instance unless it exists. Returns 0 or an error code. */
+    int Open();
+
+    /*
+     * Watches \a fd for \a events (epoll bits, at least one). Returns 0,
+     * ERR_FAILED for an empty mask, ERR_INVALID_ARGUMENT when \a fd already
+     * has a handler, or the mapped system error of epoll_ctl.
+     */
+    int RegisterHandler(int fd, Handler handler, uint32_t events);
+    /* Stops watching \a fd. Returns 0, the mapped system error, or ERR_FAILED. */
+    int UnregisterHandler(int fd);
+
+    /*
+     * Waits at most \a timeout milliseconds (-1: no limit) and returns the
+     * ready descriptors in the kernel's order. At most one event per
+     * registered handler is taken; with none registered the list is empty.
+     */
+    std::vector<std::shared_ptr<Event>> Wait(int timeout);
+
+    /* The epoll instance, -1 until opened. */
+    int fd() const { return fd_.get(); }
+
+  private:
+    // First member: the descriptor's fd-sanitizer owner tag is then the
+    // address of this object.
+    UniqueFd fd_;
+    std::map<int, std::shared_ptr<Event>> handlers_;
+};
+
+class IoThread : public Epoll {
+  public:
+    IoThread();
+    /* Stops a loop still running. */
+    ~IoThread();
+
+    /* The wait timeout in milliseconds, from the next wait on (-1: no limit). */
+    void SetTimeout(int ms);
+
+    /* Registers a handler; failures are logged only. */
+    void AddHandler(int fd, Handler handler, uint32_t events);
+    int RemoveHandler(int fd);
+
+    /* Creates the wake-up descriptor and starts the loop on the worker thread. */
+    void Start();
+    /* The loop run on the worker thread. */
+    void Run();
+    /*
+     * Wakes the loop, waits for the handler running now and the worker to
+     * finish, and removes the wake-up descriptor. Other handlers stay
+     * registered. Must not be called from a handler.
+     */
+    void Stop();
+
+    /* The wake-up eventfd, -1 when the loop is not started. */
+    int wakeupFd() const { return wakeup_.get(); }
+
+  private:
+    void OnWakeup(int fd, unsigned int events);
+
+    Thread thread_;
+    std::atomic<bool> stopped_{true};
+    std::atomic<int> timeout_{-1};
+    UniqueFd wakeup_;
+};
+
+}  // namespace tessaro::marlo

@@ -1,0 +1,138 @@
+#include <marlo/base/io_thread.h>
+#include <marlo/base/logger.h>
+
+#include <errno.h>
+#include <sched.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace tessaro::marlo {
+
+namespace {
+
+constexpr char kTag[] = "marlo_base";
+// Events that make a handler run; error or hang-up bits alone do not.
+constexpr uint32_t kDispatchEvents = EPOLLIN | EPOLLPRI | EPOLLOUT;
+
+}  // namespace
+
+IoThread::IoThread() {
+    // A failure is logged; every later call then reports its own error.
+    Open();
+}
+
+IoThread::~IoThread() {
+    // The loop only ends through the wake-up descriptor; the worker would
+    // otherwise be joined forever.
+    if (wakeup_.isValid())
+        Stop();
+}
+
+void IoThread::SetTimeout(int ms) {
+    timeout_ = ms;
+}
+
+void IoThread::AddHandler(int fd, Handler handler, uint32_t events) {
+    RegisterHandler(fd, std::move(handler), events);
+}
+
+int IoThread::RemoveHandler(int fd) {
+    return UnregisterHandler(fd);
+}
+
+void IoThread::Start() {
+    if (!stopped_) {
+        marlo_log(MARLO_LOG_WARN, kTag, "Starting IO thread which already started!!");
+        return;
+    }
+
+    // The loop ended by itself without Stop(): drop the old descriptor's
+    // registration before closing it, or its number would stay taken.
+    if (wakeup_.isValid())
+        UnregisterHandler(wakeup_.get());
+
+    int fd = eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK | EFD_CLOEXEC);
+    if (fd < 0) {
+        // Without it the loop could never be told to stop.
+        marlo_log(MARLO_LOG_ERROR, kTag, "Create IO thread wakeup fd failed: %s, not started",
+                  strerror(errno));
+        wakeup_.reset();
+        return;
+    }
+    wakeup_.reset(fd);
+    marlo_log(MARLO_LOG_WARN, kTag, "Starting IO thread wakeup fd(%d)!!", fd);
+
+    if (RegisterHandler(
+            fd, [this](int fd, unsigned int events) { OnWakeup(fd, events); },
+            EPOLLIN | EPOLLPRI) != 0) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "Register IO thread wakeup fd(%d) failed, not started",
+                  fd);
+        wakeup_.reset();
+        return;
+    }
+
+    // A loop that ended by itself leaves its worker to be joined, not
+    // detached with a pointer to this object.
+    if (thread_.joinable()) {
+        thread_.stop();
+        thread_.join();
+    }
+
+    stopped_ = false;
+    thread_.start([this] { Run(); });
+}
+
+void IoThread::OnWakeup(int fd, unsigned int events) {
+    // Error level on purpose: seen with the default log level.
+    marlo_log(MARLO_LOG_ERROR, kTag, "Wakeup IO thread fd(%d) ev(%u) !!", fd, events);
+    uint64_t value = 0;
+    ssize_t ret;
+    do {
+        ret = read(fd, &value, sizeof(value));
+    } while (ret < 0 && errno == EINTR);
+    if (ret != static_cast<ssize_t>(sizeof(value)))
+        marlo_log(MARLO_LOG_WARN, kTag, "Read wakeup event failed ret %d error: %s!!",
+                  static_cast<int>(ret), strerror(errno));
+    stopped_ = true;
+}
+
+void IoThread::Run() {
+    if (stopped_)
+        return;
+    do {
+        // The whole batch is dispatched even when the wake-up came first.
+        for (const auto& event : Wait(timeout_)) {
+            if (event->events & kDispatchEvents)
+                event->handler(event->fd, event->events);
+        }
+    } while (!stopped_);
+}
+
+void IoThread::Stop() {
+    if (wakeup_.isValid()) {
+        marlo_log(MARLO_LOG_WARN, kTag, "Try to wakeup IO thread to stop it, fd(%d) !!",
+                  wakeup_.get());
+        uint64_t value = 1;
+        ssize_t ret;
+        do {
+            ret = write(wakeup_.get(), &value, sizeof(value));
+        } while (ret < 0 && errno == EINTR);
+        if (ret != static_cast<ssize_t>(sizeof(value)))
+            marlo_log(MARLO_LOG_WARN, kTag, "write wakeup event failed ret %d error: %s!!",
+                      static_cast<int>(ret), strerror(errno));
+    }
+
+    sched_yield();
+    marlo_log(MARLO_LOG_WARN, kTag, "Start stop IO thread !!");
+
+    thread_.stop();
+    thread_.join();
+
+    UnregisterHandler(wakeup_.get());
+    wakeup_.reset();
+    stopped_ = true;
+}
+
+}  // namespace tessaro::marlo
