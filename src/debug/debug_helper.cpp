@@ -15,6 +15,7 @@
 #include <fstream>
 #include <iomanip>
 #include <set>
+#include <vector>
 
 namespace tessaro::marlo {
 
@@ -68,6 +69,7 @@ DebugHelper::~DebugHelper() {
 
 void DebugHelper::initialize() {
     GlobalCameraConfig::BoardConfig board = GlobalCameraConfig::Creat();
+    std::vector<int> outside;
     {
         std::lock_guard<std::mutex> lock(dataMutex_);
         std::set<int> cameraIds;
@@ -78,34 +80,48 @@ void DebugHelper::initialize() {
         for (int cameraId : cameraIds) {
             /* The mapping is a position in the camera list; one outside it names no node. */
             if (cameraId < 0 || static_cast<size_t>(cameraId) >= board.cameras.size()) {
-                marlo_log(MARLO_LOG_ERROR, kTag,
-                          "%s: camera position %d is outside the board's %zu cameras, no device "
-                          "node added",
-                          "initialize", cameraId, board.cameras.size());
+                outside.push_back(cameraId);
                 continue;
             }
             for (const auto& channel : board.cameras[cameraId].channels)
                 cameras_.emplace(channel.dev, CameraInfo());
         }
     }
+    for (int cameraId : outside)
+        marlo_log(MARLO_LOG_ERROR, kTag,
+                  "%s: camera position %d is outside the board's %zu cameras, no device node added",
+                  "initialize", cameraId, board.cameras.size());
     if (!isTimerStarted())
         dumpDebugInfo();
 }
 
-void DebugHelper::readInterval() {
+bool DebugHelper::readInterval() {
     int interval = property_get_int32(kIntervalProperty, kDefaultIntervalMs);
-    if (interval < kMinIntervalMs) {
-        marlo_log(MARLO_LOG_WARN, kTag, "%s: interval is too short!", "isPropertySupported");
-        interval = kDefaultIntervalMs;
-    }
-    interval_ = interval;
+    bool tooShort = interval < kMinIntervalMs;
+    interval_ = tooShort ? kDefaultIntervalMs : interval;
+    return tooShort;
 }
 
+namespace {
+
+/* Logged once the timer mutex is released: no lock of ours is held while logging. */
+void LogIntervalTooShort(bool tooShort) {
+    if (tooShort)
+        marlo_log(MARLO_LOG_WARN, kTag, "%s: interval is too short!", "isPropertySupported");
+}
+
+}  // namespace
+
 bool DebugHelper::isPropertySupported() {
-    std::lock_guard<std::mutex> lock(timerMutex_);
-    bool on = property_get_bool(kOnProperty, false);
-    if (on)
-        readInterval();
+    bool on;
+    bool tooShort = false;
+    {
+        std::lock_guard<std::mutex> lock(timerMutex_);
+        on = property_get_bool(kOnProperty, false);
+        if (on)
+            tooShort = readInterval();
+    }
+    LogIntervalTooShort(tooShort);
     return on;
 }
 
@@ -113,8 +129,9 @@ bool DebugHelper::isTimerStarted() {
     std::unique_lock<std::mutex> lock(timerMutex_);
     bool on = property_get_bool(kOnProperty, false);
     if (!started_ && on) {
-        readInterval();
+        bool tooShort = readInterval();
         lock.unlock();
+        LogIntervalTooShort(tooShort);
         /*
          * The running flag is set before startTimer() looks at it, so no
          * report thread is created here: reports come from the updates that
@@ -124,7 +141,9 @@ bool DebugHelper::isTimerStarted() {
         startTimer();
         started_ = true;
     } else if (started_ && on) {
-        readInterval();
+        bool tooShort = readInterval();
+        lock.unlock();
+        LogIntervalTooShort(tooShort);
     } else if (started_ && !on) {
         lock.unlock();
         running_ = false;
@@ -188,7 +207,7 @@ void DebugHelper::timerLoop(unsigned int generation) {
 }
 
 void DebugHelper::dumpDebugInfo() {
-    std::lock_guard<std::mutex> fileLock(fileMutex_);
+    std::unique_lock<std::mutex> fileLock(fileMutex_);
     std::map<unsigned int, StreamInfo> streams;
     std::map<std::string, CameraInfo> cameras;
     std::list<std::string> cache;
@@ -201,6 +220,7 @@ void DebugHelper::dumpDebugInfo() {
 
     std::ofstream out(platform::SystemPath(kReportPath), std::ios::out | std::ios::trunc);
     if (!out.is_open()) {
+        fileLock.unlock();
         marlo_log(MARLO_LOG_ERROR, kTag, "%s: failed to open debug file", "dumpDebugInfo");
         return;
     }
@@ -233,17 +253,31 @@ void DebugHelper::dumpDebugInfo() {
         out << line << std::endl;
 }
 
+bool DebugHelper::withStream(unsigned int streamId,
+                             const std::function<void(StreamInfo&)>& change) {
+    std::lock_guard<std::mutex> lock(dataMutex_);
+    auto it = streams_.find(streamId);
+    if (it == streams_.end())
+        return false;
+    change(it->second);
+    return true;
+}
+
+bool DebugHelper::withCamera(const std::string& deviceNode,
+                             const std::function<void(CameraInfo&)>& change) {
+    std::lock_guard<std::mutex> lock(dataMutex_);
+    auto it = cameras_.find(deviceNode);
+    if (it == cameras_.end())
+        return false;
+    change(it->second);
+    return true;
+}
+
 void DebugHelper::updateStreamState(unsigned int streamId, std::string state) {
     if (!isTimerStarted())
         return;
-    {
-        std::lock_guard<std::mutex> lock(dataMutex_);
-        auto it = streams_.find(streamId);
-        if (it == streams_.end())
-            LogMissingStream("updateStreamState", streamId);
-        else
-            it->second.state = std::move(state);
-    }
+    if (!withStream(streamId, [&state](StreamInfo& info) { info.state = std::move(state); }))
+        LogMissingStream("updateStreamState", streamId);
     dumpDebugInfo();
 }
 
@@ -251,50 +285,36 @@ void DebugHelper::updateStreamFrameNumber(unsigned int streamId, int frameNumber
                                           unsigned long timestampNs) {
     if (!isTimerStarted())
         return;
-    std::lock_guard<std::mutex> lock(dataMutex_);
-    auto it = streams_.find(streamId);
-    if (it == streams_.end()) {
+    auto change = [frameNumber, timestampNs](StreamInfo& info) {
+        info.frameNumber = frameNumber;
+        uint64_t now = timestampNs;
+        /* The frame that closes a window is not counted in the next one. */
+        if (now - info.windowStartNs >= kFpsWindowNs) {
+            info.windowStartNs = now;
+            info.fps = info.frameCount;
+            info.frameCount = 0;
+        } else {
+            ++info.frameCount;
+        }
+    };
+    if (!withStream(streamId, change))
         LogMissingStream("updateStreamFrameNumber", streamId);
-        return;
-    }
-    StreamInfo& info = it->second;
-    info.frameNumber = frameNumber;
-    uint64_t now = timestampNs;
-    /* The frame that closes a window is not counted in the next one. */
-    if (now - info.windowStartNs >= kFpsWindowNs) {
-        info.windowStartNs = now;
-        info.fps = info.frameCount;
-        info.frameCount = 0;
-    } else {
-        ++info.frameCount;
-    }
 }
 
 void DebugHelper::updateStreamDropCount(unsigned int streamId) {
     if (!isTimerStarted())
         return;
-    {
-        std::lock_guard<std::mutex> lock(dataMutex_);
-        auto it = streams_.find(streamId);
-        if (it == streams_.end())
-            LogMissingStream("updateStreamDropCount", streamId);
-        else
-            ++it->second.dropCount;
-    }
+    if (!withStream(streamId, [](StreamInfo& info) { ++info.dropCount; }))
+        LogMissingStream("updateStreamDropCount", streamId);
     dumpDebugInfo();
 }
 
 void DebugHelper::updateCameraState(std::string deviceNode, std::string state) {
     if (!isTimerStarted())
         return;
-    {
-        std::lock_guard<std::mutex> lock(dataMutex_);
-        auto it = cameras_.find(deviceNode);
-        if (it == cameras_.end()) {
-            LogMissingNode("updateCameraState", deviceNode);
-            return;
-        }
-        it->second.state = std::move(state);
+    if (!withCamera(deviceNode, [&state](CameraInfo& info) { info.state = std::move(state); })) {
+        LogMissingNode("updateCameraState", deviceNode);
+        return;
     }
     dumpDebugInfo();
 }
@@ -302,14 +322,9 @@ void DebugHelper::updateCameraState(std::string deviceNode, std::string state) {
 void DebugHelper::updateCameraDropCount(std::string deviceNode) {
     if (!isTimerStarted())
         return;
-    {
-        std::lock_guard<std::mutex> lock(dataMutex_);
-        auto it = cameras_.find(deviceNode);
-        if (it == cameras_.end()) {
-            LogMissingNode("updateCameraDropCount", deviceNode);
-            return;
-        }
-        ++it->second.dropCount;
+    if (!withCamera(deviceNode, [](CameraInfo& info) { ++info.dropCount; })) {
+        LogMissingNode("updateCameraDropCount", deviceNode);
+        return;
     }
     dumpDebugInfo();
 }
@@ -317,29 +332,26 @@ void DebugHelper::updateCameraDropCount(std::string deviceNode) {
 void DebugHelper::updateNaxProcessingTime(std::string deviceNode, unsigned int timeUs) {
     if (!isTimerStarted())
         return;
-    std::lock_guard<std::mutex> lock(dataMutex_);
-    auto it = cameras_.find(deviceNode);
-    if (it == cameras_.end()) {
+    auto change = [timeUs](CameraInfo& info) {
+        /* The maximum is kept since start on purpose: it is the worst case seen. */
+        if (info.sampleCount >= kMaxSamples) {
+            info.sampleCount = 0;
+            info.sum = 0;
+            info.min = 0;
+            info.avg = 0;
+        }
+        ++info.sampleCount;
+        if (timeUs > info.max) {
+            info.max = timeUs;
+        } else if (info.min != 0 && timeUs >= info.min) {
+            info.sum += timeUs;
+            info.avg = static_cast<unsigned int>(info.sum / info.sampleCount);
+        } else {
+            info.min = timeUs;
+        }
+    };
+    if (!withCamera(deviceNode, change))
         LogMissingNode("updateNaxProcessingTime", deviceNode);
-        return;
-    }
-    CameraInfo& info = it->second;
-    /* The maximum is kept since start on purpose: it is the worst case seen. */
-    if (info.sampleCount >= kMaxSamples) {
-        info.sampleCount = 0;
-        info.sum = 0;
-        info.min = 0;
-        info.avg = 0;
-    }
-    ++info.sampleCount;
-    if (timeUs > info.max) {
-        info.max = timeUs;
-    } else if (info.min != 0 && timeUs >= info.min) {
-        info.sum += timeUs;
-        info.avg = static_cast<unsigned int>(info.sum / info.sampleCount);
-    } else {
-        info.min = timeUs;
-    }
 }
 
 void DebugHelper::updateCache(std::string line) {

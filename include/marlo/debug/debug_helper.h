@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <list>
 #include <map>
 #include <mutex>
@@ -94,8 +95,11 @@ class DebugHelper {
     ~DebugHelper();
 
   private:
-    void readInterval();
-    void stopSequence();
+    /* Reads the interval property with its floor; true when it was too short. */
+    bool readInterval();
+    /* Applies \a change to the entry under the data mutex; false when there is none. */
+    bool withStream(unsigned int streamId, const std::function<void(StreamInfo&)>& change);
+    bool withCamera(const std::string& deviceNode, const std::function<void(CameraInfo&)>& change);
     void timerLoop(unsigned int generation);
 
     mutable std::mutex dataMutex_;
