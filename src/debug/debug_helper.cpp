@@ -15,6 +15,7 @@
 #include <fstream>
 #include <iomanip>
 #include <set>
+#include <system_error>
 #include <vector>
 
 namespace tessaro::marlo {
@@ -57,8 +58,7 @@ DebugHelper::DebugHelper() {
 
 DebugHelper::~DebugHelper() {
     stopTimer();
-    /* A report thread left behind by a switch-off ends on its own; wake it and let ~Thread join it.
-     */
+    /* A thread left running by a switch-off is woken here and joined by ~Thread. */
     running_ = false;
     ++timerGeneration_;
     {
@@ -159,7 +159,7 @@ bool DebugHelper::isTimerStarted() {
 }
 
 void DebugHelper::startTimer() {
-    std::lock_guard<std::mutex> lock(timerMutex_);
+    std::unique_lock<std::mutex> lock(timerMutex_);
     if (running_)
         return;
     /*
@@ -177,7 +177,14 @@ void DebugHelper::startTimer() {
         timer_.join();
     }
     running_ = true;
-    timer_.start([this, generation] { timerLoop(generation); });
+    try {
+        timer_.start([this, generation] { timerLoop(generation); });
+    } catch (const std::system_error& error) {
+        running_ = false;
+        lock.unlock();
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: failed to start the timer thread: %s", "startTimer",
+                  error.what());
+    }
 }
 
 void DebugHelper::stopTimer() {
