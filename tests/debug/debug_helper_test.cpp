@@ -558,3 +558,21 @@ TEST_F(DebugHelperOff, GetInstanceIsOneHelper) {
     DebugHelper& second = DebugHelper::getInstance();
     EXPECT_EQ(&first, &second);
 }
+
+TEST_F(DebugHelperOff, ExampleConfigurationGivesEveryMappedStreamAndNode) {
+    sysroot_.writeDefaultConfig(ReadFile(MARLO_EXAMPLE_CONFIG));
+    TestHelper helper;
+    auto streams = helper.streamInfos();
+    ASSERT_EQ(streams.size(), 5u);
+    EXPECT_EQ(streams.begin()->first, 0u);
+    EXPECT_EQ(streams.rbegin()->first, 4u);
+    std::vector<std::string> nodes;
+    for (const auto& [node, info] : helper.cameraInfos())
+        nodes.push_back(node);
+    std::vector<std::string> expected = {"/dev/video0", "/dev/video1", "/dev/video4", "/dev/video5",
+                                         "/dev/video8"};
+    EXPECT_EQ(nodes, expected);
+    /* Five stream rows and five device rows besides the fixed lines. */
+    std::string text = report();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 21);
+}
