@@ -57,9 +57,9 @@ FakeNode::FakeNode(std::string path) : path_(std::move(path)) {}
 
 FakeNode::~FakeNode() = default;
 
-void FakeNode::InjectError(unsigned long request, int err, int times) {
+void FakeNode::InjectError(unsigned long request, int err, int times, int after) {
     std::lock_guard<std::mutex> lock(mutex_);
-    injections_.push_back({request, err, times});
+    injections_.push_back({request, err, times, after});
 }
 
 void FakeNode::InjectEintr(unsigned long request, int times) {
@@ -70,6 +70,10 @@ int FakeNode::TakeInjection(unsigned long request) {
     for (auto it = injections_.begin(); it != injections_.end(); ++it) {
         if (it->request != request)
             continue;
+        if (it->skip > 0) {
+            --it->skip;
+            return 0;
+        }
         int err = it->err;
         if (--it->remaining <= 0)
             injections_.erase(it);

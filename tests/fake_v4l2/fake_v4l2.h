@@ -77,7 +77,9 @@ struct RequestRecord {
     uint32_t width = 0;
     uint32_t height = 0;
     uint32_t pixelformat = 0;
-    uint64_t offset = 0; /* mmap offset */
+    uint64_t offset = 0;    /* mmap offset */
+    uint32_t bytesused = 0; /* QBUF: single-planar field or plane 0's */
+    int fd = -1;            /* QBUF with DMABUF memory: m.fd or plane 0's */
 };
 
 /* The name used in RequestRecord::name ("unknown" for other codes). */
@@ -93,8 +95,11 @@ class FakeNode : public std::enable_shared_from_this<FakeNode> {
 
     const std::string& path() const { return path_; }
 
-    /* The next \a times calls of \a request fail with \a err (before any other effect). */
-    void InjectError(unsigned long request, int err, int times = 1);
+    /*
+     * After \a after more successful calls, the next \a times calls of
+     * \a request fail with \a err (before the request has any effect).
+     */
+    void InjectError(unsigned long request, int err, int times = 1, int after = 0);
     /* The next \a times calls of \a request fail with EINTR. */
     void InjectEintr(unsigned long request, int times);
 
@@ -144,6 +149,7 @@ class FakeNode : public std::enable_shared_from_this<FakeNode> {
         unsigned long request;
         int err;
         int remaining;
+        int skip;
     };
 
     std::string path_;

@@ -734,6 +734,19 @@ void FakeVideoNode::Describe(unsigned long request, const void* arg, RequestReco
             r.memory = buf->memory;
             r.flags = buf->flags;
             r.length = buf->length;
+            if (request != VIDIOC_QBUF)
+                break;
+            if (IsMultiPlanar(buf->type)) {
+                if (buf->m.planes != nullptr && buf->length > 0) {
+                    r.bytesused = buf->m.planes[0].bytesused;
+                    if (buf->memory == V4L2_MEMORY_DMABUF)
+                        r.fd = buf->m.planes[0].m.fd;
+                }
+            } else {
+                r.bytesused = buf->bytesused;
+                if (buf->memory == V4L2_MEMORY_DMABUF)
+                    r.fd = buf->m.fd;
+            }
             break;
         }
         case VIDIOC_EXPBUF: {
