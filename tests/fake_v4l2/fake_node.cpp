@@ -178,6 +178,7 @@ void FakeNode::HandleClose(int fd) {
     files_.erase(std::remove_if(files_.begin(), files_.end(),
                                 [fd](const OpenFile& file) { return file.fd == fd; }),
                  files_.end());
+    OnClose(fd);
     /* Wakes a blocking dequeue on this descriptor. */
     cond_.notify_all();
 }

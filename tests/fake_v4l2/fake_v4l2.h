@@ -13,7 +13,10 @@
  * Nodes:
  *  - FakeVideoNode: a capture driver with capabilities, formats, frame sizes,
  *    buffers (MMAP backed by memfds; DMABUF), streaming and events. Frames are
- *    produced by the test with ProduceFrame().
+ *    produced by the test with ProduceFrame(). DQBUF answers EAGAIN on an
+ *    empty non-blocking descriptor and waits otherwise (until a frame, stream
+ *    off or close). Closing the descriptor that requested the buffers
+ *    releases them, as the kernel does. Events do not affect readiness.
  *  - FakeSubdevNode: a sub-device with pads (formats, selections, frame
  *    intervals and the three enumerations).
  *  - FakeMediaNode: a media controller with entities and links.
@@ -131,6 +134,8 @@ class FakeNode : public std::enable_shared_from_this<FakeNode> {
                       std::unique_lock<std::mutex>& lock) = 0;
     /* Fills the key fields of \a record from the caller's argument. */
     virtual void Describe(unsigned long request, const void* arg, RequestRecord& record) const;
+    /* Called under mutex_ when descriptor \a fd is closed. */
+    virtual void OnClose(int /*fd*/) {}
     /* Whether a descriptor of this node is readable now. */
     virtual bool Readable() const { return false; }
     /* Makes each descriptor readable exactly when Readable() says so. */
@@ -247,6 +252,11 @@ class FakeVideoNode : public FakeNode {
               std::unique_lock<std::mutex>& lock) override;
     void Describe(unsigned long request, const void* arg, RequestRecord& record) const override;
     bool Readable() const override { return !done_.empty(); }
+    /*
+     * Like the kernel, closing the file that requested the buffers releases
+     * the queue: stream off and free the buffers (mappings keep their memory).
+     */
+    void OnClose(int fd) override;
 
   private:
     enum class State { kUser, kQueued, kDone };
@@ -300,6 +310,7 @@ class FakeVideoNode : public FakeNode {
     std::deque<uint32_t> queued_;
     std::deque<uint32_t> done_;
     bool streaming_ = false;
+    int ownerFd_ = -1; /* the descriptor that requested the buffers */
     uint32_t nextSequence_ = 0;
     std::map<uint32_t, v4l2_rect> selections_;
     std::set<uint32_t> subscribed_;

@@ -464,6 +464,19 @@ TEST_F(FakeV4l2Test, MediaControllerEntitiesAndLinks) {
     close(fd);
 }
 
+TEST_F(FakeV4l2Test, ClosingTheBufferOwnerReleasesTheQueue) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int owner = OpenVideo();
+    int other = OpenVideo();
+    StartStreaming(owner, 2);
+    close(other);
+    EXPECT_TRUE(node->Streaming());
+    EXPECT_EQ(node->BufferCount(), 2u);
+    close(owner);
+    EXPECT_FALSE(node->Streaming());
+    EXPECT_EQ(node->BufferCount(), 0u);
+}
+
 TEST_F(FakeV4l2Test, RemovedNodeKeepsOpenDescriptorsWorking) {
     marlo_fake::AddVideoNode(kVideo);
     int fd = OpenVideo();

@@ -277,8 +277,12 @@ int FakeVideoNode::Ioctl(OpenFile file, unsigned long request, void* arg,
             return SetFmt(static_cast<v4l2_format*>(arg), true);
         case VIDIOC_TRY_FMT:
             return SetFmt(static_cast<v4l2_format*>(arg), false);
-        case VIDIOC_REQBUFS:
-            return ReqBufs(static_cast<v4l2_requestbuffers*>(arg));
+        case VIDIOC_REQBUFS: {
+            int err = ReqBufs(static_cast<v4l2_requestbuffers*>(arg));
+            if (err == 0)
+                ownerFd_ = buffers_.empty() ? -1 : file.fd;
+            return err;
+        }
         case VIDIOC_QUERYBUF:
             return QueryBuf(static_cast<v4l2_buffer*>(arg));
         case VIDIOC_EXPBUF:
@@ -617,6 +621,14 @@ int FakeVideoNode::ProduceFrame(const FrameSpec& spec) {
     UpdateReadiness();
     cond_.notify_all();
     return static_cast<int>(buffer.index);
+}
+
+void FakeVideoNode::OnClose(int fd) {
+    if (fd != ownerFd_)
+        return;
+    ownerFd_ = -1;
+    streaming_ = false;
+    FreeBuffers();
 }
 
 bool FakeVideoNode::Streaming() const {
