@@ -90,9 +90,40 @@ uint64_t V4l2Buffer::GetTimestamp() const {
            static_cast<uint64_t>(buffer.timestamp.tv_usec) * 1000ull;
 }
 
+bool V4l2Buffer::ValidPlane(unsigned plane, const char* operation) const {
+    if (plane < VIDEO_MAX_PLANES)
+        return true;
+    marlo_log(MARLO_LOG_ERROR, kTag, "%s: plane %u of buffer index %u out of range\n", operation,
+              plane, buffer.index);
+    return false;
+}
+
+void* V4l2Buffer::GetPtr(unsigned plane) {
+    return ValidPlane(plane, "GetPtr") ? planes[plane].map_addr : nullptr;
+}
+
+size_t V4l2Buffer::GetLength(unsigned plane) {
+    return ValidPlane(plane, "GetLength") ? planes[plane].length : 0;
+}
+
 void V4l2Buffer::SetMapAddr(void* addr, size_t length, unsigned plane) {
+    if (!ValidPlane(plane, "SetMapAddr"))
+        return;
     planes[plane].map_addr = addr;
     planes[plane].length = length;
+}
+
+int V4l2Buffer::GetDmaFd(unsigned plane) const {
+    return ValidPlane(plane, "GetDmaFd") ? planes[plane].dma_fd.get() : -1;
+}
+
+void V4l2Buffer::SetDmaFd(int fd, unsigned plane) {
+    if (!ValidPlane(plane, "SetDmaFd")) {
+        /* Ownership was handed over: release it rather than leak it. */
+        UniqueFd discard(fd);
+        return;
+    }
+    planes[plane].dma_fd.reset(fd);
 }
 
 /* --- V4l2VideoDevice --- */
@@ -344,8 +375,11 @@ std::unique_ptr<V4l2Buffer> V4l2VideoDevice::DequeBuffer() {
 }
 
 int V4l2VideoDevice::QueueBuffer(std::unique_ptr<V4l2Buffer> buffer) {
-    if (!buffer)
+    if (!buffer) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: queue bufffer failed : %s\n", name_.c_str(),
+                  strerror(EINVAL));
         return ERR_INVALID_ARGUMENT;
+    }
 
     TraceSection section("QueueBuffer");
     const bool multiPlanar = IsMultiPlanar();

@@ -168,6 +168,27 @@ TEST(V4l2BufferTest, DmabufDestructionClosesImportedDescriptors) {
     EXPECT_TRUE(leaks.unchanged());
 }
 
+TEST(V4l2BufferTest, PlaneOutOfRangeIsLoggedAndHarmless) {
+    marlo_test::FdLeakCheck leaks;
+    marlo_test::LogCapture log;
+    v4l2_buffer record = {};
+    record.index = 2;
+    V4l2Buffer buffer(nullptr, record);
+    EXPECT_EQ(buffer.GetPtr(8), nullptr);
+    EXPECT_EQ(buffer.GetLength(9), 0u);
+    EXPECT_EQ(buffer.GetDmaFd(8), -1);
+    int fd = memfd_create("plane", MFD_CLOEXEC);
+    buffer.SetDmaFd(fd, 8);  // closed, not leaked
+    buffer.SetMapAddr(&record, 4, 8);
+    EXPECT_TRUE(leaks.unchanged());
+    EXPECT_TRUE(
+        log.contains(ANDROID_LOG_ERROR, kTag, "GetPtr: plane 8 of buffer index 2 out of range\n"))
+        << log.dump();
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
+                             "SetDmaFd: plane 8 of buffer index 2 out of range\n"));
+    EXPECT_EQ(log.records().size(), 5u);
+}
+
 /* --- capabilities and buffer type --- */
 
 TEST_F(V4l2VideoDeviceTest, InitialValues) {
@@ -455,6 +476,31 @@ TEST_F(V4l2VideoDeviceTest, QueryBufferAppendsUnderTheQueuedListMutex) {
     EXPECT_EQ(blocked.get(), 0);
 }
 
+TEST_F(V4l2VideoDeviceTest, ReqBufferAndStreamOffTakeBothListMutexes) {
+    AddNode();
+    TestDevice device(kPath);
+    Prepare(device, 2);
+    QueueAll(device);
+    ASSERT_EQ(device.StreamOn(), 0);
+    for (std::mutex* held : {&device.UnqueuedMutex(), &device.QueuedMutex()}) {
+        std::unique_lock<std::mutex> lock(*held);
+        auto off = std::async(std::launch::async, [&] { return device.StreamOff(); });
+        EXPECT_EQ(off.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+        lock.unlock();
+        EXPECT_EQ(off.get(), 0);
+
+        lock.lock();
+        auto req =
+            std::async(std::launch::async, [&] { return device.ReqBuffer(2, V4L2_MEMORY_MMAP); });
+        EXPECT_EQ(req.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+        lock.unlock();
+        EXPECT_EQ(req.get(), 2);
+        ASSERT_EQ(device.QueryBuffer(), 0);
+        QueueAll(device);
+        ASSERT_EQ(device.StreamOn(), 0);
+    }
+}
+
 /* --- EXPBUF --- */
 
 TEST_F(V4l2VideoDeviceTest, ExportBuffersWithDmabufMemoryFails) {
@@ -581,6 +627,16 @@ TEST_F(V4l2VideoDeviceTest, QueueBufferSetsTheRecordAndLogs) {
     EXPECT_EQ(records[0].bytesused, 0u);  // capture: the driver fills it
     EXPECT_EQ(device.Queued(), 1u);
     EXPECT_EQ(node_->QueuedCount(), 1u);
+}
+
+TEST_F(V4l2VideoDeviceTest, QueueingNothingIsRefused) {
+    AddNode();
+    TestDevice device(kPath);
+    marlo_test::LogCapture log;
+    EXPECT_EQ(device.QueueBuffer(nullptr), -4);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
+                             Msg("%s: queue bufffer failed : %s\n", kPath, strerror(EINVAL))));
+    EXPECT_EQ(device.Unqueued(), 0u);
 }
 
 TEST_F(V4l2VideoDeviceTest, RefusedQueueGoesBackToTheEndOfTheFreeList) {

@@ -76,14 +76,17 @@ class V4l2Buffer {
     v4l2_buffer* GetBuffer() { return &buffer; }
     void SetBuffer(v4l2_buffer& record) { buffer = record; }
 
-    /* Plane indices are not validated: callers pass 0 to 7. */
-    void* GetPtr(unsigned plane) { return planes[plane].map_addr; }
-    size_t GetLength(unsigned plane) { return planes[plane].length; }
+    /*
+     * Callers pass planes 0 to 7. An index beyond that is logged and answers
+     * null, 0 or -1; a descriptor handed to it is closed, not lost.
+     */
+    void* GetPtr(unsigned plane);
+    size_t GetLength(unsigned plane);
     void SetMapAddr(void* addr, size_t length, unsigned plane);
 
-    int GetDmaFd(unsigned plane) const { return planes[plane].dma_fd.get(); }
+    int GetDmaFd(unsigned plane) const;
     /* Takes ownership of \a fd. */
-    void SetDmaFd(int fd, unsigned plane) { planes[plane].dma_fd.reset(fd); }
+    void SetDmaFd(int fd, unsigned plane);
 
     bool IsQueued() const { return queued.load(); }
     void SetQueued(bool value) { queued.store(value); }
@@ -92,6 +95,9 @@ class V4l2Buffer {
     v4l2_buffer buffer;
     Plane planes[VIDEO_MAX_PLANES];
     std::atomic<bool> queued;
+
+  private:
+    bool ValidPlane(unsigned plane, const char* operation) const;
 };
 
 class V4l2VideoDevice : public V4l2Device {
