@@ -19,6 +19,13 @@ struct Registry {
     std::atomic<size_t> entries{0};
 };
 
+/*
+ * Set once the first node is registered. Constant-initialised, so the
+ * interposers can test it even while a sanitizer runtime starts up, before
+ * any allocation is possible.
+ */
+std::atomic<bool> g_used{false};
+
 /* Never destroyed: descriptors are closed and memory unmapped during exit too. */
 Registry& Get() {
     static Registry* registry = new Registry;
@@ -32,6 +39,7 @@ void Recount(Registry& r) {
 template <typename T>
 std::shared_ptr<T> Add(const std::string& path, std::shared_ptr<T> node) {
     detail::InterposerAnchor();
+    g_used.store(true);
     Registry& r = Get();
     std::lock_guard<std::mutex> lock(r.mutex);
     r.paths[path] = node;
@@ -76,6 +84,8 @@ void Reset() {
 }
 
 std::shared_ptr<FakeNode> NodeForFd(int fd) {
+    if (!g_used.load())
+        return nullptr;
     Registry& r = Get();
     if (r.entries.load() == 0)
         return nullptr;
@@ -87,6 +97,8 @@ std::shared_ptr<FakeNode> NodeForFd(int fd) {
 namespace detail {
 
 std::shared_ptr<FakeNode> NodeForPath(const char* path) {
+    if (!g_used.load())
+        return nullptr;
     Registry& r = Get();
     if (r.entries.load() == 0)
         return nullptr;
@@ -103,6 +115,8 @@ void BindFd(int fd, std::shared_ptr<FakeNode> node) {
 }
 
 std::shared_ptr<FakeNode> UnbindFd(int fd) {
+    if (!g_used.load())
+        return nullptr;
     Registry& r = Get();
     if (r.entries.load() == 0)
         return nullptr;
@@ -124,6 +138,8 @@ void BindMapping(void* addr, std::weak_ptr<FakeVideoNode> node) {
 }
 
 std::shared_ptr<FakeVideoNode> UnbindMapping(void* addr) {
+    if (!g_used.load())
+        return nullptr;
     Registry& r = Get();
     if (r.entries.load() == 0)
         return nullptr;
