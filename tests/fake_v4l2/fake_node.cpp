@@ -206,6 +206,8 @@ int FakeNode::HandleIoctl(int fd, unsigned long request, void* arg) {
     record.error = err;
     Record(std::move(record));
     UpdateReadiness();
+    /* Lets tests wait for what the code under test did (WaitQueued). */
+    cond_.notify_all();
     lock.unlock();
     if (err) {
         errno = err;

@@ -42,6 +42,7 @@
 #include <stdint.h>
 #include <sys/time.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -50,6 +51,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace marlo_fake {
@@ -227,6 +229,19 @@ class FakeVideoNode : public FakeNode {
      * buffer's index, or -1 when the node is not streaming or nothing is queued.
      */
     int ProduceFrame(const FrameSpec& spec = {});
+    /*
+     * Waits until at least \a count buffers are queued and the node streams
+     * (for example after the code under test returned a frame). False on timeout.
+     */
+    bool WaitQueued(size_t count, std::chrono::milliseconds timeout);
+    /*
+     * Produces a frame every \a period on a thread of the node whenever a
+     * buffer is queued, with \a spec (sequence counting on, timestamp from
+     * CLOCK_MONOTONIC when \a spec leaves it 0). StopFrames() joins the thread;
+     * the destructor stops it too. Answers the number of frames produced.
+     */
+    void StartFrames(std::chrono::microseconds period, FrameSpec spec = {});
+    size_t StopFrames();
     /* Queues an event; it is delivered only if its type is subscribed. */
     void PostEvent(const v4l2_event& event);
 
@@ -316,6 +331,10 @@ class FakeVideoNode : public FakeNode {
     std::set<uint32_t> subscribed_;
     std::deque<v4l2_event> events_;
     std::map<void*, size_t> mappings_;
+
+    std::thread producer_;
+    bool producing_ = false; /* guarded by mutex_ */
+    size_t produced_ = 0;    /* by the producer thread; guarded by mutex_ */
 };
 
 /* --- sub-device node --- */

@@ -477,6 +477,52 @@ TEST_F(FakeV4l2Test, ClosingTheBufferOwnerReleasesTheQueue) {
     EXPECT_EQ(node->BufferCount(), 0u);
 }
 
+TEST_F(FakeV4l2Test, WaitQueuedSeesBuffersComingBack) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo(O_RDWR | O_NONBLOCK);
+    StartStreaming(fd, 2);
+    ASSERT_EQ(node->ProduceFrame(), 0);
+    v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+    v4l2_buffer out;
+    ASSERT_EQ(Dequeue(fd, out, planes), 0);
+    EXPECT_FALSE(node->WaitQueued(2, std::chrono::milliseconds(10)));
+    std::thread requeue([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        v4l2_plane p[VIDEO_MAX_PLANES] = {};
+        v4l2_buffer buf = out;
+        buf.m.planes = p;
+        buf.length = 1;
+        ioctl(fd, VIDIOC_QBUF, &buf);
+    });
+    EXPECT_TRUE(node->WaitQueued(2, std::chrono::seconds(5)));
+    requeue.join();
+    close(fd);
+}
+
+TEST_F(FakeV4l2Test, StartFramesProducesWhileBuffersAreQueued) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo(O_RDWR);
+    StartStreaming(fd, 3);
+    node->StartFrames(std::chrono::milliseconds(2));
+    uint32_t last = 0;
+    for (int i = 0; i < 10; ++i) {
+        v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+        v4l2_buffer out;
+        ASSERT_EQ(Dequeue(fd, out, planes), 0);
+        if (i > 0) {
+            EXPECT_EQ(out.sequence, last + 1);
+        }
+        last = out.sequence;
+        EXPECT_NE(out.timestamp.tv_sec + out.timestamp.tv_usec, 0);
+        v4l2_buffer again = out;
+        again.m.planes = planes;
+        again.length = 1;
+        ASSERT_EQ(ioctl(fd, VIDIOC_QBUF, &again), 0);
+    }
+    EXPECT_GE(node->StopFrames(), 10u);
+    close(fd);
+}
+
 TEST_F(FakeV4l2Test, RemovedNodeKeepsOpenDescriptorsWorking) {
     marlo_fake::AddVideoNode(kVideo);
     int fd = OpenVideo();

@@ -4,6 +4,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -101,7 +102,56 @@ FakeVideoNode::FakeVideoNode(std::string path, VideoNodeConfig config)
 }
 
 FakeVideoNode::~FakeVideoNode() {
+    StopFrames();
     FreeBuffers();
+}
+
+bool FakeVideoNode::WaitQueued(size_t count, std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cond_.wait_for(lock, timeout, [&] { return streaming_ && queued_.size() >= count; });
+}
+
+void FakeVideoNode::StartFrames(std::chrono::microseconds period, FrameSpec spec) {
+    StopFrames();
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        producing_ = true;
+        produced_ = 0;
+    }
+    producer_ = std::thread([this, period, spec]() mutable {
+        auto next = std::chrono::steady_clock::now();
+        for (;;) {
+            next += period;
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                if (cond_.wait_until(lock, next, [&] { return !producing_; }))
+                    return;
+            }
+            FrameSpec frame = spec;
+            frame.sequence = -1;
+            if (spec.timestamp.tv_sec == 0 && spec.timestamp.tv_usec == 0) {
+                timespec now;
+                clock_gettime(CLOCK_MONOTONIC, &now);
+                frame.timestamp = {now.tv_sec, now.tv_nsec / 1000};
+            }
+            if (ProduceFrame(frame) >= 0) {
+                std::lock_guard<std::mutex> lock(mutex_);
+                ++produced_;
+            }
+        }
+    });
+}
+
+size_t FakeVideoNode::StopFrames() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        producing_ = false;
+        cond_.notify_all();
+    }
+    if (producer_.joinable())
+        producer_.join();
+    std::lock_guard<std::mutex> lock(mutex_);
+    return produced_;
 }
 
 void FakeVideoNode::SetGrantedCount(int count) {
