@@ -96,6 +96,19 @@ TEST_F(FakeV4l2Test, OpenGivesAPollableDescriptorAndRecordsFlags) {
     EXPECT_TRUE(leaks.unchanged());
 }
 
+TEST_F(FakeV4l2Test, OpenatAndOpen64ReachTheNode) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int a = openat(AT_FDCWD, kVideo, O_RDWR | O_CLOEXEC);
+    int b = open64(kVideo, O_RDWR);
+    ASSERT_GE(a, 0);
+    ASSERT_GE(b, 0);
+    EXPECT_EQ(node->OpenDescriptors(), 2u);
+    EXPECT_EQ(node->LastOpenFlags(), O_RDWR);
+    close(a);
+    close(b);
+    EXPECT_EQ(node->OpenDescriptors(), 0u);
+}
+
 TEST_F(FakeV4l2Test, InjectedOpenFailure) {
     auto node = marlo_fake::AddVideoNode(kVideo);
     node->InjectError(marlo_fake::kOpenRequest, EACCES);
