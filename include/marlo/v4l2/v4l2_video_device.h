@@ -1,0 +1,165 @@
+/*
+ * V4l2VideoDevice drives one V4L2 video node: buffer type, formats,
+ * selections, kernel buffers and streaming. V4l2Buffer is one kernel buffer
+ * with its planes' mappings and exported dma-buf descriptors; whoever holds
+ * the unique_ptr owns it, and handing it back to the device re-queues it.
+ */
+#pragma once
+
+#include <linux/videodev2.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <atomic>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <marlo/base/unique_fd.h>
+#include <marlo/v4l2/v4l2_device.h>
+
+namespace tessaro::marlo {
+
+struct V4l2Format {
+    struct Plane {
+        uint32_t size;
+        uint32_t bpl;
+    };
+    uint32_t fourcc;
+    uint32_t width;
+    uint32_t height;
+    uint32_t colorSpace;
+    Plane planes[VIDEO_MAX_PLANES];
+    uint32_t planesCount;
+};
+
+/* Laid out exactly as struct v4l2_rect. */
+struct V4l2Rect {
+    int32_t left;
+    int32_t top;
+    uint32_t width;
+    uint32_t height;
+};
+static_assert(sizeof(V4l2Rect) == sizeof(struct v4l2_rect));
+
+struct V4l2FrameSizeRange {
+    uint32_t minWidth;
+    uint32_t minHeight;
+    uint32_t maxWidth;
+    uint32_t maxHeight;
+    uint32_t stepWidth;
+    uint32_t stepHeight;
+};
+
+class V4l2Buffer {
+  public:
+    struct Plane {
+        UniqueFd dma_fd;
+        void* map_addr = nullptr;
+        size_t length = 0;
+    };
+
+    V4l2Buffer(V4l2Device* device, v4l2_buffer& buffer);
+    virtual ~V4l2Buffer();
+
+    V4l2Buffer(const V4l2Buffer&) = delete;
+    V4l2Buffer& operator=(const V4l2Buffer&) = delete;
+
+    uint32_t GetIndex() const { return buffer.index; }
+    uint32_t GetSequence() const { return buffer.sequence; }
+    /* Nanoseconds. */
+    uint64_t GetTimestamp() const;
+    uint32_t GetMemType() const { return buffer.memory; }
+
+    v4l2_buffer* GetBuffer() { return &buffer; }
+    void SetBuffer(v4l2_buffer& record) { buffer = record; }
+
+    /*
+     * Callers pass planes 0 to 7. An index beyond that is logged and answers
+     * null, 0 or -1; a descriptor handed to it is closed, not lost.
+     */
+    void* GetPtr(unsigned plane);
+    size_t GetLength(unsigned plane);
+    void SetMapAddr(void* addr, size_t length, unsigned plane);
+
+    int GetDmaFd(unsigned plane) const;
+    /* Takes ownership of \a fd. */
+    void SetDmaFd(int fd, unsigned plane);
+
+    bool IsQueued() const { return queued.load(); }
+    void SetQueued(bool value) { queued.store(value); }
+
+    V4l2Device* device;
+    v4l2_buffer buffer;
+    Plane planes[VIDEO_MAX_PLANES];
+    std::atomic<bool> queued;
+
+  private:
+    bool ValidPlane(unsigned plane, const char* operation) const;
+};
+
+class V4l2VideoDevice : public V4l2Device {
+  public:
+    explicit V4l2VideoDevice(const std::string& path);
+    ~V4l2VideoDevice();
+
+    int QueryCap();
+    /* The granted count, or -1 on failure. */
+    int ReqBuffer(unsigned count, unsigned memory);
+    int QueryBuffer();
+    void ImportBuffer() {}
+    int ExportBuffers();
+
+    std::unique_ptr<V4l2Buffer> GetBuffer();
+    std::unique_ptr<V4l2Buffer> GetQueuedBuffer(unsigned index);
+
+    std::unique_ptr<V4l2Buffer> DequeBuffer();
+    int QueueBuffer(std::unique_ptr<V4l2Buffer> buffer);
+
+    int StreamOn();
+    int StreamOff();
+
+    int GetFormat(V4l2Format& format);
+    int SetFormat(const V4l2Format& format);
+    int SetFormat(unsigned width, unsigned height, unsigned fourcc);
+
+    int GetSelection(unsigned target, V4l2Rect& rect);
+    int SetSelection(unsigned target, const V4l2Rect& rect);
+
+    bool IsMeta() const { return buffer_type_ == V4L2_BUF_TYPE_META_CAPTURE; }
+
+    std::list<v4l2_fmtdesc> EnumFormats();
+    std::list<v4l2_frmsizeenum> EnumFrameSizes(unsigned fourcc);
+    int GetFrameSizeRange(unsigned fourcc, V4l2FrameSizeRange& range);
+
+    /* Closes the descriptor only: buffers, lists and stream state stay. */
+    void Close();
+
+    uint32_t BufferType() const { return buffer_type_; }
+    uint32_t MemoryType() const { return memory_type_; }
+    uint32_t NumPlanes() const { return num_planes_; }
+    uint32_t NumBuffers() const { return num_buffers_; }
+    const v4l2_capability& Capabilities() const { return caps_; }
+
+  protected:
+    bool IsMultiPlanar() const;
+    /* Destroys every buffer of both lists; both list mutexes are held. */
+    void ClearBuffersLocked();
+
+    uint32_t memory_type_ = V4L2_MEMORY_MMAP;
+    v4l2_capability caps_ = {};
+    uint32_t buffer_type_ = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    uint32_t num_planes_ = 1;
+    uint32_t num_buffers_ = 4;
+    uint32_t buffer_flags_ = V4L2_BUF_FLAG_NO_CACHE_INVALIDATE | V4L2_BUF_FLAG_NO_CACHE_CLEAN;
+
+    /* Declared so that the queued list is destroyed before the unqueued one. */
+    std::mutex unqueued_mutex_;
+    std::vector<std::unique_ptr<V4l2Buffer>> unqueued_buffers_;
+    std::mutex queued_mutex_;
+    std::vector<std::unique_ptr<V4l2Buffer>> queued_buffers_;
+};
+
+}  // namespace tessaro::marlo

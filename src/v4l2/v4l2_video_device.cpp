@@ -1,0 +1,618 @@
+#include <marlo/v4l2/v4l2_video_device.h>
+
+#include <cutils/trace.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+
+#include <marlo/base/error.h>
+#include <marlo/base/logger.h>
+
+namespace tessaro::marlo {
+
+namespace {
+
+constexpr char kTag[] = "marlo_v4l2";
+
+bool CameraTraceEnabled() {
+    return (atrace_get_enabled_tags() & ATRACE_TAG_CAMERA) != 0;
+}
+
+/* A trace section that is only opened while the camera tag is enabled. */
+class TraceSection {
+  public:
+    explicit TraceSection(const char* name) : enabled_(CameraTraceEnabled()) {
+        if (enabled_)
+            atrace_begin_body(name);
+    }
+    ~TraceSection() {
+        if (enabled_)
+            atrace_end_body();
+    }
+    TraceSection(const TraceSection&) = delete;
+    TraceSection& operator=(const TraceSection&) = delete;
+
+  private:
+    bool enabled_;
+};
+
+/* Like TraceSection, with a printf-style name formatted only when tracing. */
+class FormattedTraceSection {
+  public:
+    FormattedTraceSection(const char* fmt, ...) __attribute__((__format__(printf, 2, 3)))
+    : enabled_(CameraTraceEnabled()) {
+        if (!enabled_)
+            return;
+        char* name = nullptr;
+        va_list args;
+        va_start(args, fmt);
+        int len = vasprintf(&name, fmt, args);
+        va_end(args);
+        atrace_begin_body(len >= 0 ? name : fmt);
+        if (len >= 0)
+            free(name);
+    }
+    ~FormattedTraceSection() {
+        if (enabled_)
+            atrace_end_body();
+    }
+    FormattedTraceSection(const FormattedTraceSection&) = delete;
+    FormattedTraceSection& operator=(const FormattedTraceSection&) = delete;
+
+  private:
+    bool enabled_;
+};
+
+}  // namespace
+
+/* --- V4l2Buffer --- */
+
+V4l2Buffer::V4l2Buffer(V4l2Device* dev, v4l2_buffer& record)
+    : device(dev), buffer(record), queued(false) {}
+
+V4l2Buffer::~V4l2Buffer() {
+    for (auto& plane : planes) {
+        if (plane.map_addr != nullptr && plane.length != 0)
+            munmap(plane.map_addr, plane.length);
+        if (buffer.memory == V4L2_MEMORY_DMABUF)
+            plane.dma_fd.reset();
+    }
+    /* Exported descriptors still open are closed by their holders. */
+    device = nullptr;
+}
+
+uint64_t V4l2Buffer::GetTimestamp() const {
+    return static_cast<uint64_t>(buffer.timestamp.tv_sec) * 1000000000ull +
+           static_cast<uint64_t>(buffer.timestamp.tv_usec) * 1000ull;
+}
+
+bool V4l2Buffer::ValidPlane(unsigned plane, const char* operation) const {
+    if (plane < VIDEO_MAX_PLANES)
+        return true;
+    marlo_log(MARLO_LOG_ERROR, kTag, "%s: plane %u of buffer index %u out of range\n", operation,
+              plane, buffer.index);
+    return false;
+}
+
+void* V4l2Buffer::GetPtr(unsigned plane) {
+    return ValidPlane(plane, "GetPtr") ? planes[plane].map_addr : nullptr;
+}
+
+size_t V4l2Buffer::GetLength(unsigned plane) {
+    return ValidPlane(plane, "GetLength") ? planes[plane].length : 0;
+}
+
+void V4l2Buffer::SetMapAddr(void* addr, size_t length, unsigned plane) {
+    if (!ValidPlane(plane, "SetMapAddr"))
+        return;
+    planes[plane].map_addr = addr;
+    planes[plane].length = length;
+}
+
+int V4l2Buffer::GetDmaFd(unsigned plane) const {
+    return ValidPlane(plane, "GetDmaFd") ? planes[plane].dma_fd.get() : -1;
+}
+
+void V4l2Buffer::SetDmaFd(int fd, unsigned plane) {
+    if (!ValidPlane(plane, "SetDmaFd")) {
+        /* Ownership was handed over: release it rather than leak it. */
+        UniqueFd discard(fd);
+        return;
+    }
+    planes[plane].dma_fd.reset(fd);
+}
+
+/* --- V4l2VideoDevice --- */
+
+V4l2VideoDevice::V4l2VideoDevice(const std::string& path) : V4l2Device(path) {}
+
+V4l2VideoDevice::~V4l2VideoDevice() {
+    while (!queued_buffers_.empty())
+        queued_buffers_.pop_back();
+    while (!unqueued_buffers_.empty())
+        unqueued_buffers_.pop_back();
+}
+
+bool V4l2VideoDevice::IsMultiPlanar() const {
+    return buffer_type_ == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE ||
+           buffer_type_ == V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
+}
+
+void V4l2VideoDevice::Close() {
+    fd_.reset();
+}
+
+int V4l2VideoDevice::QueryCap() {
+    memset(&caps_, 0, sizeof(caps_));
+    int ret = IoCtl(VIDIOC_QUERYCAP, &caps_);
+    if (ret < 0) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "query capabilities failed %s\n", strerror(errno));
+        return ret;
+    }
+
+    const char* name = name_.c_str();
+    marlo_log(MARLO_LOG_INFO, kTag, "%s: device capabilities: driver\t\t%s\n", name,
+              reinterpret_cast<const char*>(caps_.driver));
+    marlo_log(MARLO_LOG_INFO, kTag, "%s: device capabilities: card\t\t%s\n", name,
+              reinterpret_cast<const char*>(caps_.card));
+    marlo_log(MARLO_LOG_INFO, kTag, "%s: device capabilities: bus_info\t\t%s\n", name,
+              reinterpret_cast<const char*>(caps_.bus_info));
+    marlo_log(MARLO_LOG_INFO, kTag, "%s: device capabilities: version\t\t%d\n", name,
+              caps_.version);
+    marlo_log(MARLO_LOG_INFO, kTag, "%s: device capabilities: capabilities\t%x\n", name,
+              caps_.capabilities);
+
+    /* The first matching capability wins; device_caps is not consulted. */
+    static const struct {
+        uint32_t cap;
+        uint32_t type;
+    } kTypeChoice[] = {
+        {V4L2_CAP_VIDEO_CAPTURE_MPLANE, V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE},
+        {V4L2_CAP_VIDEO_CAPTURE, V4L2_BUF_TYPE_VIDEO_CAPTURE},
+        {V4L2_CAP_META_CAPTURE, V4L2_BUF_TYPE_META_CAPTURE},
+        {V4L2_CAP_META_OUTPUT, V4L2_BUF_TYPE_META_OUTPUT},
+        {V4L2_CAP_VIDEO_OUTPUT, V4L2_BUF_TYPE_VIDEO_OUTPUT},
+        {V4L2_CAP_VIDEO_OUTPUT_MPLANE, V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE},
+    };
+    for (const auto& choice : kTypeChoice) {
+        if (caps_.capabilities & choice.cap) {
+            buffer_type_ = choice.type;
+            return OK;
+        }
+    }
+    return ERR_FAILED;
+}
+
+void V4l2VideoDevice::ClearBuffersLocked() {
+    while (!queued_buffers_.empty())
+        queued_buffers_.pop_back();
+    while (!unqueued_buffers_.empty())
+        unqueued_buffers_.pop_back();
+}
+
+int V4l2VideoDevice::ReqBuffer(unsigned count, unsigned memory) {
+    struct v4l2_requestbuffers req = {};
+    req.count = count;
+    req.type = buffer_type_;
+    req.memory = memory;
+    /* Pre-set on purpose; the driver overwrites it with what it supports. */
+    req.capabilities =
+        memory == V4L2_MEMORY_MMAP ? V4L2_BUF_CAP_SUPPORTS_MMAP : V4L2_BUF_CAP_SUPPORTS_DMABUF;
+    if (IoCtl(VIDIOC_REQBUFS, &req) < 0) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: request bufffer failed : %s\n", name_.c_str(),
+                  strerror(errno));
+        /* Callers compare the answer with the count they asked for. */
+        return -1;
+    }
+
+    memory_type_ = memory;
+    num_buffers_ = req.count;
+    {
+        std::scoped_lock lock(unqueued_mutex_, queued_mutex_);
+        ClearBuffersLocked();
+    }
+
+    marlo_log(MARLO_LOG_INFO, kTag, "%s requested buffer %s count %d type %s\n", name_.c_str(),
+              memory_type_ == V4L2_MEMORY_DMABUF ? "dmabuf" : "mmap", num_buffers_,
+              IsMultiPlanar() ? "multi plane" : "single plane");
+    return static_cast<int>(num_buffers_);
+}
+
+int V4l2VideoDevice::QueryBuffer() {
+    if (num_buffers_ == 0)
+        return OK;
+
+    const bool multiPlanar = IsMultiPlanar();
+    for (uint32_t index = 0; index < num_buffers_; ++index) {
+        struct v4l2_buffer record = {};
+        struct v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+        record.index = index;
+        record.type = buffer_type_;
+        record.memory = memory_type_;
+        record.flags = buffer_flags_;
+        if (multiPlanar) {
+            record.m.planes = planes;
+            record.length = num_planes_;
+        }
+
+        int ret = IoCtl(VIDIOC_QUERYBUF, &record);
+        if (ret < 0) {
+            marlo_log(MARLO_LOG_ERROR, kTag, "%s: query bufffer failed : %s\n", name_.c_str(),
+                      strerror(errno));
+            return ret;
+        }
+
+        auto buffer = std::make_unique<V4l2Buffer>(this, record);
+        if (multiPlanar) {
+            /* The stored copy must not point at this stack array. */
+            buffer->buffer.m.planes = nullptr;
+            num_planes_ = record.length;
+            for (uint32_t p = 0; p < num_planes_ && p < VIDEO_MAX_PLANES; ++p) {
+                if (memory_type_ != V4L2_MEMORY_MMAP)
+                    continue;
+                void* addr = mmap(nullptr, planes[p].length, PROT_READ | PROT_WRITE, MAP_SHARED,
+                                  fd_.get(), planes[p].m.mem_offset);
+                if (addr == MAP_FAILED) {
+                    /* The buffer is kept with this plane unmapped. */
+                    marlo_log(MARLO_LOG_ERROR, kTag, "%s: mmap bufffer failed : %s\n",
+                              name_.c_str(), strerror(errno));
+                    continue;
+                }
+                buffer->SetMapAddr(addr, planes[p].length, p);
+            }
+        } else if (memory_type_ == V4L2_MEMORY_MMAP) {
+            void* addr = mmap(nullptr, record.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd_.get(),
+                              record.m.offset);
+            if (addr == MAP_FAILED) {
+                /* Unlike the multi-planar case, a single-planar buffer is dropped. */
+                marlo_log(MARLO_LOG_ERROR, kTag, "%s: mmap bufffer failed : %s\n", name_.c_str(),
+                          strerror(errno));
+                continue;
+            }
+            buffer->SetMapAddr(addr, record.length, 0);
+        }
+
+        marlo_log(MARLO_LOG_INFO, kTag, "%s: queried buffer index %u\n", name_.c_str(), index);
+        buffer->SetQueued(false);
+        /* The queued list's mutex, deliberately: this is the established lock choice. */
+        std::lock_guard<std::mutex> lock(queued_mutex_);
+        unqueued_buffers_.push_back(std::move(buffer));
+    }
+    return OK;
+}
+
+int V4l2VideoDevice::ExportBuffers() {
+    if (memory_type_ == V4L2_MEMORY_DMABUF) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s dma buf doesn't support export buffer\n",
+                  name_.c_str());
+        return ERR_FAILED;
+    }
+
+    std::lock_guard<std::mutex> lock(unqueued_mutex_);
+    for (auto& buffer : unqueued_buffers_) {
+        for (uint32_t p = 0; p < num_planes_ && p < VIDEO_MAX_PLANES; ++p) {
+            struct v4l2_exportbuffer exp = {};
+            exp.type = buffer_type_;
+            exp.index = buffer->GetIndex();
+            exp.plane = p;
+            exp.flags = O_CLOEXEC | O_RDWR;
+            if (IoCtl(VIDIOC_EXPBUF, &exp) < 0) {
+                marlo_log(MARLO_LOG_ERROR, kTag,
+                          "%s: export bufffer type %d index %d failed : %s\n", name_.c_str(),
+                          buffer_type_, buffer->GetIndex(), strerror(errno));
+                return ERR_FAILED;
+            }
+            buffer->SetDmaFd(exp.fd, p);
+            /* Plane 0's descriptor is printed for every plane. */
+            marlo_log(MARLO_LOG_INFO, kTag, "%s: export buffer index %d fd %d\n", name_.c_str(),
+                      buffer->GetIndex(), buffer->GetDmaFd(0));
+        }
+    }
+    return OK;
+}
+
+std::unique_ptr<V4l2Buffer> V4l2VideoDevice::GetBuffer() {
+    std::lock_guard<std::mutex> lock(unqueued_mutex_);
+    if (unqueued_buffers_.empty())
+        return nullptr;
+    std::unique_ptr<V4l2Buffer> buffer = std::move(unqueued_buffers_.front());
+    unqueued_buffers_.erase(unqueued_buffers_.begin());
+    marlo_log(MARLO_LOG_VERBOSE, kTag, "%s: get buffer index %d\n", name_.c_str(),
+              buffer->GetIndex());
+    return buffer;
+}
+
+std::unique_ptr<V4l2Buffer> V4l2VideoDevice::GetQueuedBuffer(unsigned index) {
+    std::lock_guard<std::mutex> lock(queued_mutex_);
+    for (auto it = queued_buffers_.begin(); it != queued_buffers_.end(); ++it) {
+        if ((*it)->GetIndex() == index) {
+            std::unique_ptr<V4l2Buffer> buffer = std::move(*it);
+            queued_buffers_.erase(it);
+            return buffer;
+        }
+    }
+    return nullptr;
+}
+
+std::unique_ptr<V4l2Buffer> V4l2VideoDevice::DequeBuffer() {
+    TraceSection outer("DequeBuffer");
+
+    struct v4l2_buffer record = {};
+    struct v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+    record.type = buffer_type_;
+    if (IsMultiPlanar()) {
+        record.m.planes = planes;
+        record.length = num_planes_;
+    }
+
+    int ret = IoCtl(VIDIOC_DQBUF, &record);
+    if (ret < 0) {
+        marlo_log(MARLO_LOG_INFO, kTag, "%s: deque bufffer ret %d err:%s\n", name_.c_str(), ret,
+                  strerror(errno));
+        return nullptr;
+    }
+
+    FormattedTraceSection inner("DequeBuffer (sequence %d)", record.sequence);
+    std::unique_ptr<V4l2Buffer> buffer = GetQueuedBuffer(record.index);
+    if (!buffer) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: deque bufffer failed : forgot to queue buf first?\n",
+                  name_.c_str());
+        return nullptr;
+    }
+
+    marlo_log(MARLO_LOG_VERBOSE, kTag, "%s: dequed bufffer : %u vs %u\n", name_.c_str(),
+              record.index, buffer->GetIndex());
+    buffer->SetQueued(false);
+    buffer->SetBuffer(record);
+    /* The plane array of this call is gone once it returns. */
+    if (IsMultiPlanar())
+        buffer->buffer.m.planes = nullptr;
+    return buffer;
+}
+
+int V4l2VideoDevice::QueueBuffer(std::unique_ptr<V4l2Buffer> buffer) {
+    if (!buffer) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: queue bufffer failed : %s\n", name_.c_str(),
+                  strerror(EINVAL));
+        return ERR_INVALID_ARGUMENT;
+    }
+
+    TraceSection section("QueueBuffer");
+    const bool multiPlanar = IsMultiPlanar();
+    struct v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+    v4l2_buffer* record = buffer->GetBuffer();
+    record->type = buffer_type_;
+    record->memory = memory_type_;
+    record->flags = buffer_flags_;
+    if (multiPlanar) {
+        record->m.planes = planes;
+        record->length = num_planes_;
+    }
+
+    const uint32_t planeCount = multiPlanar ? std::min<uint32_t>(num_planes_, VIDEO_MAX_PLANES) : 1;
+    if (memory_type_ == V4L2_MEMORY_DMABUF) {
+        if (multiPlanar) {
+            for (uint32_t p = 0; p < planeCount; ++p) {
+                planes[p].m.fd = buffer->GetDmaFd(p);
+                planes[p].length = buffer->GetLength(p);
+            }
+        } else {
+            record->m.fd = buffer->GetDmaFd(0);
+            record->length = buffer->GetLength(0);
+        }
+    }
+    if (V4L2_TYPE_IS_OUTPUT(buffer_type_)) {
+        if (multiPlanar) {
+            for (uint32_t p = 0; p < planeCount; ++p)
+                planes[p].bytesused = buffer->GetLength(p);
+        } else {
+            record->bytesused = buffer->GetLength(0);
+        }
+    }
+
+    int ret = IoCtl(VIDIOC_QBUF, record);
+    if (multiPlanar)
+        record->m.planes = nullptr;
+    if (ret < 0) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: queue bufffer failed : %s\n", name_.c_str(),
+                  strerror(errno));
+        buffer->SetQueued(false);
+        std::lock_guard<std::mutex> lock(unqueued_mutex_);
+        unqueued_buffers_.push_back(std::move(buffer));
+        return ERR_FAILED;
+    }
+
+    marlo_log(MARLO_LOG_VERBOSE, kTag, "%s: queued bufffer index %u ptr %p len %zu\n",
+              name_.c_str(), buffer->GetIndex(), buffer->GetPtr(0), buffer->GetLength(0));
+    buffer->SetQueued(true);
+    std::lock_guard<std::mutex> lock(queued_mutex_);
+    queued_buffers_.push_back(std::move(buffer));
+    return OK;
+}
+
+int V4l2VideoDevice::StreamOn() {
+    int type = static_cast<int>(buffer_type_);
+    int ret = IoCtl(VIDIOC_STREAMON, &type);
+    if (ret < 0)
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: stream on failed : %s\n", name_.c_str(),
+                  strerror(errno));
+    return ret;
+}
+
+int V4l2VideoDevice::StreamOff() {
+    int type = static_cast<int>(buffer_type_);
+    int ret = IoCtl(VIDIOC_STREAMOFF, &type);
+    if (ret < 0) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: stream off failed : %s\n", name_.c_str(),
+                  strerror(errno));
+        return ret;
+    }
+
+    /* The driver gives every buffer back at stream off. */
+    std::scoped_lock lock(unqueued_mutex_, queued_mutex_);
+    marlo_log(MARLO_LOG_INFO, kTag, "%s: after streamed off, buf size: queued %zd, unqueued %zd\n",
+              name_.c_str(), static_cast<ssize_t>(queued_buffers_.size()),
+              static_cast<ssize_t>(unqueued_buffers_.size()));
+    for (auto& buffer : queued_buffers_) {
+        marlo_log(MARLO_LOG_INFO, kTag, "%s: resetting buffer state for buf index %d \n",
+                  name_.c_str(), buffer->GetIndex());
+        buffer->SetQueued(false);
+        unqueued_buffers_.push_back(std::move(buffer));
+    }
+    queued_buffers_.clear();
+    return OK;
+}
+
+int V4l2VideoDevice::GetFormat(V4l2Format& format) {
+    struct v4l2_format fmt = {};
+    fmt.type = buffer_type_;
+    int ret = IoCtl(VIDIOC_G_FMT, &fmt);
+    if (ret < 0) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: get fmt failed : %s\n", name_.c_str(),
+                  strerror(errno));
+        return ret;
+    }
+
+    /* Plane sizes are not copied, nor the plane count of single-planar nodes. */
+    if (IsMultiPlanar()) {
+        format.fourcc = fmt.fmt.pix_mp.pixelformat;
+        format.width = fmt.fmt.pix_mp.width;
+        format.height = fmt.fmt.pix_mp.height;
+        format.colorSpace = fmt.fmt.pix_mp.colorspace;
+        format.planesCount = fmt.fmt.pix_mp.num_planes;
+        for (uint32_t p = 0; p < fmt.fmt.pix_mp.num_planes && p < VIDEO_MAX_PLANES; ++p)
+            format.planes[p].bpl = fmt.fmt.pix_mp.plane_fmt[p].bytesperline;
+    } else {
+        format.fourcc = fmt.fmt.pix.pixelformat;
+        format.width = fmt.fmt.pix.width;
+        format.height = fmt.fmt.pix.height;
+        format.colorSpace = fmt.fmt.pix.colorspace;
+        format.planes[0].bpl = fmt.fmt.pix.bytesperline;
+    }
+    return OK;
+}
+
+int V4l2VideoDevice::SetFormat(const V4l2Format& format) {
+    struct v4l2_format fmt = {};
+    fmt.type = buffer_type_;
+    const bool multiPlanar = IsMultiPlanar();
+    if (multiPlanar) {
+        fmt.fmt.pix_mp.width = format.width;
+        fmt.fmt.pix_mp.height = format.height;
+        fmt.fmt.pix_mp.pixelformat = format.fourcc;
+        fmt.fmt.pix_mp.field = V4L2_FIELD_ANY;
+        fmt.fmt.pix_mp.colorspace = format.colorSpace;
+        /* num_planes stays 0: the driver fills it in. */
+        for (uint32_t p = 0; p < format.planesCount && p < VIDEO_MAX_PLANES; ++p)
+            fmt.fmt.pix_mp.plane_fmt[p].bytesperline = format.planes[p].bpl;
+    } else {
+        fmt.fmt.pix.width = format.width;
+        fmt.fmt.pix.height = format.height;
+        fmt.fmt.pix.pixelformat = format.fourcc;
+        fmt.fmt.pix.field = V4L2_FIELD_ANY;
+        fmt.fmt.pix.bytesperline = format.planes[0].bpl;
+        fmt.fmt.pix.colorspace = format.colorSpace;
+    }
+
+    int ret = IoCtl(VIDIOC_S_FMT, &fmt);
+    if (ret < 0)
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: set fmt failed : %s\n", name_.c_str(),
+                  strerror(errno));
+    /* Taken from the answer even after a failure. */
+    if (multiPlanar)
+        num_planes_ = fmt.fmt.pix_mp.num_planes;
+    return ret;
+}
+
+int V4l2VideoDevice::SetFormat(unsigned width, unsigned height, unsigned fourcc) {
+    V4l2Format format = {};
+    format.fourcc = fourcc;
+    format.width = width;
+    format.height = height;
+    format.planesCount = 1;
+    return SetFormat(format);
+}
+
+int V4l2VideoDevice::GetSelection(unsigned target, V4l2Rect& rect) {
+    struct v4l2_selection sel = {};
+    sel.type = buffer_type_;
+    sel.target = target;
+    int ret = IoCtl(VIDIOC_G_SELECTION, &sel);
+    if (ret < 0) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: get sel failed : %s\n", name_.c_str(),
+                  strerror(errno));
+        return ret;
+    }
+    memcpy(&rect, &sel.r, sizeof(rect));
+    return ret;
+}
+
+int V4l2VideoDevice::SetSelection(unsigned target, const V4l2Rect& rect) {
+    struct v4l2_selection sel = {};
+    sel.type = buffer_type_;
+    sel.target = target;
+    sel.flags = 0;
+    memcpy(&sel.r, &rect, sizeof(sel.r));
+    int ret = IoCtl(VIDIOC_S_SELECTION, &sel);
+    if (ret < 0)
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: set sel failed : %s\n", name_.c_str(),
+                  strerror(errno));
+    return ret;
+}
+
+std::list<v4l2_fmtdesc> V4l2VideoDevice::EnumFormats() {
+    std::list<v4l2_fmtdesc> formats;
+    for (uint32_t index = 0;; ++index) {
+        struct v4l2_fmtdesc desc = {};
+        desc.index = index;
+        desc.type = buffer_type_;
+        if (IoCtl(VIDIOC_ENUM_FMT, &desc) < 0)
+            break;
+        formats.push_back(desc);
+    }
+    return formats;
+}
+
+std::list<v4l2_frmsizeenum> V4l2VideoDevice::EnumFrameSizes(unsigned fourcc) {
+    std::list<v4l2_frmsizeenum> sizes;
+    for (uint32_t index = 0;; ++index) {
+        struct v4l2_frmsizeenum size = {};
+        size.index = index;
+        size.pixel_format = fourcc;
+        if (IoCtl(VIDIOC_ENUM_FRAMESIZES, &size) < 0)
+            break;
+        sizes.push_back(size);
+    }
+    return sizes;
+}
+
+int V4l2VideoDevice::GetFrameSizeRange(unsigned fourcc, V4l2FrameSizeRange& range) {
+    struct v4l2_frmsizeenum size = {};
+    size.index = 0;
+    size.pixel_format = fourcc;
+    int ret = IoCtl(VIDIOC_ENUM_FRAMESIZES, &size);
+    if (ret < 0) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: enum frame sizes failed : %s\n", name_.c_str(),
+                  strerror(errno));
+        return ret;
+    }
+    if (size.type == V4L2_FRMSIZE_TYPE_DISCRETE) {
+        range.minWidth = range.maxWidth = size.discrete.width;
+        range.minHeight = range.maxHeight = size.discrete.height;
+        range.stepWidth = range.stepHeight = 0;
+    } else {
+        range.minWidth = size.stepwise.min_width;
+        range.minHeight = size.stepwise.min_height;
+        range.maxWidth = size.stepwise.max_width;
+        range.maxHeight = size.stepwise.max_height;
+        range.stepWidth = size.stepwise.step_width;
+        range.stepHeight = size.stepwise.step_height;
+    }
+    return ret;
+}
+
+}  // namespace tessaro::marlo

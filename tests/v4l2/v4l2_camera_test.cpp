@@ -1,0 +1,346 @@
+/* V4l2Camera: open sequence, run state, frames, against the fake driver. */
+#include <errno.h>
+#include <stdio.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <future>
+#include <string>
+
+#include <android/log.h>
+#include <gtest/gtest.h>
+
+#include <marlo/v4l2/v4l2_camera.h>
+
+#include "fake_v4l2.h"
+#include "support/fd_count.h"
+#include "support/log_capture.h"
+
+namespace {
+
+using tessaro::marlo::V4l2Buffer;
+using tessaro::marlo::V4l2Camera;
+
+constexpr char kPath[] = "/dev/marlo-fake-cam0";
+constexpr char kTag[] = "marlo_stream";
+
+std::string Cam(const char* func, int line, const std::string& text) {
+    char prefix[256];
+    snprintf(prefix, sizeof(prefix), "V4LCAM(%s) %s:%d ", kPath, func, line);
+    return prefix + text;
+}
+
+class V4l2CameraTest : public ::testing::Test {
+  protected:
+    void SetUp() override { AddNode(); }
+    void TearDown() override {
+        node_.reset();
+        marlo_fake::Reset();
+    }
+
+    void AddNode(marlo_fake::VideoNodeConfig config = {}) {
+        node_ = marlo_fake::AddVideoNode(kPath, std::move(config));
+    }
+
+    bool HasError(const marlo_test::LogCapture& log, const std::string& message) {
+        return log.contains(ANDROID_LOG_ERROR, kTag, message);
+    }
+
+    /* Both lines of a failed open, and false from OpenCamera. */
+    void ExpectOpenFailure(const std::string& stepMessage) {
+        marlo_test::LogCapture log;
+        V4l2Camera camera(kPath);
+        EXPECT_FALSE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+        EXPECT_TRUE(HasError(log, stepMessage)) << log.dump();
+        EXPECT_TRUE(HasError(log, Cam("OpenCamera", 146, "Failed to open a video deivce")));
+    }
+
+    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
+};
+
+TEST_F(V4l2CameraTest, OpenSequence) {
+    V4l2Camera camera(kPath);
+    EXPECT_EQ(camera.Fd(), -1);
+    ASSERT_TRUE(camera.OpenCamera(1280, 720, V4L2_PIX_FMT_NV12));
+    EXPECT_GE(camera.Fd(), 0);
+    EXPECT_EQ(camera.State(), 0u);
+    EXPECT_EQ(node_->LastOpenFlags(), 0x80002);
+
+    std::vector<std::string> names;
+    for (const auto& record : node_->Requests())
+        names.push_back(record.name);
+    const std::vector<std::string> expected = {
+        "open",          "VIDIOC_QUERYCAP", "VIDIOC_S_FMT", "VIDIOC_REQBUFS",  "VIDIOC_QUERYBUF",
+        "mmap",          "VIDIOC_QUERYBUF", "mmap",         "VIDIOC_QUERYBUF", "mmap",
+        "VIDIOC_EXPBUF", "VIDIOC_EXPBUF",   "VIDIOC_EXPBUF"};
+    EXPECT_EQ(names, expected);
+    auto fmt = node_->Requests(VIDIOC_S_FMT).at(0);
+    EXPECT_EQ(fmt.width, 1280u);
+    EXPECT_EQ(fmt.height, 720u);
+    EXPECT_EQ(fmt.pixelformat, V4L2_PIX_FMT_NV12);
+    auto req = node_->Requests(VIDIOC_REQBUFS).at(0);
+    EXPECT_EQ(req.count, 3u);
+    EXPECT_EQ(req.memory, static_cast<uint32_t>(V4L2_MEMORY_MMAP));
+    EXPECT_EQ(camera.NumBuffers(), 3u);
+}
+
+TEST_F(V4l2CameraTest, OpenFailsWhenTheNodeCannotBeOpened) {
+    node_->InjectError(marlo_fake::kOpenRequest, EACCES);
+    ExpectOpenFailure(Cam("OpenInternal", 99, "failed to open a v4l2 video device -2"));
+}
+
+TEST_F(V4l2CameraTest, OpenFailsOnQueryCap) {
+    node_->InjectError(VIDIOC_QUERYCAP, EIO);
+    ExpectOpenFailure(Cam("OpenInternal", 106, "QueryCap failed -2"));
+}
+
+TEST_F(V4l2CameraTest, OpenFailsOnSetFormat) {
+    node_->InjectError(VIDIOC_S_FMT, EINVAL);
+    ExpectOpenFailure(Cam("OpenInternal", 113, "set format 640x480 failed -2"));
+}
+
+TEST_F(V4l2CameraTest, OpenFailsWhenTheDriverGrantsTwoBuffers) {
+    node_->SetGrantedCount(2);
+    ExpectOpenFailure(Cam("OpenInternal", 120, "request buffer failed 2"));
+}
+
+TEST_F(V4l2CameraTest, OpenFailsWhenTheDriverGrantsFourBuffers) {
+    node_->SetGrantedCount(4);
+    ExpectOpenFailure(Cam("OpenInternal", 120, "request buffer failed 4"));
+}
+
+TEST_F(V4l2CameraTest, OpenFailsWhenRequestBuffersFails) {
+    node_->InjectError(VIDIOC_REQBUFS, ENOMEM);
+    ExpectOpenFailure(Cam("OpenInternal", 120, "request buffer failed -1"));
+}
+
+TEST_F(V4l2CameraTest, OpenFailsOnQueryBuffer) {
+    node_->InjectError(VIDIOC_QUERYBUF, EIO);
+    ExpectOpenFailure(Cam("OpenInternal", 127, "query buffer failed -2"));
+}
+
+TEST_F(V4l2CameraTest, OpenFailsOnExport) {
+    node_->InjectError(VIDIOC_EXPBUF, EMFILE);
+    ExpectOpenFailure(Cam("OpenInternal", 133, "export buffer failed -2"));
+}
+
+TEST_F(V4l2CameraTest, FailedOpenKeepsTheDescriptorUntilShutdown) {
+    node_->InjectError(VIDIOC_S_FMT, EINVAL);
+    V4l2Camera camera(kPath);
+    EXPECT_FALSE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    EXPECT_GE(camera.Fd(), 0);
+    EXPECT_EQ(node_->OpenDescriptors(), 1u);
+    camera.shutdown();
+    EXPECT_EQ(camera.Fd(), -1);
+    EXPECT_EQ(node_->OpenDescriptors(), 0u);
+}
+
+TEST_F(V4l2CameraTest, StartQueuesEveryBufferAndStreams) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    EXPECT_EQ(camera.StartVideoStream(), 0);
+    EXPECT_EQ(camera.State(), V4l2Camera::kRunning);
+    EXPECT_EQ(node_->CountRequests(VIDIOC_QBUF), 3u);
+    EXPECT_EQ(node_->QueuedCount(), 3u);
+    EXPECT_TRUE(node_->Streaming());
+}
+
+TEST_F(V4l2CameraTest, SecondStartIsRefusedAndQueuesNothing) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    node_->ClearRequests();
+    marlo_test::LogCapture log;
+    EXPECT_EQ(camera.StartVideoStream(), -2);
+    EXPECT_TRUE(node_->Requests().empty());
+    EXPECT_TRUE(
+        HasError(log, Cam("StartVideoStream", 182,
+                          "Already in RUN state, so we can't start a new streaming thread")))
+        << log.dump();
+}
+
+TEST_F(V4l2CameraTest, StopWithoutStartTouchesNothing) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    node_->ClearRequests();
+    marlo_test::LogCapture log;
+    camera.StopVideoStream();
+    EXPECT_EQ(camera.State(), 0u);
+    EXPECT_TRUE(node_->Requests().empty());
+    EXPECT_TRUE(log.records().empty()) << log.dump();
+}
+
+TEST_F(V4l2CameraTest, StopStreamsOff) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    marlo_test::LogCapture log;
+    camera.StopVideoStream();
+    EXPECT_EQ(camera.State(), 0u);
+    EXPECT_FALSE(node_->Streaming());
+    EXPECT_TRUE(log.contains(ANDROID_LOG_INFO, kTag, Cam("StopVideoStream", 166, "stream off")))
+        << log.dump();
+    /* Start works again and queues all three buffers. */
+    node_->ClearRequests();
+    EXPECT_EQ(camera.StartVideoStream(), 0);
+    EXPECT_EQ(node_->CountRequests(VIDIOC_QBUF), 3u);
+}
+
+TEST_F(V4l2CameraTest, FailedStopLeavesTheCameraStuck) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    node_->InjectError(VIDIOC_STREAMOFF, EIO);
+    marlo_test::LogCapture log;
+    camera.StopVideoStream();
+    EXPECT_TRUE(log.contains(ANDROID_LOG_INFO, kTag, Cam("StopVideoStream", 166, "stream off")));
+    EXPECT_TRUE(HasError(log, Cam("StopVideoStream", 168, "stream off failed -2"))) << log.dump();
+    EXPECT_EQ(camera.State(), V4l2Camera::kRunning | V4l2Camera::kStopping);
+
+    EXPECT_EQ(camera.StartVideoStream(), -2);
+    camera.StopVideoStream();
+    EXPECT_TRUE(HasError(
+        log, Cam("StopVideoStream", 162, "stopStream called while stream is already stopping.")));
+    EXPECT_EQ(camera.State(), 3u);
+    EXPECT_EQ(node_->CountRequests(VIDIOC_STREAMOFF), 1u);
+
+    /* Only a new successful open resets the state. */
+    ASSERT_EQ(camera.StreamOff(), 0);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    EXPECT_EQ(camera.State(), 0u);
+    EXPECT_EQ(camera.StartVideoStream(), 0);
+}
+
+TEST_F(V4l2CameraTest, FailedStreamOnStillAnswersZero) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    node_->InjectError(VIDIOC_STREAMON, EPIPE);
+    marlo_test::LogCapture log;
+    EXPECT_EQ(camera.StartVideoStream(), 0);
+    EXPECT_TRUE(HasError(log, Cam("StartVideoStream", 197, "stream on failed -2"))) << log.dump();
+    EXPECT_EQ(camera.State(), V4l2Camera::kRunning);
+    EXPECT_EQ(camera.StartVideoStream(), -2);
+}
+
+TEST_F(V4l2CameraTest, CollectAndReturnFrames) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+
+    /* The owner learns of a frame through the descriptor, as its IO thread does. */
+    int ep = epoll_create1(EPOLL_CLOEXEC);
+    ASSERT_GE(ep, 0);
+    epoll_event ev = {};
+    ev.events = EPOLLIN;
+    ASSERT_EQ(epoll_ctl(ep, EPOLL_CTL_ADD, camera.Fd(), &ev), 0);
+    EXPECT_EQ(epoll_wait(ep, &ev, 1, 0), 0);
+    ASSERT_EQ(node_->ProduceFrame(marlo_fake::Frame(10, {12, 345678}, 0xab)), 0);
+    EXPECT_EQ(epoll_wait(ep, &ev, 1, 1000), 1);
+    close(ep);
+
+    auto frame = camera.CollectFrames();
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(frame->GetIndex(), 0u);
+    EXPECT_EQ(frame->GetSequence(), 10u);
+    EXPECT_EQ(frame->GetTimestamp(), 12345678000ull);
+    EXPECT_EQ(frame->GetLength(0), 640u * 480u * 3u / 2u);
+    EXPECT_EQ(static_cast<uint8_t*>(frame->GetPtr(0))[100], 0xab);
+    uint8_t byte = 0;
+    ASSERT_EQ(pread(frame->GetDmaFd(0), &byte, 1, 200), 1);
+    EXPECT_EQ(byte, 0xab);
+
+    EXPECT_EQ(camera.ReturnFrame(std::move(frame)), 0);
+    EXPECT_EQ(node_->QueuedCount(), 3u);
+}
+
+TEST_F(V4l2CameraTest, CollectBlocksUntilAFrameIsReady) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    auto pending = std::async(std::launch::async, [&] { return camera.CollectFrames(); });
+    EXPECT_EQ(pending.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    node_->ProduceFrame(marlo_fake::Frame(1));
+    auto frame = pending.get();
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(frame->GetSequence(), 1u);
+    EXPECT_EQ(camera.ReturnFrame(std::move(frame)), 0);
+}
+
+TEST_F(V4l2CameraTest, CollectAfterStopGivesNull) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    camera.StopVideoStream();
+    EXPECT_EQ(camera.CollectFrames(), nullptr);
+}
+
+TEST_F(V4l2CameraTest, RefusedReturnWaitsInTheFreeListForTheNextStart) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    node_->ProduceFrame();
+    auto frame = camera.CollectFrames();
+    ASSERT_NE(frame, nullptr);
+    node_->InjectError(VIDIOC_QBUF, EIO);
+    EXPECT_EQ(camera.ReturnFrame(std::move(frame)), -2);
+    EXPECT_EQ(node_->QueuedCount(), 2u);
+    camera.StopVideoStream();
+    node_->ClearRequests();
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    EXPECT_EQ(node_->CountRequests(VIDIOC_QBUF), 3u);
+    EXPECT_EQ(node_->QueuedCount(), 3u);
+}
+
+TEST_F(V4l2CameraTest, FrameHeldOverAStopIsQueuedWhenReturned) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    node_->ProduceFrame();
+    auto held = camera.CollectFrames();
+    ASSERT_NE(held, nullptr);
+    camera.StopVideoStream();
+    node_->ClearRequests();
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    EXPECT_EQ(node_->CountRequests(VIDIOC_QBUF), 2u);
+    EXPECT_EQ(camera.ReturnFrame(std::move(held)), 0);
+    EXPECT_EQ(node_->QueuedCount(), 3u);
+}
+
+TEST_F(V4l2CameraTest, ShutdownClosesOnlyTheDescriptor) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    camera.shutdown();
+    EXPECT_EQ(camera.Fd(), -1);
+    EXPECT_EQ(node_->OpenDescriptors(), 0u);
+    EXPECT_NE(camera.GetBuffer(), nullptr);
+}
+
+TEST_F(V4l2CameraTest, DestructionDoesNotStreamOffAndLeaksNothing) {
+    marlo_test::FdLeakCheck leaks;
+    {
+        V4l2Camera camera(kPath);
+        ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+        ASSERT_EQ(camera.StartVideoStream(), 0);
+        node_->ProduceFrame();
+        auto frame = camera.CollectFrames();
+        ASSERT_NE(frame, nullptr);
+        EXPECT_EQ(camera.ReturnFrame(std::move(frame)), 0);
+    }
+    EXPECT_EQ(node_->CountRequests(VIDIOC_STREAMOFF), 0u);
+    EXPECT_EQ(node_->OpenDescriptors(), 0u);
+    EXPECT_EQ(node_->LiveMappings(), 0u);
+    EXPECT_TRUE(leaks.unchanged());
+}
+
+TEST_F(V4l2CameraTest, ConcurrentStartsActOnce) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    marlo_test::LogCapture log(false);
+    auto a = std::async(std::launch::async, [&] { return camera.StartVideoStream(); });
+    auto b = std::async(std::launch::async, [&] { return camera.StartVideoStream(); });
+    int ra = a.get(), rb = b.get();
+    EXPECT_EQ(ra + rb, -2);
+    EXPECT_EQ(node_->CountRequests(VIDIOC_STREAMON), 1u);
+}
+
+}  // namespace
