@@ -1,7 +1,7 @@
 // A client of the installed library: logs through marlo_log and prints an
-// error code's name.
-#include <marlo/base/error.h>
-#include <marlo/base/logger.h>
+// error code's name. It includes every public header, so the installed
+// headers must stand on their own.
+#include <marlo/marlo.h>
 
 #include <iostream>
 
