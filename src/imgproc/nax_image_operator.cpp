@@ -32,6 +32,21 @@ nax_rect ToNaxRect(const ImageRect& rect) {
     return nax_rect{rect.x, rect.y, rect.width, rect.height};
 }
 
+/*
+ * Adds the engine's mode bit for \a sync (1 synchronous, 0 asynchronous,
+ * nothing otherwise) to \a usage. It is an addition, not an or: a usage that
+ * already carries the bit gets the carry, as this call always did. The sum
+ * wraps instead of overflowing.
+ */
+int AddModeBit(int usage, int sync) {
+    uint32_t bit = 0;
+    if (sync == 1)
+        bit = NAX_USAGE_SYNC;
+    else if (sync == 0)
+        bit = NAX_USAGE_ASYNC;
+    return static_cast<int>(static_cast<uint32_t>(usage) + bit);
+}
+
 int NotImplemented(const char* name) {
     marlo_log(MARLO_LOG_ERROR, kTag, "%s : Not implemented", name);
     return ERR_NOT_IMPLEMENTED;
@@ -50,20 +65,15 @@ void Resolve(void* library, const char* symbol, Entry* entry, const char* failur
         marlo_log(MARLO_LOG_ERROR, kTag, failure, error);
 }
 
-/* The fd wins over the physical address, which wins over the CPU address. */
-bool HasImportEntry(const NaxOps& ops, const ImageBuffer& buffer) {
-    if (buffer.fd >= 0)
-        return ops.importFd != nullptr;
-    if (buffer.phyAddr != 0)
-        return ops.importPaddr != nullptr;
-    return ops.importVaddr != nullptr;
-}
-
 uint32_t MissingImport(const char* entry) {
     marlo_log(MARLO_LOG_ERROR, kHdlTag, "%s : Not implemented", entry);
     return 0;
 }
 
+/*
+ * The fd wins over the physical address, which wins over the CPU address. A
+ * missing entry is reported by name and imports nothing (handle 0).
+ */
 uint32_t ImportHandle(const NaxOps& ops, const ImageBuffer& buffer, nax_import_param_t* param) {
     if (buffer.fd >= 0)
         return ops.importFd ? ops.importFd(buffer.fd, param) : MissingImport("nax_import_fd");
@@ -85,7 +95,10 @@ std::unique_ptr<NaxOps> NaxImageOperator::nax_ops_;
 std::mutex NaxImageOperator::mutex_;
 
 bool operator<(const ImageBuffer& a, const ImageBuffer& b) {
-    /* Unsigned 64-bit sums with the fd sign-extended, as the key defines. */
+    /*
+     * Addresses are unsigned, so the sums are compared unsigned: a high
+     * (tagged) CPU address sorts after low ones, and fd -1 alone sorts last.
+     */
     const uint64_t sumA = a.virAddr + a.phyAddr + static_cast<uint64_t>(int64_t{a.fd});
     const uint64_t sumB = b.virAddr + b.phyAddr + static_cast<uint64_t>(int64_t{b.fd});
     return sumA < sumB;
@@ -115,8 +128,10 @@ int WrapFormat(int fourcc) {
 
 uint64_t hash_(const char* str) {
     uint64_t hash = 0xcbf29ce484222325ULL;
-    if (!str)
+    if (!str) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s : no string, hashed as empty", __func__);
         return hash;
+    }
     for (; *str; ++str) {
         hash ^= static_cast<uint8_t>(*str);
         hash *= 0x100000001b3ULL;
@@ -165,9 +180,6 @@ nax_buffer_t NaxImportBuffer(const NaxImageOperator* op, const ImageBuffer& buff
                                  static_cast<uint32_t>(buffer.height),
                                  static_cast<uint32_t>(format)};
         hdl = ImportHandle(*ops, buffer, &param);
-        if (hdl == 0 && !HasImportEntry(*ops, buffer))
-            return desc;
-
         if (hdl == 0) {
             marlo_log(MARLO_LOG_ERROR, kHdlTag, "import NAX handle failed %u", hdl);
             return desc;
@@ -200,7 +212,12 @@ NaxImageOperator::NaxImageOperator() {
 }
 
 NaxImageOperator::~NaxImageOperator() {
-    if (cache_ && cache_->enabled) {
+    /*
+     * Every handle the cache holds goes back in key order. Handles are only
+     * cached while the flag is on, but the flag may have been turned off
+     * since; those handles would otherwise stay with the engine for good.
+     */
+    if (cache_) {
         for (const auto& [buffer, handle] : cache_->handles) {
             if (handle)
                 releaseHandle(handle);
@@ -251,7 +268,7 @@ int NaxImageOperator::resolve_symbles() {
 }
 
 void NaxImageOperator::releaseHandle(uint32_t handle) const {
-    if (!nax_ops_->releaseHandle) {
+    if (!nax_ops_ || !nax_ops_->releaseHandle) {
         marlo_log(MARLO_LOG_ERROR, kHdlTag, "%s : Not implemented, handle %u kept",
                   "nax_release_handle", handle);
         return;
@@ -370,13 +387,8 @@ int NaxImageOperator::process(const ImageBuffer& src, ImageBuffer& dst, ImageBuf
     nax_buffer_t d = NaxImportBuffer(this, dst, &dstHandle);
     nax_buffer_t p = NaxImportBuffer(this, pat, &patHandle);
 
-    if (sync == 1)
-        usage |= NAX_USAGE_SYNC;
-    else if (sync == 0)
-        usage |= NAX_USAGE_ASYNC;
-
     nax_ops_->process(s, d, p, ToNaxRect(srect), ToNaxRect(drect), ToNaxRect(prect), -1, fence,
-                      nullptr, usage);
+                      nullptr, AddModeBit(usage, sync));
     /* Only src and dst are released; the pattern's handle is kept as before. */
     releaseUncached(srcHandle, dstHandle);
     return OK;
@@ -395,16 +407,12 @@ int NaxImageOperator::control(std::string key, void* value) {
         return ERR_INVALID_ARGUMENT;
     }
 
-    const bool enable = *static_cast<const bool*>(value);
-    if (!enable && cache_->enabled) {
-        /* A disabled cache keeps nothing: hand its handles back to the engine now. */
-        for (const auto& [buffer, handle] : cache_->handles) {
-            if (handle)
-                releaseHandle(handle);
-        }
-        cache_->handles.clear();
-    }
-    cache_->enabled = enable;
+    /*
+     * Only the flag changes. Handles cached earlier stay in the map: they are
+     * used again if the cache is turned back on, and released when the
+     * operator goes.
+     */
+    cache_->enabled = *static_cast<const bool*>(value);
     /* Existing callers treat this result as success. */
     return ERR_NOT_IMPLEMENTED;
 }

@@ -2,6 +2,7 @@
  * The operator's free helpers: engine format codes, key hashing, buffer
  * validity and ordering, and the engine symbols it looks up.
  */
+#include <android/log.h>
 #include <dlfcn.h>
 #include <linux/videodev2.h>
 
@@ -13,6 +14,7 @@
 #include "imgproc/nax_ops.h"
 #include "marlo/base/error.h"
 #include "marlo/imgproc/nax_image_operator.h"
+#include "support/log_capture.h"
 
 using namespace tessaro::marlo;
 
@@ -71,8 +73,12 @@ TEST(HashTest, StopsAtTheTerminatingZero) {
     EXPECT_EQ(hash_(text), hash_("a"));
 }
 
-TEST(HashTest, NullHashesLikeTheEmptyString) {
+TEST(HashTest, NullHashesLikeTheEmptyStringAndIsReported) {
+    marlo_test::LogCapture log;
     EXPECT_EQ(hash_(nullptr), hash_(""));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "marlo_imgproc", "hash_ : no string, hashed as empty"))
+        << log.dump();
+    EXPECT_EQ(log.records().size(), 1u);
 }
 
 TEST(ImageBufferTest, ValidWithAnyAddressOrDescriptor) {
@@ -141,6 +147,23 @@ TEST(ImageBufferTest, DescriptorIsSignExtendedIntoAnUnsignedSum) {
     ImageBuffer none = marlo_test::NoImage();
     EXPECT_TRUE(b < none);
     EXPECT_FALSE(none < b);
+}
+
+TEST(ImageBufferTest, SumsCompareUnsigned) {
+    // A CPU address with the top bit set (a tagged heap pointer) is large, not negative.
+    ImageBuffer high = marlo_test::FdImage(0, 64, 48, 0);
+    high.virAddr = static_cast<uintptr_t>(0x8000000000000000ULL);
+    ImageBuffer low = marlo_test::FdImage(3, 64, 48, 0);
+    EXPECT_TRUE(low < high);
+    EXPECT_FALSE(high < low);
+    // fd -1 alone still sorts after that address: 2^63 against 2^64 - 1.
+    EXPECT_TRUE(high < marlo_test::NoImage());
+    // The sum wraps: 2^64 - 1 plus fd 2 is 1.
+    ImageBuffer wrapped = marlo_test::FdImage(2, 64, 48, 0);
+    wrapped.virAddr = static_cast<uintptr_t>(~0ULL);
+    ImageBuffer one = marlo_test::FdImage(1, 64, 48, 0);
+    EXPECT_FALSE(wrapped < one);
+    EXPECT_FALSE(one < wrapped);
 }
 
 TEST(EngineSymbolTest, OperationNamesMatchTheEngineHeaderSignatures) {

@@ -350,6 +350,25 @@ TEST_F(NaxImageOperatorTest, ProcessAddsTheModeBitOfSync) {
     EXPECT_EQ(calls[3].usage, 0);
 }
 
+TEST_F(NaxImageOperatorTest, ProcessAddsTheModeBitArithmetically) {
+    NaxImageOperator op;
+    int fence = -1;
+    ImageBuffer pat = NoImage();
+    ImageRect rect{};
+    // A usage that already carries the bit gets the carry, not the same bit.
+    EXPECT_EQ(op.process(src_, dst_, pat, rect, rect, rect, 1, &fence, NAX_USAGE_SYNC | 0x2), OK);
+    EXPECT_EQ(op.process(src_, dst_, pat, rect, rect, rect, 0, &fence, NAX_USAGE_ASYNC), OK);
+    EXPECT_EQ(op.process(src_, dst_, pat, rect, rect, rect, 2, &fence, NAX_USAGE_SYNC), OK);
+    // The sum wraps around the top of int.
+    EXPECT_EQ(op.process(src_, dst_, pat, rect, rect, rect, 0, &fence, 0x7fffffff), OK);
+    auto calls = engine_.callsOf("nax_process");
+    ASSERT_EQ(calls.size(), 4u);
+    EXPECT_EQ(calls[0].usage, 0x100002);
+    EXPECT_EQ(calls[1].usage, 0x8000000);
+    EXPECT_EQ(calls[2].usage, NAX_USAGE_SYNC);
+    EXPECT_EQ(static_cast<uint32_t>(calls[3].usage), 0x83ffffffu);
+}
+
 TEST_F(NaxImageOperatorTest, ProcessKeepsThePatternHandle) {
     NaxImageOperator op;
     int fence = -1;
@@ -377,12 +396,65 @@ TEST_F(NaxImageOperatorTest, SetCacheHandleAnswersNotImplementedAndSetsTheFlag) 
     EXPECT_TRUE(engine_.callsOf("nax_release_handle").empty());
     EXPECT_EQ(engine_.liveHandles(), 2u);
 
+    // Turning it off changes only the flag: the cached handles stay.
     bool off = false;
     EXPECT_EQ(op.control("SetCacheHandle", &off), ERR_NOT_IMPLEMENTED);
-    EXPECT_EQ(engine_.liveHandles(), 0u);
+    EXPECT_TRUE(engine_.callsOf("nax_release_handle").empty());
+    EXPECT_EQ(engine_.liveHandles(), 2u);
+
+    // Off: the job imports afresh and releases what it imported.
     EXPECT_EQ(op.copy(src_, dst_, 1, &fence), OK);
     EXPECT_EQ(engine_.callsOf("nax_import_fd").size(), 4u);
+    auto releases = engine_.callsOf("nax_release_handle");
+    ASSERT_EQ(releases.size(), 2u);
+    EXPECT_EQ(releases[0].address, 3u);
+    EXPECT_EQ(releases[1].address, 4u);
+    EXPECT_EQ(engine_.liveHandles(), 2u);
+
+    // On again: the handles cached before are used again.
+    EXPECT_EQ(op.control("SetCacheHandle", &on), ERR_NOT_IMPLEMENTED);
+    EXPECT_EQ(op.copy(src_, dst_, 1, &fence), OK);
+    EXPECT_EQ(engine_.callsOf("nax_import_fd").size(), 4u);
+    auto copy = engine_.callsOf("nax_copy").back();
+    EXPECT_EQ(copy.src.handle, 1u);
+    EXPECT_EQ(copy.dst.handle, 2u);
+    EXPECT_TRUE(log_.contains(ANDROID_LOG_VERBOSE, kHdlTag, "get new hdl 1"));
+    EXPECT_TRUE(log_.contains(ANDROID_LOG_VERBOSE, kHdlTag, "get new hdl 2"));
+}
+
+TEST_F(NaxImageOperatorTest, HandlesCachedBeforeTurningTheCacheOffAreReleasedAtTheEnd) {
+    {
+        NaxImageOperator op;
+        ASSERT_TRUE(setCache(op, true));
+        int fence = -1;
+        EXPECT_EQ(op.copy(src_, dst_, 1, &fence), OK);
+        ASSERT_TRUE(setCache(op, false));
+        EXPECT_EQ(engine_.liveHandles(), 2u);
+    }
+    auto releases = engine_.callsOf("nax_release_handle");
+    ASSERT_EQ(releases.size(), 2u);
+    EXPECT_EQ(releases[0].address, 1u);  // fd 40 sorts before fd 41
+    EXPECT_EQ(releases[1].address, 2u);
     EXPECT_EQ(engine_.liveHandles(), 0u);
+}
+
+TEST_F(NaxImageOperatorTest, KeyOrderIsUnsignedForHighAddresses) {
+    {
+        NaxImageOperator op;
+        ASSERT_TRUE(setCache(op, true));
+        unsigned int handle = 0;
+        // A tagged heap address has its top bit set; it sorts after fd 5.
+        ImageBuffer tagged = FdImage(-1, 8, 8, kNv12);
+        tagged.virAddr = static_cast<uintptr_t>(0xb400007000001000ULL);
+        NaxImportBuffer(&op, tagged, &handle);
+        EXPECT_EQ(handle, 1u);
+        NaxImportBuffer(&op, FdImage(5, 8, 8, kNv12), &handle);
+        EXPECT_EQ(handle, 2u);
+    }
+    auto releases = engine_.callsOf("nax_release_handle");
+    ASSERT_EQ(releases.size(), 2u);
+    EXPECT_EQ(releases[0].address, 2u);
+    EXPECT_EQ(releases[1].address, 1u);
 }
 
 TEST_F(NaxImageOperatorTest, CacheIsOffAtFirst) {

@@ -121,6 +121,9 @@ TEST_F(PARTIAL_SUITE, MissingImportEntryLeavesTheBufferUnimported) {
     EXPECT_EQ(op.flip(src_, dst_, 0, 1, &fence_), OK);
     EXPECT_EQ(log.count("nax_import_fd : Not implemented"), 2u);
     EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kHdlTag, "nax_import_fd : Not implemented"));
+    // No entry means no handle, reported as any failed import.
+    EXPECT_EQ(log.count("import NAX handle failed 0"), 2u);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kHdlTag, "import NAX handle failed 0"));
     EXPECT_EQ(engine_.callNames(), std::vector<std::string>{"nax_flip"});
     EXPECT_EQ(engine_.callsOf("nax_flip").at(0).src.handle, 0u);
 }

@@ -37,9 +37,11 @@ struct ImageBuffer {
 };
 
 /*
- * Orders buffers by the memory they name (address, physical address and fd
- * summed), not by their geometry: the handle cache keys on this, so two
- * descriptions of the same memory share one engine handle.
+ * Orders buffers by the memory they name, not by their geometry: the handle
+ * cache keys on this, so two descriptions of the same memory share one
+ * engine handle. The key is virAddr + phyAddr + fd as an unsigned 64-bit
+ * sum with the fd sign-extended, so an fd of -1 subtracts one and a buffer
+ * with nothing but fd -1 sorts after every other.
  */
 bool operator<(const ImageBuffer& a, const ImageBuffer& b);
 
@@ -86,15 +88,18 @@ class NaxImageOperator {
     virtual int process(const ImageBuffer& src, ImageBuffer& dst, ImageBuffer& pat, ImageRect srect,
                         ImageRect drect, ImageRect prect, int sync, int* fence, int usage);
     /*
-     * "SetCacheHandle" with a bool* turns the handle cache on or off (off
-     * hands the cached handles back to the engine) and answers
-     * ERR_NOT_IMPLEMENTED, which callers take as success; other keys answer
-     * ERR_FAILED.
+     * "SetCacheHandle" with a bool* turns the handle cache on or off and
+     * answers ERR_NOT_IMPLEMENTED, which callers take as success; other keys
+     * answer ERR_FAILED. Turning it off keeps the handles already cached
+     * (used again if it is turned back on); the destructor releases them.
      */
     virtual int control(std::string key, void* value);
     /* Waits for the release fence of an asynchronous job. */
     virtual int sync(int fence);
-    /* Declared last: the engine-facing virtual slots come first. */
+    /*
+     * Releases every handle still cached, in key order. Declared last: the
+     * engine-facing virtual slots come first.
+     */
     virtual ~NaxImageOperator();
 
   private:
@@ -120,7 +125,7 @@ class NaxImageOperator {
 /* The engine's format code of a fourcc, or -2 when the engine lacks it. */
 int WrapFormat(int fourcc);
 
-/* 64-bit FNV-1a of a zero-terminated string. */
+/* 64-bit FNV-1a of a zero-terminated string; null hashes as the empty string. */
 uint64_t hash_(const char* str);
 
 /* Whether the buffer names any memory: a CPU or physical address, or an fd. */
