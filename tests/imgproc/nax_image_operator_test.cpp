@@ -4,8 +4,11 @@
  */
 #include <android/log.h>
 #include <linux/videodev2.h>
+#include <string.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -569,6 +572,35 @@ TEST_F(NaxImageOperatorTest, EachOperatorHasItsOwnCache) {
     EXPECT_EQ(engine_.callsOf("nax_import_fd").size(), 2u);
 }
 
+TEST_F(NaxImageOperatorTest, OperatorsOnSeparateThreadsKeepSeparateCaches) {
+    constexpr int kThreads = 4;
+    constexpr int kJobs = 20;
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([i, &failures] {
+            NaxImageOperator op;
+            bool cached = i % 2 == 0;
+            if (op.control("SetCacheHandle", &cached) != ERR_NOT_IMPLEMENTED)
+                ++failures;
+            ImageBuffer src = FdImage(100 + 2 * i, 64, 48, kNv12);
+            ImageBuffer dst = FdImage(101 + 2 * i, 32, 24, kRgba);
+            int fence = -1;
+            for (int job = 0; job < kJobs; ++job) {
+                if (op.copy(src, dst, 1, &fence) != OK)
+                    ++failures;
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures.load(), 0);
+    // Cached operators import each buffer once, the others at every job.
+    EXPECT_EQ(engine_.callsOf("nax_import_fd").size(), size_t{2 * 2 + 2 * 2 * kJobs});
+    EXPECT_EQ(engine_.callsOf("nax_copy").size(), size_t{kThreads * kJobs});
+    EXPECT_EQ(engine_.liveHandles(), 0u);
+}
+
 TEST_F(NaxImageOperatorTest, SyncHandsTheFenceToTheEngine) {
     NaxImageOperator op;
     engine_.setOpResult(-62);
@@ -576,6 +608,45 @@ TEST_F(NaxImageOperatorTest, SyncHandsTheFenceToTheEngine) {
     auto calls = engine_.callsOf("nax_sync");
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].address, 17u);
+}
+
+/*
+ * The vtable slot a pointer to a virtual member names. The Itanium C++ ABI
+ * stores 1 + the slot's byte offset; its Arm variant stores the offset and
+ * marks the pointer virtual in the low bit of the adjustment.
+ */
+template <typename Member>
+size_t VirtualSlot(Member member) {
+    struct {
+        uintptr_t ptr;
+        ptrdiff_t adj;
+    } raw;
+    static_assert(sizeof(member) == sizeof(raw));
+    memcpy(&raw, &member, sizeof(raw));
+#if defined(__arm__) || defined(__aarch64__)
+    EXPECT_EQ(raw.adj & 1, 1);
+    return raw.ptr / sizeof(void*);
+#else
+    EXPECT_EQ(raw.ptr & 1, 1u);
+    return (raw.ptr - 1) / sizeof(void*);
+#endif
+}
+
+TEST(NaxImageOperatorLayout, VirtualSlotsAreInTheirFixedOrder) {
+    EXPECT_EQ(VirtualSlot(&NaxImageOperator::crop), 0u);
+    EXPECT_EQ(VirtualSlot(&NaxImageOperator::resize), 1u);
+    EXPECT_EQ(VirtualSlot(&NaxImageOperator::cvtcolor), 2u);
+    EXPECT_EQ(VirtualSlot(&NaxImageOperator::rotate), 3u);
+    EXPECT_EQ(VirtualSlot(&NaxImageOperator::flip), 4u);
+    EXPECT_EQ(VirtualSlot(&NaxImageOperator::copy), 5u);
+    EXPECT_EQ(VirtualSlot(&NaxImageOperator::process), 6u);
+    EXPECT_EQ(VirtualSlot(&NaxImageOperator::control), 7u);
+    EXPECT_EQ(VirtualSlot(&NaxImageOperator::sync), 8u);
+    // The two destructor slots follow: a subclass's first new virtual lands at 11.
+    struct Extended : NaxImageOperator {
+        virtual int extra() { return 0; }
+    };
+    EXPECT_EQ(VirtualSlot(&Extended::extra), 11u);
 }
 
 TEST_F(NaxImageOperatorTest, OperationsAreVirtualInTheirOrder) {
