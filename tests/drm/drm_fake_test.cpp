@@ -150,6 +150,47 @@ TEST_F(FakeDrm, OpenFailsWithoutAtomic) {
     EXPECT_TRUE(leaks.unchanged());
 }
 
+TEST_F(FakeDrm, OpenUsesCardZeroOfTheDriDirectory) {
+    node.answerCard0 = true;
+    LogCapture capture;
+    UniqueFd fd(DrmDevice::Open());
+    ASSERT_GE(fd.get(), 0) << capture.dump();
+    EXPECT_EQ(node.card0Opens, std::vector<std::string>{"/dev/dri/card0"});
+    EXPECT_TRUE(node.owns(fd.get()));
+    EXPECT_TRUE(capture.contains(ANDROID_LOG_INFO, kTag,
+                                 "Opened DRM device /dev/dri/card0 fd(" + std::to_string(fd.get()) +
+                                     ")): driver fakedrm version V1.2.3"))
+        << capture.dump();
+    fd.reset();
+    EXPECT_TRUE(leaks.unchanged());
+}
+
+TEST_F(FakeDrm, ConstructionAdoptsTheOpenedNode) {
+    node.answerCard0 = true;
+    {
+        DrmDevice device;
+        ASSERT_GE(device.fd(), 0);
+        EXPECT_TRUE(node.owns(device.fd()));
+        EXPECT_TRUE(device.SetMaster());
+        EXPECT_EQ(node.countCalls(DRM_IOCTL_SET_MASTER), 1u);
+    }
+    EXPECT_EQ(node.card0Opens.size(), 1u);
+    EXPECT_TRUE(leaks.unchanged());
+}
+
+TEST_F(FakeDrm, ConstructionStaysClosedWhenTheChecksFail) {
+    node.answerCard0 = true;
+    node.caps[DRM_CAP_DUMB_BUFFER] = 0;
+    LogCapture capture;
+    {
+        DrmDevice device;
+        EXPECT_EQ(device.fd(), -1);
+    }
+    EXPECT_EQ(node.card0Opens.size(), 1u);
+    EXPECT_EQ(capture.count("DRM device does not support dumb buffer"), 1u) << capture.dump();
+    EXPECT_TRUE(leaks.unchanged());
+}
+
 /* ---- close ---- */
 
 TEST_F(FakeDrm, CloseClosesTheNumberTwice) {

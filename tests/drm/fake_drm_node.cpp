@@ -1,9 +1,12 @@
+/* The interposed open() must not meet the C library's fortified inline one. */
+#undef _FORTIFY_SOURCE
 #include "fake_drm_node.h"
 
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -27,6 +30,7 @@ std::vector<CloseRecord> g_closes;
 
 using IoctlFn = int (*)(int, unsigned long, ...);
 using CloseFn = int (*)(int);
+using OpenFn = int (*)(const char*, int, ...);
 
 IoctlFn RealIoctl() {
     static IoctlFn real = reinterpret_cast<IoctlFn>(dlsym(RTLD_NEXT, "ioctl"));
@@ -36,6 +40,10 @@ IoctlFn RealIoctl() {
 CloseFn RealClose() {
     static CloseFn real = reinterpret_cast<CloseFn>(dlsym(RTLD_NEXT, "close"));
     return real;
+}
+
+OpenFn RealOpen(const char* name) {
+    return reinterpret_cast<OpenFn>(dlsym(RTLD_NEXT, name));
 }
 
 int Fail(int error) {
@@ -274,6 +282,25 @@ int FakeDrmNode::getBlob(void* arg) {
     return 0;
 }
 
+/* The path to open instead of \a path: the fake node's when it answers for card0. */
+std::string RedirectPath(const char* path) {
+    if (g_node && g_node->answerCard0 && path && strcmp(path, "/dev/dri/card0") == 0) {
+        g_node->card0Opens.emplace_back(path);
+        return g_node->path();
+    }
+    return path ? path : "";
+}
+
+int OpenThrough(const char* name, const char* path, int flags, mode_t mode) {
+    static OpenFn open = RealOpen("open");
+    static OpenFn open64 = RealOpen("open64");
+    OpenFn real = strcmp(name, "open") == 0 ? open : open64;
+    if (!path)
+        return real(path, flags, mode);
+    std::string target = RedirectPath(path);
+    return real(target.c_str(), flags, mode);
+}
+
 void StartRecordingCloses() {
     std::lock_guard<std::mutex> lock(g_closeMutex);
     g_closes.clear();
@@ -313,4 +340,28 @@ extern "C" int close(int fd) {
     }
     errno = error;
     return result;
+}
+
+namespace {
+
+mode_t ModeOf(int flags, va_list args) {
+    return (flags & (O_CREAT | O_TMPFILE)) ? static_cast<mode_t>(va_arg(args, int)) : 0;
+}
+
+}  // namespace
+
+extern "C" int open(const char* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    mode_t mode = ModeOf(flags, args);
+    va_end(args);
+    return drm_fake::OpenThrough("open", path, flags, mode);
+}
+
+extern "C" int open64(const char* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    mode_t mode = ModeOf(flags, args);
+    va_end(args);
+    return drm_fake::OpenThrough("open64", path, flags, mode);
 }

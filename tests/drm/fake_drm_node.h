@@ -1,8 +1,9 @@
 /*
  * A DRM node faked in user space for DrmDevice's tests. The node is a memory
- * file; this test executable defines ioctl() and close() itself, so libdrm's
- * requests on the node (and only on it) are answered here, and every close
- * is recorded. Other descriptors go to the C library as usual.
+ * file; this test executable defines ioctl(), close() and open() itself, so
+ * libdrm's requests on the node (and only on it) are answered here, every
+ * close is recorded, and /dev/dri/card0 can be made to open the node. Other
+ * descriptors and paths go to the C library as usual.
  */
 #pragma once
 
@@ -75,6 +76,13 @@ class FakeDrmNode {
     std::vector<uint32_t> destroyedBlobs;
 
     std::vector<uint32_t> crtcConnectors;  // connector list of the last SETCRTC
+
+    /*
+     * When set, opening /dev/dri/card0 opens this node instead; every path
+     * opened that way is recorded.
+     */
+    bool answerCard0 = false;
+    std::vector<std::string> card0Opens;
 
     /* Called by the interposed ioctl(); returns -1 with errno set on failure. */
     bool owns(int fd) const;
