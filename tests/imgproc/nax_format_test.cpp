@@ -76,7 +76,8 @@ TEST(HashTest, StopsAtTheTerminatingZero) {
 TEST(HashTest, NullHashesLikeTheEmptyStringAndIsReported) {
     marlo_test::LogCapture log;
     EXPECT_EQ(hash_(nullptr), hash_(""));
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "marlo_imgproc", "hash_ : no string, hashed as empty"))
+    EXPECT_TRUE(
+        log.contains(ANDROID_LOG_ERROR, "marlo_imgproc", "hash_ : no string, hashed as empty"))
         << log.dump();
     EXPECT_EQ(log.records().size(), 1u);
 }
