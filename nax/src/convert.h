@@ -42,7 +42,7 @@ View SubView(const View& v, int dx, int dy, int w, int h);
 /*
  * Decode reads rectangle r of s into out (same size); Encode writes in into
  * rectangle r of s. r lies on the chroma grid of s's format (see
- * AlignToChroma). I420 working images serve YUV and grey formats only.
+ * AlignToChroma). I420 working images serve 4:2:0 and grey formats only.
  * Both return 0 or a negative errno value.
  */
 int Decode(const Surface& s, const Rect& r, const View& out);

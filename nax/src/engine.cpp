@@ -3,10 +3,10 @@
  *
  * The common cases of a camera pipeline take one direct libyuv call
  * straight between the buffers. Everything else passes through a working
- * image: I420 when both formats are YUV or grey (chroma is not sent through
- * RGB and back), ARGB otherwise. A destination rectangle that does not lie
- * on its format's chroma grid is read back first, so the pixels beside it
- * that share its chroma samples keep their luma.
+ * image: I420 when both formats are 4:2:0 or grey (luma is carried exactly,
+ * chroma is not sent through RGB and back), ARGB otherwise. A destination rectangle that does not
+ * lie on its format's chroma grid is read back first, so the pixels beside it that share its chroma
+ * samples keep their luma.
  */
 #include "engine.h"
 
@@ -52,6 +52,13 @@ libyuv::RotationMode Rotation(int transform) {
 
 bool IsArgbLike(const FormatInfo* f) {
     return f->kind == Kind::Rgb && f->bpp == 4;
+}
+
+/* Formats an I420 working image carries without resampling chroma; libyuv
+ * resamples between 4:2:0 and 4:2:2 with a scaler, which blurs and shifts
+ * chroma edges, so 4:2:2 passes through ARGB instead. */
+bool Is420(const FormatInfo* f) {
+    return f->kind == Kind::Semi420 || f->kind == Kind::Planar420 || f->kind == Kind::Grey;
 }
 
 /* Same format, same size: a copy of each plane. */
@@ -247,7 +254,7 @@ void Paste(const View& in, const View& out, int dx, int dy) {
 
 int RunGeneric(const Surface& src, const Rect& sr, const Surface& dst, const Rect& dr,
                int transform, Filter filter) {
-    const Mid mid = IsYuv(src.fmt) && IsYuv(dst.fmt) ? Mid::I420 : Mid::Argb;
+    const Mid mid = Is420(src.fmt) && Is420(dst.fmt) ? Mid::I420 : Mid::Argb;
     const libyuv::RotationMode rot = Rotation(transform);
     const bool swap = rot == libyuv::kRotate90 || rot == libyuv::kRotate270;
     const int tw = swap ? dr.h : dr.w;
