@@ -1,0 +1,144 @@
+/*
+ * The operator driving the software engine library of this repository, the
+ * way the camera uses it: handle cache off, every job importing and
+ * releasing its buffers again.
+ */
+#include <linux/videodev2.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "marlo/base/error.h"
+#include "marlo/base/unique_fd.h"
+#include "marlo/imgproc/nax_image_operator.h"
+#include "support/fd_count.h"
+#include "support/log_capture.h"
+
+using namespace tessaro::marlo;
+
+namespace {
+
+/* An image in a memory file, as a dma-buf would hold it. */
+class MemImage {
+  public:
+    MemImage(int width, int height, int format, size_t size)
+        : fd_(memfd_create("nax-image", MFD_CLOEXEC)), size_(size) {
+        buffer_ = ImageBuffer{0, 0, 0, -1, width, height, width, height, format};
+        if (!fd_ || ftruncate(fd_.get(), static_cast<off_t>(size)) != 0)
+            return;
+        void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_.get(), 0);
+        if (map == MAP_FAILED)
+            return;
+        data_ = static_cast<uint8_t*>(map);
+        buffer_.fd = fd_.get();
+    }
+    ~MemImage() {
+        if (data_)
+            munmap(data_, size_);
+    }
+    MemImage(const MemImage&) = delete;
+    MemImage& operator=(const MemImage&) = delete;
+
+    bool valid() const { return data_ != nullptr; }
+    uint8_t* data() { return data_; }
+    ImageBuffer& buffer() { return buffer_; }
+
+  private:
+    UniqueFd fd_;
+    size_t size_;
+    uint8_t* data_ = nullptr;
+    ImageBuffer buffer_;
+};
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 48;
+constexpr size_t kNv12Size = kWidth * kHeight * 3 / 2;
+
+void FillNv12(MemImage& image) {
+    uint8_t* y = image.data();
+    for (int row = 0; row < kHeight; ++row)
+        for (int col = 0; col < kWidth; ++col)
+            y[row * kWidth + col] = static_cast<uint8_t>(16 + (row * 3 + col) % 200);
+    memset(y + kWidth * kHeight, 128, kWidth * kHeight / 2);
+}
+
+class NaxEngineTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        bool off = false;
+        ASSERT_EQ(op_.control("SetCacheHandle", &off), ERR_NOT_IMPLEMENTED);
+        ASSERT_TRUE(src_.valid());
+        FillNv12(src_);
+    }
+
+    NaxImageOperator op_;
+    MemImage src_{kWidth, kHeight, V4L2_PIX_FMT_NV12, kNv12Size};
+    ImageBuffer noPattern_{0, 0, 0, -1, 0, 0, 0, 0, 0};
+    ImageRect whole_{0, 0, 0, 0};
+};
+
+TEST_F(NaxEngineTest, EngineIsLoadedWithEveryEntry) {
+    marlo_test::LogCapture log;
+    NaxImageOperator another;
+    int fence = -1;
+    MemImage dst(kWidth, kHeight, V4L2_PIX_FMT_NV12, kNv12Size);
+    ASSERT_TRUE(dst.valid());
+    EXPECT_EQ(another.copy(src_.buffer(), dst.buffer(), 1, &fence), OK);
+    EXPECT_FALSE(log.containsText("Not implemented")) << log.dump();
+    EXPECT_FALSE(log.containsText("Failed to")) << log.dump();
+}
+
+TEST_F(NaxEngineTest, ProcessCopiesAFrameSynchronously) {
+    MemImage dst(kWidth, kHeight, V4L2_PIX_FMT_NV12, kNv12Size);
+    ASSERT_TRUE(dst.valid());
+    int fence = -1;
+    EXPECT_EQ(
+        op_.process(src_.buffer(), dst.buffer(), noPattern_, whole_, whole_, whole_, 1, &fence, 0),
+        OK);
+    EXPECT_EQ(memcmp(src_.data(), dst.data(), kNv12Size), 0);
+}
+
+TEST_F(NaxEngineTest, AsynchronousProcessIsWaitedForWithSync) {
+    MemImage dst(kWidth, kHeight, V4L2_PIX_FMT_NV12, kNv12Size);
+    ASSERT_TRUE(dst.valid());
+    int fence = -1;
+    EXPECT_EQ(
+        op_.process(src_.buffer(), dst.buffer(), noPattern_, whole_, whole_, whole_, 0, &fence, 0),
+        OK);
+    EXPECT_EQ(op_.sync(fence), OK);
+    EXPECT_EQ(memcmp(src_.data(), dst.data(), kNv12Size), 0);
+}
+
+TEST_F(NaxEngineTest, ProcessToGreyKeepsTheLumaPlane) {
+    MemImage dst(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    ASSERT_TRUE(dst.valid());
+    int fence = -1;
+    EXPECT_EQ(
+        op_.process(src_.buffer(), dst.buffer(), noPattern_, whole_, whole_, whole_, 1, &fence, 0),
+        OK);
+    EXPECT_EQ(memcmp(src_.data(), dst.data(), kWidth * kHeight), 0);
+}
+
+TEST_F(NaxEngineTest, RepeatedFramesLeakNoDescriptorAndNoHandle) {
+    MemImage dst(kWidth, kHeight, V4L2_PIX_FMT_NV12, kNv12Size);
+    ASSERT_TRUE(dst.valid());
+    marlo_test::LogCapture log;
+    marlo_test::FdLeakCheck fds;
+    for (int frame = 0; frame < 50; ++frame) {
+        src_.data()[0] = static_cast<uint8_t>(frame);
+        int fence = -1;
+        ASSERT_EQ(op_.process(src_.buffer(), dst.buffer(), noPattern_, whole_, whole_, whole_, 0,
+                              &fence, 0),
+                  OK);
+        ASSERT_EQ(op_.sync(fence), OK);
+        ASSERT_EQ(dst.data()[0], static_cast<uint8_t>(frame));
+    }
+    EXPECT_TRUE(fds.unchanged());
+    EXPECT_FALSE(log.containsText("import NAX handle failed")) << log.dump();
+}
+
+}  // namespace
