@@ -26,13 +26,13 @@ int Half(int n) {
 struct I422 {
     I422(int w, int h)
         : cw(Half(w)), data(static_cast<size_t>(w) * h + 2 * static_cast<size_t>(cw) * h) {
-        y = data.data();
+        y = data.get();
         u = y + static_cast<size_t>(w) * h;
         v = u + static_cast<size_t>(cw) * h;
         sy = w;
     }
     int cw;
-    std::vector<uint8_t> data;
+    Scratch data;
     uint8_t* y;
     uint8_t* u;
     uint8_t* v;
@@ -185,9 +185,9 @@ int DecodeArgb(const Surface& s, const Rect& r, const View& out) {
             rc = libyuv::I400ToARGB(pl.p[0], pl.stride[0], d, ds, w, h);
             break;
         case NAX_FORMAT_Y4: {
-            std::vector<uint8_t> y(static_cast<size_t>(w) * h);
-            ExpandY4(pl.p[0], pl.stride[0], y.data(), w, w, h);
-            rc = libyuv::I400ToARGB(y.data(), w, d, ds, w, h);
+            Scratch y(static_cast<size_t>(w) * h);
+            ExpandY4(pl.p[0], pl.stride[0], y.get(), w, w, h);
+            rc = libyuv::I400ToARGB(y.get(), w, d, ds, w, h);
             break;
         }
         default:
@@ -280,9 +280,9 @@ int EncodeArgb(const View& in, const Surface& s, const Rect& r) {
             rc = libyuv::ARGBToI400(a, as, pl.p[0], pl.stride[0], w, h);
             break;
         case NAX_FORMAT_Y4: {
-            std::vector<uint8_t> y(static_cast<size_t>(w) * h);
-            rc = libyuv::ARGBToI400(a, as, y.data(), w, w, h);
-            PackY4(y.data(), w, pl.p[0], pl.stride[0], w, h);
+            Scratch y(static_cast<size_t>(w) * h);
+            rc = libyuv::ARGBToI400(a, as, y.get(), w, w, h);
+            PackY4(y.get(), w, pl.p[0], pl.stride[0], w, h);
             break;
         }
         default:
@@ -414,15 +414,15 @@ WorkImage::WorkImage(Mid mid, int w, int h) {
     view_.w = w;
     view_.h = h;
     if (mid == Mid::Argb) {
-        data_.resize(static_cast<size_t>(w) * h * 4);
-        view_.p[0] = data_.data();
+        data_ = std::make_unique<Scratch>(static_cast<size_t>(w) * h * 4);
+        view_.p[0] = data_->get();
         view_.stride[0] = w * 4;
         return;
     }
     const size_t ysize = static_cast<size_t>(w) * h;
     const size_t csize = static_cast<size_t>(Half(w)) * Half(h);
-    data_.resize(ysize + 2 * csize);
-    view_.p[0] = data_.data();
+    data_ = std::make_unique<Scratch>(ysize + 2 * csize);
+    view_.p[0] = data_->get();
     view_.p[1] = view_.p[0] + ysize;
     view_.p[2] = view_.p[1] + csize;
     view_.stride[0] = w;

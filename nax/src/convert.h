@@ -7,7 +7,7 @@
 
 #include <stdint.h>
 
-#include <vector>
+#include <memory>
 
 #include "format.h"
 
@@ -24,6 +24,17 @@ struct View {
     int h = 0;
 };
 
+/* Uninitialised working memory (zeroing a frame-sized block would cost as
+ * much as a copy): every byte is written before it is read. */
+class Scratch {
+  public:
+    explicit Scratch(size_t size) : data_(new uint8_t[size]) {}
+    uint8_t* get() const { return data_.get(); }
+
+  private:
+    std::unique_ptr<uint8_t[]> data_;
+};
+
 /* Owns the memory of a working image. */
 class WorkImage {
   public:
@@ -31,7 +42,7 @@ class WorkImage {
     const View& view() const { return view_; }
 
   private:
-    std::vector<uint8_t> data_;
+    std::unique_ptr<Scratch> data_;
     View view_;
 };
 

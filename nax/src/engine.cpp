@@ -13,7 +13,6 @@
 #include <errno.h>
 
 #include <memory>
-#include <vector>
 
 #include <libyuv.h>
 
@@ -155,6 +154,20 @@ int DirectScale(const Surface& src, const Rect& sr, const Surface& dst, const Re
     return -1;
 }
 
+/*
+ * Scratch memory kept per thread for the direct paths a camera runs at
+ * every frame, so that they allocate nothing; one user at a time.
+ */
+uint8_t* ThreadScratch(size_t size) {
+    thread_local std::unique_ptr<Scratch> scratch;
+    thread_local size_t capacity = 0;
+    if (size > capacity) {
+        scratch = std::make_unique<Scratch>(size);
+        capacity = size;
+    }
+    return scratch->get();
+}
+
 /* Same-format rotation without scaling or mirroring; -1 when there is none. */
 int DirectRotate(const Surface& src, const Rect& sr, const Surface& dst, const Rect& dr,
                  libyuv::RotationMode mode) {
@@ -167,11 +180,11 @@ int DirectRotate(const Surface& src, const Rect& sr, const Surface& dst, const R
         /* The chroma pairs rotate as two planes and merge again. */
         const int cw = Half(w);
         const int ch = Half(h);
-        std::vector<uint8_t> uv(static_cast<size_t>(cw) * ch * 2);
+        uint8_t* uv = ThreadScratch(static_cast<size_t>(cw) * ch * 2);
         const bool swap = mode == libyuv::kRotate90 || mode == libyuv::kRotate270;
         const int rw = swap ? ch : cw;
         const int rh = swap ? cw : ch;
-        uint8_t* a = uv.data();
+        uint8_t* a = uv;
         uint8_t* b = a + static_cast<size_t>(cw) * ch;
         int rc = libyuv::RotatePlane(s.p[0], s.stride[0], d.p[0], d.stride[0], w, h, mode);
         if (rc == 0)
