@@ -318,6 +318,19 @@ TestBuffer::TestBuffer(const Geometry& g, Backing backing, size_t extra)
         data_ = static_cast<uint8_t*>(p);
         memset(data_, 0, size_);
         handle_ = nax_import_fd(fd_, nullptr);
+    } else if (backing_ == Backing::GuardPage) {
+        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        const size_t rounded = (size_ + page - 1) / page * page;
+        regionSize_ = rounded + page;
+        void* p = mmap(nullptr, regionSize_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
+                       -1, 0);
+        if (p == MAP_FAILED)
+            throw std::runtime_error("mmap");
+        region_ = static_cast<uint8_t*>(p);
+        if (mprotect(region_ + rounded, page, PROT_NONE) != 0)
+            throw std::runtime_error("mprotect");
+        data_ = region_ + rounded - size_;
+        handle_ = nax_import_vaddr(reinterpret_cast<uintptr_t>(data_), nullptr);
     } else {
         heap_.assign(size_, 0);
         data_ = heap_.data();
@@ -331,6 +344,8 @@ TestBuffer::~TestBuffer() {
     if (backing_ == Backing::Memfd) {
         munmap(data_, size_);
         close(fd_);
+    } else if (backing_ == Backing::GuardPage) {
+        munmap(region_, regionSize_);
     }
 }
 

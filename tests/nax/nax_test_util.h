@@ -59,7 +59,9 @@ Rgba GreyOf(const Rgba& c);
  * engine. */
 class TestBuffer {
   public:
-    enum class Backing { Memfd, Heap };
+    /* GuardPage: CPU memory that ends where an inaccessible page begins,
+     * so any access past the end faults, even from uninstrumented code. */
+    enum class Backing { Memfd, Heap, GuardPage };
     TestBuffer(const Geometry& g, Backing backing = Backing::Memfd, size_t extra = 0);
     ~TestBuffer();
     TestBuffer(const TestBuffer&) = delete;
@@ -84,6 +86,8 @@ class TestBuffer {
     uint8_t* data_ = nullptr;
     std::vector<uint8_t> heap_;
     uint32_t handle_ = 0;
+    uint8_t* region_ = nullptr;
+    size_t regionSize_ = 0;
 };
 
 /* Test pictures. */
