@@ -312,7 +312,46 @@ void BM_Paired(benchmark::State& state, const Case& c) {
     state.counters["operator_overhead_pct"] = (opr / lib - 1) * 100;
 }
 
+/* One import and release of a full-HD NV12 dma-buf, as the operator does
+ * per buffer per frame, beside the mmap and munmap it would cost without
+ * the engine's mapping cache. */
+void BM_ImportRelease(benchmark::State& state) {
+    Frame f(kWidth, kHeight, NAX_FORMAT_YCbCr_420_SP, V4L2_PIX_FMT_NV12, Nv12Size(kWidth, kHeight));
+    for (auto _ : state) {
+        const uint32_t h = nax_import_fd(f.fd(), nullptr);
+        benchmark::DoNotOptimize(h);
+        nax_release_handle(h);
+    }
+}
+
+void BM_MmapMunmap(benchmark::State& state) {
+    Frame f(kWidth, kHeight, NAX_FORMAT_YCbCr_420_SP, V4L2_PIX_FMT_NV12, Nv12Size(kWidth, kHeight));
+    for (auto _ : state) {
+        void* p = mmap(nullptr, f.size(), PROT_READ | PROT_WRITE, MAP_SHARED, f.fd(), 0);
+        benchmark::DoNotOptimize(p);
+        munmap(p, f.size());
+    }
+}
+
+/* A fresh mapping also faults in every page on the job's first touch. */
+void BM_MmapTouchMunmap(benchmark::State& state) {
+    Frame f(kWidth, kHeight, NAX_FORMAT_YCbCr_420_SP, V4L2_PIX_FMT_NV12, Nv12Size(kWidth, kHeight));
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    for (auto _ : state) {
+        void* p = mmap(nullptr, f.size(), PROT_READ | PROT_WRITE, MAP_SHARED, f.fd(), 0);
+        const volatile uint8_t* bytes = static_cast<const uint8_t*>(p);
+        unsigned sum = 0;
+        for (size_t off = 0; off < f.size(); off += page)
+            sum += bytes[off];
+        benchmark::DoNotOptimize(sum);
+        munmap(p, f.size());
+    }
+}
+
 void Register() {
+    benchmark::RegisterBenchmark("Import/ImportRelease", BM_ImportRelease);
+    benchmark::RegisterBenchmark("Import/MmapMunmap", BM_MmapMunmap);
+    benchmark::RegisterBenchmark("Import/MmapTouchMunmap", BM_MmapTouchMunmap);
     for (const Case& c : kCases) {
         const std::string n = c.name;
         benchmark::RegisterBenchmark(("Memcpy/" + n).c_str(), BM_Memcpy, c)
