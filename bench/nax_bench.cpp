@@ -38,6 +38,9 @@ using tessaro::marlo::NaxImageOperator;
 
 namespace {
 
+/* Set when a variant could not be measured, so that a smoke run fails. */
+bool g_failed = false;
+
 constexpr int kWidth = 1920;
 constexpr int kHeight = 1080;
 
@@ -205,8 +208,10 @@ void BM_Engine(benchmark::State& state, const Case& c) {
         return nax_process(s, d, nax_buffer_t{}, nax_rect{}, nax_rect{}, nax_rect{}, -1, &fence,
                            nullptr, NAX_USAGE_SYNC | c.transform);
     };
-    if (run() != 0 || !SameAsLibyuv(c, *p.dst, *p.src))
+    if (run() != 0 || !SameAsLibyuv(c, *p.dst, *p.src)) {
         state.SkipWithError("the engine does not match libyuv");
+        g_failed = true;
+    }
     for (auto _ : state) {
         run();
         benchmark::ClobberMemory();
@@ -232,8 +237,10 @@ void BM_Operator(benchmark::State& state, const Case& c) {
     };
     memset(p.dst->data(), 0, c.dstSize);
     run();
-    if (!SameAsLibyuv(c, *p.dst, *p.src))
+    if (!SameAsLibyuv(c, *p.dst, *p.src)) {
         state.SkipWithError("the operator did not reach the software engine");
+        g_failed = true;
+    }
     for (auto _ : state) {
         run();
         benchmark::ClobberMemory();
@@ -376,5 +383,5 @@ int main(int argc, char** argv) {
         return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    return 0;
+    return g_failed ? 1 : 0;
 }
