@@ -10,11 +10,15 @@
  * be reused for another file while the mapping lives.
  *
  * Policy: a mapping with handles stays. When its last handle goes it turns
- * idle; idle mappings are kept for kIdleLifetime (a frame period is far
- * shorter) and at most kMaxIdle of them, least recently used dropped first.
- * An idle mapping whose file has changed size (a different buffer now) is
- * replaced on the next import. So memory the clients have freed stays
- * pinned for at most kIdleLifetime.
+ * idle, because the next frame will most likely import the same memory
+ * again. Whether anybody else still holds the memory cannot be read from
+ * the file (memfds have no links, dma-bufs always one, and the mapping
+ * itself holds a reference), so idle mappings age out instead: they are
+ * dropped once idle for kIdleLifetime (far longer than a frame period),
+ * and beyond kMaxIdle of them the least recently used go first. Both are
+ * checked at every import and release; an idle mapping thus pins memory a
+ * client has freed until the first engine call after kIdleLifetime. A file
+ * whose size changed is mapped afresh at its next import.
  */
 #pragma once
 

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -151,6 +152,23 @@ TEST(Import, IdleMappingsAreBounded) {
     }
     EXPECT_LE(MappingsOf("nax_idle"), 32);
     EXPECT_GE(MappingsOf("nax_idle"), 1);
+}
+
+/* An idle mapping is dropped at the first import or release after its
+ * lifetime, here that of another buffer. */
+TEST(Import, IdleMappingsAgeOut) {
+    Memfd old("nax_aging_old", 4096, 0);
+    uint32_t h = nax_import_fd(old.fd(), nullptr);
+    ASSERT_NE(0u, h);
+    ASSERT_EQ(0, nax_release_handle(h));
+    EXPECT_EQ(1, MappingsOf("nax_aging_old"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    Memfd other("nax_aging_new", 4096, 0);
+    h = nax_import_fd(other.fd(), nullptr);
+    ASSERT_NE(0u, h);
+    EXPECT_EQ(0, MappingsOf("nax_aging_old"));
+    EXPECT_EQ(1, MappingsOf("nax_aging_new"));
+    ASSERT_EQ(0, nax_release_handle(h));
 }
 
 /* A file that grew is mapped again at its new size. */

@@ -322,8 +322,8 @@ TestBuffer::TestBuffer(const Geometry& g, Backing backing, size_t extra)
         const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         const size_t rounded = (size_ + page - 1) / page * page;
         regionSize_ = rounded + page;
-        void* p = mmap(nullptr, regionSize_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                       -1, 0);
+        void* p =
+            mmap(nullptr, regionSize_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (p == MAP_FAILED)
             throw std::runtime_error("mmap");
         region_ = static_cast<uint8_t*>(p);

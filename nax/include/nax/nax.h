@@ -107,6 +107,15 @@ typedef struct nax_import_param {
  * returns and always stores -1 in *releaseFence: a CPU job has nothing to
  * overlap with, and callers that merge and wait on fences skip -1.
  *
+ * The single steps of the software engine: copy, rotate and flip keep the
+ * format and need the destination size the step produces; crop places the
+ * rectangle (all zero: the whole source) unscaled at the destination's top
+ * left; resize fills the destination, or with fx and fy > 0 its top-left
+ * round(width * fx) x round(height * fy) pixels (interpolation 0 nearest,
+ * 1 and 2 bilinear, 3 box); cvtcolor reads and writes the memory in the
+ * formats it is given, sizes equal, mode 0 (BT.601 limited range) only.
+ * A zero wstride or hstride means the width or height.
+ *
  * Plane layout the engine assumes, strides in pixels as in nax_buffer_t:
  * packed RGB rows are wstride * bytes-per-pixel; packed 4:2:2 rows are
  * wstride rounded up to even, times 2; grey rows (Y8, Y4) are wstride bytes;
