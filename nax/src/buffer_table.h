@@ -19,6 +19,10 @@
  * checked at every import and release; an idle mapping thus pins memory a
  * client has freed until the first engine call after kIdleLifetime. A file
  * whose size changed is mapped afresh at its next import.
+ *
+ * No descriptor is kept, so no DMA_BUF_IOCTL_SYNC brackets the CPU access:
+ * this engine is meant for cache-coherent Linux machines without the
+ * hardware block, where the CPU sees device writes without it.
  */
 #pragma once
 

@@ -378,3 +378,31 @@ TEST(Geometry, CopyAndCvtcolorSingleSteps) {
 }
 
 }  // namespace
+
+namespace {
+
+/* An odd crop out of every format lands on the right pixels: the source is
+ * read from its chroma grid and the extra column and row are dropped. */
+TEST(Geometry, OddCropOfEveryFormat) {
+    const int w = 9, h = 6;
+    std::vector<Rgba> greys(w * h);
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++) {
+            const uint8_t v = uint8_t(20 + x * 24 + y * 4);
+            greys[y * w + x] = Rgba{v, v, v, 255};
+        }
+    for (int f : AllFormatCodes()) {
+        SCOPED_TRACE(FormatName(f));
+        TestBuffer src(Geometry{w, h, w + 1, h, f});
+        src.Write(greys);
+        const std::vector<Rgba> stored = src.Read();
+        TestBuffer dst(Geometry{4, 3, 4, 3, NAX_FORMAT_RGBA_8888});
+        ASSERT_EQ(0, Process(src, dst, nax_rect{3, 1, 4, 3}, nax_rect{}, NAX_USAGE_SYNC));
+        const std::vector<Rgba> out = dst.Read();
+        for (int y = 0; y < 3; y++)
+            for (int x = 0; x < 4; x++)
+                EXPECT_LE(MaxDiff(stored[(y + 1) * w + x + 3], out[y * 4 + x]), 3) << x << "," << y;
+    }
+}
+
+}  // namespace
