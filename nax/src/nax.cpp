@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <new>
 
 #include <nax/nax.h>
 
@@ -24,8 +25,8 @@
 namespace nax {
 namespace {
 
-/* Larger images are refused: libyuv takes strides as int, and scratch
- * images stay below 1 GiB. */
+/* Larger images are refused: libyuv takes strides as int, and working
+ * images stay within a few GiB (a failed allocation answers -ENOMEM). */
 constexpr int kMaxDimension = 16384;
 constexpr int kFenceTimeoutMs = 3000;
 
@@ -123,9 +124,7 @@ struct Job {
     bool sameSize;   /* the rectangles match after the transform */
 };
 
-int Run(const Job& job, int* releaseFence) {
-    if (releaseFence)
-        *releaseFence = -1;
+int RunChecked(const Job& job) {
     Image src;
     Image dst;
     int rc = ResolveImage(job.op, "source", job.src, job.srcFormat, false, &src);
@@ -151,6 +150,19 @@ int Run(const Job& job, int* releaseFence) {
         return -EINVAL;
     }
     return RunJob(src.surface, sr, dst.surface, dr, job.transform, job.filter);
+}
+
+/* No exception leaves the library: memory for working images of a large
+ * job may run out. */
+int Run(const Job& job, int* releaseFence) {
+    if (releaseFence)
+        *releaseFence = -1;
+    try {
+        return RunChecked(job);
+    } catch (const std::bad_alloc&) {
+        NAX_LOGE("%s: out of memory", job.op);
+        return -ENOMEM;
+    }
 }
 
 Job SingleStep(const char* op, const nax_buffer_t& src, const nax_buffer_t& dst) {
@@ -326,7 +338,7 @@ nax_buffer_t nax_wrap_handle(uint32_t handle, int width, int height, int wstride
 }
 
 nax_buffer_t nax_wrap_fd(int fd, int width, int height, int wstride, int hstride, int format) {
-    return Wrap(BufferTable::Instance().ImportFd(fd), width, height, wstride, hstride, format);
+    return Wrap(nax_import_fd(fd, nullptr), width, height, wstride, hstride, format);
 }
 
 nax_buffer_t nax_wrap_paddr(uint64_t paddr, int width, int height, int wstride, int hstride,
@@ -336,13 +348,17 @@ nax_buffer_t nax_wrap_paddr(uint64_t paddr, int width, int height, int wstride, 
 
 nax_buffer_t nax_wrap_vaddr(uintptr_t vaddr, int width, int height, int wstride, int hstride,
                             int format) {
-    return Wrap(BufferTable::Instance().ImportVaddr(vaddr), width, height, wstride, hstride,
-                format);
+    return Wrap(nax_import_vaddr(vaddr, nullptr), width, height, wstride, hstride, format);
 }
 
 /* The import parameters are not needed: the geometry comes with each wrap. */
 uint32_t nax_import_fd(int fd, nax_import_param_t* /* param */) {
-    return BufferTable::Instance().ImportFd(fd);
+    try {
+        return BufferTable::Instance().ImportFd(fd);
+    } catch (const std::bad_alloc&) {
+        NAX_LOGE("import fd %d: out of memory", fd);
+        return 0;
+    }
 }
 
 uint32_t nax_import_paddr(uint64_t paddr, nax_import_param_t* /* param */) {
@@ -352,11 +368,21 @@ uint32_t nax_import_paddr(uint64_t paddr, nax_import_param_t* /* param */) {
 }
 
 uint32_t nax_import_vaddr(uintptr_t vaddr, nax_import_param_t* /* param */) {
-    return BufferTable::Instance().ImportVaddr(vaddr);
+    try {
+        return BufferTable::Instance().ImportVaddr(vaddr);
+    } catch (const std::bad_alloc&) {
+        NAX_LOGE("import vaddr: out of memory");
+        return 0;
+    }
 }
 
 int nax_release_handle(uint32_t handle) {
-    return BufferTable::Instance().Release(handle);
+    try {
+        return BufferTable::Instance().Release(handle);
+    } catch (const std::bad_alloc&) {
+        NAX_LOGE("release %u: out of memory", handle);
+        return -ENOMEM;
+    }
 }
 
 int nax_sync(int fence) {
