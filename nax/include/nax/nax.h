@@ -101,6 +101,28 @@ typedef struct nax_import_param {
  * Operations. `sync` 1 finishes the job before returning; 0 may leave it
  * running and then stores in *releaseFence a fence that signals its end (or
  * -1 when it is already done). Each returns 0 or a negative errno value.
+ *
+ * The software engine (libnax.so built from nax/ for machines without the
+ * hardware block) finishes every job, asynchronous ones included, before it
+ * returns and always stores -1 in *releaseFence: a CPU job has nothing to
+ * overlap with, and callers that merge and wait on fences skip -1.
+ *
+ * The single steps of the software engine: copy, rotate and flip keep the
+ * format and need the destination size the step produces; crop places the
+ * rectangle (all zero: the whole source) unscaled at the destination's top
+ * left; resize fills the destination, or with fx and fy > 0 its top-left
+ * round(width * fx) x round(height * fy) pixels (interpolation 0 nearest,
+ * 1 and 2 bilinear, 3 box); cvtcolor reads and writes the memory in the
+ * formats it is given, sizes equal, mode 0 (BT.601 limited range) only.
+ * A zero wstride or hstride means the width or height.
+ *
+ * Plane layout the engine assumes, strides in pixels as in nax_buffer_t:
+ * packed RGB rows are wstride * bytes-per-pixel; packed 4:2:2 rows are
+ * wstride rounded up to even, times 2; grey rows (Y8, Y4) are wstride bytes;
+ * the Y plane of YUV formats is wstride bytes by hstride rows, followed by
+ * the chroma: semi-planar rows of wstride rounded up to even bytes (hstride
+ * rows for 4:2:2, half of hstride rounded up for 4:2:0), planar 4:2:0 two
+ * planes of (wstride + 1) / 2 bytes by (hstride + 1) / 2 rows.
  */
 int nax_resize(nax_buffer_t src, nax_buffer_t dst, double fx, double fy, int interpolation,
                int sync, int* releaseFence);
@@ -113,7 +135,10 @@ int nax_copy(nax_buffer_t src, nax_buffer_t dst, int sync, int* releaseFence);
 /*
  * Crops srect of src, scales it into drect of dst, converting the format
  * and applying the transform bits of `usage`; the pattern is not read when
- * its handle is 0. The mode bits of `usage` choose synchronous or not.
+ * its handle is 0. The mode bits of `usage` choose synchronous or not. An
+ * acquireFence >= 0 is waited for before the job starts and stays the
+ * caller's. The software engine blends no pattern: a pattern handle makes
+ * it answer -EOPNOTSUPP.
  */
 int nax_process(nax_buffer_t src, nax_buffer_t dst, nax_buffer_t pat, nax_rect srect,
                 nax_rect drect, nax_rect prect, int acquireFence, int* releaseFence,
@@ -121,7 +146,15 @@ int nax_process(nax_buffer_t src, nax_buffer_t dst, nax_buffer_t pat, nax_rect s
 
 extern "C" {
 
-/* Buffer descriptions and imports; a returned handle of 0 is a failure. */
+/*
+ * Buffer descriptions and imports; a returned handle of 0 is a failure.
+ * An fd import maps the memory once and refers to the file, not to the
+ * descriptor, which the caller keeps and may close. A CPU-address import
+ * carries no size: the engine trusts the geometry it is wrapped with.
+ * Physical addresses cannot be reached by the software engine (handle 0).
+ * nax_wrap_fd/paddr/vaddr import and wrap in one call; their handle is
+ * released with nax_release_handle() like any other.
+ */
 nax_buffer_t nax_wrap_handle(uint32_t handle, int width, int height, int wstride, int hstride,
                              int format);
 nax_buffer_t nax_wrap_fd(int fd, int width, int height, int wstride, int hstride, int format);
@@ -133,7 +166,10 @@ uint32_t nax_import_fd(int fd, nax_import_param_t* param);
 uint32_t nax_import_paddr(uint64_t paddr, nax_import_param_t* param);
 uint32_t nax_import_vaddr(uintptr_t vaddr, nax_import_param_t* param);
 int nax_release_handle(uint32_t handle);
-/* Waits for a release fence of an asynchronous job and closes it. */
+/*
+ * Waits for a release fence of an asynchronous job and closes it; -1 (no
+ * fence, the job is done) returns 0 at once.
+ */
 int nax_sync(int fence);
 
 }  // extern "C"

@@ -1,0 +1,190 @@
+/*
+ * Imported buffers: the handle table and the mappings behind fd imports.
+ */
+#include "buffer_table.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "log.h"
+
+namespace nax {
+
+Mapping::Mapping(dev_t dev, ino_t ino, uint8_t* addr, size_t size, bool writable)
+    : dev_(dev), ino_(ino), addr_(addr), size_(size), writable_(writable) {}
+
+Mapping::~Mapping() {
+    if (munmap(addr_, size_) != 0)
+        NAX_LOGE("munmap of %zu bytes failed: %s", size_, strerror(errno));
+}
+
+BufferTable& BufferTable::Instance() {
+    /* Never destroyed: jobs may still run in other threads at exit. */
+    static BufferTable* table = new BufferTable();
+    return *table;
+}
+
+namespace {
+
+/* The size of the memory behind fd: regular files and memfds report it in
+ * st_size, dma-bufs answer a seek to the end. */
+uint64_t FileSize(int fd, const struct stat& st) {
+    if (st.st_size > 0)
+        return static_cast<uint64_t>(st.st_size);
+    const off_t end = lseek(fd, 0, SEEK_END);
+    if (end <= 0)
+        return 0;
+    lseek(fd, 0, SEEK_SET);
+    return static_cast<uint64_t>(end);
+}
+
+}  // namespace
+
+std::shared_ptr<Mapping> BufferTable::MapFile(int fd, Key key, uint64_t size) {
+    bool writable = true;
+    void* addr = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (addr == MAP_FAILED && (errno == EACCES || errno == EPERM)) {
+        /* Read-only memory (a read-only descriptor, a sealed memfd) can
+         * still be a source. */
+        writable = false;
+        addr = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    }
+    if (addr == MAP_FAILED) {
+        NAX_LOGE("import fd %d: mmap of %llu bytes failed: %s", fd,
+                 static_cast<unsigned long long>(size), strerror(errno));
+        return nullptr;
+    }
+    return std::make_shared<Mapping>(key.first, key.second, static_cast<uint8_t*>(addr),
+                                     static_cast<size_t>(size), writable);
+}
+
+uint32_t BufferTable::ImportFd(int fd) {
+    if (fd < 0) {
+        NAX_LOGE("import fd %d: not a descriptor", fd);
+        return 0;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0) {
+        NAX_LOGE("import fd %d: fstat failed: %s", fd, strerror(errno));
+        return 0;
+    }
+    const uint64_t size = FileSize(fd, st);
+    if (size == 0 || size > SIZE_MAX / 2) {
+        NAX_LOGE("import fd %d: no usable size (%llu bytes)", fd,
+                 static_cast<unsigned long long>(size));
+        return 0;
+    }
+    const Key key{st.st_dev, st.st_ino};
+    std::list<std::shared_ptr<Mapping>> dropped;
+    uint32_t handle = 0;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = mappings_.find(key);
+        if (it != mappings_.end() && it->second.mapping->size() != size) {
+            /* Same file, new size: handles still using the old mapping
+             * keep it alive through their references. */
+            if (it->second.handles == 0)
+                idle_.remove(key);
+            dropped.push_back(std::move(it->second.mapping));
+            mappings_.erase(it);
+            it = mappings_.end();
+        }
+        if (it == mappings_.end()) {
+            std::shared_ptr<Mapping> mapping = MapFile(fd, key, size);
+            if (!mapping)
+                return 0;
+            it = mappings_.emplace(key, CacheEntry{std::move(mapping), 0, {}}).first;
+        } else if (it->second.handles == 0) {
+            idle_.remove(key);
+        }
+        CacheEntry& entry = it->second;
+        BufferRef ref{entry.mapping, entry.mapping->addr(), entry.mapping->size(),
+                      entry.mapping->writable()};
+        handle = AddHandle(std::move(ref));
+        if (handle != 0)
+            entry.handles++;
+        else if (entry.handles == 0) {
+            entry.idleSince = Clock::now();
+            idle_.push_back(key);
+        }
+        DropIdle(Clock::now(), &dropped);
+    }
+    return handle;
+}
+
+uint32_t BufferTable::ImportVaddr(uintptr_t vaddr) {
+    if (vaddr == 0) {
+        NAX_LOGE("import vaddr: null address");
+        return 0;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    return AddHandle(BufferRef{nullptr, reinterpret_cast<uint8_t*>(vaddr), UINT64_MAX, true});
+}
+
+uint32_t BufferTable::AddHandle(BufferRef ref) {
+    if (handles_.size() >= UINT32_MAX - 1) {
+        NAX_LOGE("import: no free handle");
+        return 0;
+    }
+    while (nextHandle_ == 0 || handles_.count(nextHandle_) != 0)
+        nextHandle_++;
+    const uint32_t handle = nextHandle_++;
+    handles_.emplace(handle, std::move(ref));
+    return handle;
+}
+
+int BufferTable::Release(uint32_t handle) {
+    std::list<std::shared_ptr<Mapping>> dropped;
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = handles_.find(handle);
+    if (it == handles_.end()) {
+        NAX_LOGE("release: handle %u is not imported", handle);
+        return -EINVAL;
+    }
+    std::shared_ptr<Mapping> mapping = std::move(it->second.mapping);
+    handles_.erase(it);
+    const Clock::time_point now = Clock::now();
+    if (mapping) {
+        const Key key{mapping->dev(), mapping->ino()};
+        auto entry = mappings_.find(key);
+        /* A handle of a replaced mapping does not count for the new one. */
+        if (entry != mappings_.end() && entry->second.mapping == mapping &&
+            --entry->second.handles == 0) {
+            entry->second.idleSince = now;
+            idle_.push_back(key);
+        }
+        dropped.push_back(std::move(mapping));
+    }
+    DropIdle(now, &dropped);
+    return 0;
+}
+
+void BufferTable::DropIdle(Clock::time_point now, std::list<std::shared_ptr<Mapping>>* out) {
+    while (!idle_.empty()) {
+        auto entry = mappings_.find(idle_.front());
+        const bool expired = entry == mappings_.end() ||
+                             now - entry->second.idleSince >= kIdleLifetime ||
+                             idle_.size() > kMaxIdle;
+        if (!expired)
+            break;
+        if (entry != mappings_.end()) {
+            out->push_back(std::move(entry->second.mapping));
+            mappings_.erase(entry);
+        }
+        idle_.pop_front();
+    }
+}
+
+bool BufferTable::Lookup(uint32_t handle, BufferRef* ref) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = handles_.find(handle);
+    if (it == handles_.end())
+        return false;
+    *ref = it->second;
+    return true;
+}
+
+}  // namespace nax

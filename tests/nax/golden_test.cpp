@@ -1,0 +1,165 @@
+/*
+ * Every source format to every destination format on small pictures with
+ * known content, read back through an independent model of the layouts and
+ * of BT.601 limited-range colour.
+ *
+ * Tolerance, per colour channel after reading back as RGB:
+ *  - 2 between RGB formats of 8 bits a channel (byte shuffles);
+ *  - 10 when either side is YUV (rounding of the fixed-point matrices on
+ *    both sides and chroma averaged over 2x1 or 2x2 blocks of a ramp);
+ *  - plus 8 with RGB_565 (5/6-bit channels) and 12 with Y4 (16 levels).
+ */
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "nax_test_util.h"
+
+using namespace nax_test;
+
+namespace {
+
+int Tolerance(int s, int d) {
+    int tol = IsYuv(s) || IsYuv(d) ? 10 : 2;
+    if (s == NAX_FORMAT_RGB_565 || d == NAX_FORMAT_RGB_565)
+        tol += 8;
+    if (s == NAX_FORMAT_Y4 || d == NAX_FORMAT_Y4)
+        tol += 12;
+    return tol;
+}
+
+struct Picture {
+    const char* name;
+    std::vector<Rgba> (*make)(int w, int h);
+};
+
+const Picture kPictures[] = {
+    {"solid",
+     [](int w, int h) {
+         return Solid(w, h, Rgba{200, 60, 30, 255});
+     }},
+    {"ramp", [](int w, int h) { return Ramp(w, h); }},
+    {"checker", [](int w, int h) { return Checker(w, h, 2); }},
+};
+
+struct Size {
+    int w, h, ws, hs;
+};
+
+void CheckPair(int s, int d, const Size& size, TestBuffer::Backing backing) {
+    const Geometry gs{size.w, size.h, size.ws, size.hs, s};
+    const Geometry gd{size.w, size.h, size.ws + 1, size.hs + 2, d};
+    for (const Picture& pic : kPictures) {
+        SCOPED_TRACE(FormatName(s) + " -> " + FormatName(d) + " " + pic.name + " " +
+                     std::to_string(size.w) + "x" + std::to_string(size.h));
+        TestBuffer src(gs, backing);
+        TestBuffer dst(gd, TestBuffer::Backing::Heap);
+        const std::vector<Rgba> content = pic.make(size.w, size.h);
+        src.Write(content);
+        int fence = 7;
+        ASSERT_EQ(0, nax_process(src.buffer(), dst.buffer(), nax_buffer_t{}, nax_rect{}, nax_rect{},
+                                 nax_rect{}, -1, &fence, nullptr, NAX_USAGE_SYNC));
+        EXPECT_EQ(-1, fence);
+        const std::vector<Rgba> out = dst.Read();
+        const bool grey = IsGrey(s) || IsGrey(d);
+        const int tol = Tolerance(s, d);
+        int worst = 0;
+        int wx = 0, wy = 0;
+        for (int y = 0; y < size.h; y++) {
+            for (int x = 0; x < size.w; x++) {
+                const Rgba want = grey ? GreyOf(content[y * size.w + x]) : content[y * size.w + x];
+                const Rgba& got = out[y * size.w + x];
+                const int diff = MaxDiff(want, got);
+                if (diff > worst) {
+                    worst = diff;
+                    wx = x;
+                    wy = y;
+                }
+                if (HasAlpha(d)) {
+                    ASSERT_EQ(255, got.a) << "at " << x << "," << y;
+                }
+            }
+        }
+        EXPECT_LE(worst, tol) << "worst at " << wx << "," << wy;
+    }
+}
+
+class GoldenPair : public ::testing::TestWithParam<int> {};
+
+TEST_P(GoldenPair, EvenSizeFromMemfd) {
+    for (int d : AllFormatCodes())
+        CheckPair(GetParam(), d, Size{16, 12, 19, 13}, TestBuffer::Backing::Memfd);
+}
+
+TEST_P(GoldenPair, OddSizeFromCpuAddress) {
+    for (int d : AllFormatCodes())
+        CheckPair(GetParam(), d, Size{7, 5, 10, 6}, TestBuffer::Backing::Heap);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllSources, GoldenPair, ::testing::ValuesIn(AllFormatCodes()),
+                         [](const ::testing::TestParamInfo<int>& info) {
+                             return FormatName(info.param);
+                         });
+
+/* A translucent alpha travels between the formats that carry one. */
+TEST(Golden, AlphaIsKeptBetweenAlphaFormats) {
+    const int alphaFormats[] = {NAX_FORMAT_RGBA_8888, NAX_FORMAT_BGRA_8888, NAX_FORMAT_ARGB_8888,
+                                NAX_FORMAT_ABGR_8888};
+    for (int s : alphaFormats) {
+        for (int d : alphaFormats) {
+            TestBuffer src(Geometry{4, 2, 4, 2, s});
+            TestBuffer dst(Geometry{4, 2, 4, 2, d});
+            src.Write(Solid(4, 2, Rgba{10, 20, 30, 77}));
+            ASSERT_EQ(0, nax_cvtcolor(src.buffer(), dst.buffer(), s, d, 0, 1, nullptr));
+            for (const Rgba& p : dst.Read()) {
+                EXPECT_EQ(77, p.a) << FormatName(s) << " -> " << FormatName(d);
+                EXPECT_EQ(10, p.r);
+                EXPECT_EQ(30, p.b);
+            }
+        }
+    }
+}
+
+/* Known values of BT.601 limited range: white, black and a pure red. */
+TEST(Golden, LimitedRangeLevels) {
+    TestBuffer src(Geometry{2, 2, 2, 2, NAX_FORMAT_RGBA_8888});
+    TestBuffer dst(Geometry{2, 2, 2, 2, NAX_FORMAT_YCbCr_420_P});
+    src.Write(Solid(2, 2, Rgba{255, 255, 255, 255}));
+    ASSERT_EQ(0, nax_cvtcolor(src.buffer(), dst.buffer(), NAX_FORMAT_RGBA_8888,
+                              NAX_FORMAT_YCbCr_420_P, 0, 1, nullptr));
+    EXPECT_NEAR(235, dst.data()[0], 1);
+    EXPECT_NEAR(128, dst.data()[4], 1);
+    src.Write(Solid(2, 2, Rgba{0, 0, 0, 255}));
+    ASSERT_EQ(0, nax_cvtcolor(src.buffer(), dst.buffer(), NAX_FORMAT_RGBA_8888,
+                              NAX_FORMAT_YCbCr_420_P, 0, 1, nullptr));
+    EXPECT_NEAR(16, dst.data()[0], 1);
+    src.Write(Solid(2, 2, Rgba{255, 0, 0, 255}));
+    ASSERT_EQ(0, nax_cvtcolor(src.buffer(), dst.buffer(), NAX_FORMAT_RGBA_8888,
+                              NAX_FORMAT_YCbCr_420_P, 0, 1, nullptr));
+    EXPECT_NEAR(82, dst.data()[0], 1);  /* Y */
+    EXPECT_NEAR(90, dst.data()[4], 1);  /* Cb */
+    EXPECT_NEAR(240, dst.data()[5], 1); /* Cr */
+}
+
+/* Y4 keeps 16 levels in the high nibble. */
+TEST(Golden, Y4Nibbles) {
+    TestBuffer src(Geometry{4, 1, 4, 1, NAX_FORMAT_Y8});
+    TestBuffer dst(Geometry{4, 1, 4, 1, NAX_FORMAT_Y4});
+    const uint8_t levels[4] = {0, 16, 128, 255};
+    memcpy(src.data(), levels, 4);
+    ASSERT_EQ(
+        0, nax_cvtcolor(src.buffer(), dst.buffer(), NAX_FORMAT_Y8, NAX_FORMAT_Y4, 0, 1, nullptr));
+    EXPECT_EQ(0x00, dst.data()[0]);
+    EXPECT_EQ(0x10, dst.data()[1]);
+    EXPECT_EQ(0x80, dst.data()[2]);
+    EXPECT_EQ(0xF0, dst.data()[3]);
+    TestBuffer back(Geometry{4, 1, 4, 1, NAX_FORMAT_Y8});
+    ASSERT_EQ(
+        0, nax_cvtcolor(dst.buffer(), back.buffer(), NAX_FORMAT_Y4, NAX_FORMAT_Y8, 0, 1, nullptr));
+    EXPECT_EQ(0x00, back.data()[0]);
+    EXPECT_EQ(0x11, back.data()[1]);
+    EXPECT_EQ(0x88, back.data()[2]);
+    EXPECT_EQ(0xFF, back.data()[3]);
+}
+
+}  // namespace

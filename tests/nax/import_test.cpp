@@ -1,0 +1,349 @@
+/*
+ * Imports: by descriptor and by CPU address, the shared mappings behind
+ * repeated imports, refused physical addresses, and requests the engine
+ * must turn down without touching memory.
+ */
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "nax_test_util.h"
+#include "support/log_capture.h"
+
+using namespace nax_test;
+
+namespace {
+
+/* A memfd the test never maps itself, so /proc/self/maps shows only the
+ * engine's mappings of it. */
+class Memfd {
+  public:
+    Memfd(const std::string& name, size_t size, uint8_t fill) : name_(name) {
+        fd_ = memfd_create(name.c_str(), MFD_CLOEXEC | MFD_ALLOW_SEALING);
+        EXPECT_GE(fd_, 0);
+        EXPECT_EQ(0, ftruncate(fd_, static_cast<off_t>(size)));
+        std::vector<uint8_t> bytes(size, fill);
+        EXPECT_EQ(static_cast<ssize_t>(size), pwrite(fd_, bytes.data(), size, 0));
+    }
+    ~Memfd() {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    int fd() const { return fd_; }
+    void Close() {
+        close(fd_);
+        fd_ = -1;
+    }
+    uint8_t ByteAt(off_t offset) const {
+        uint8_t b = 0;
+        EXPECT_EQ(1, pread(fd_, &b, 1, offset));
+        return b;
+    }
+
+  private:
+    std::string name_;
+    int fd_ = -1;
+};
+
+nax_buffer_t Grey(uint32_t handle, int w, int h) {
+    return nax_wrap_handle(handle, w, h, w, h, NAX_FORMAT_Y8);
+}
+
+TEST(Import, RepeatedImportReusesOneMapping) {
+    Memfd mem("nax_reuse", 4096, 0x5A);
+    ASSERT_EQ(0, MappingsOf("nax_reuse"));
+    const uint32_t first = nax_import_fd(mem.fd(), nullptr);
+    ASSERT_NE(0u, first);
+    EXPECT_EQ(1, MappingsOf("nax_reuse"));
+    ASSERT_EQ(0, nax_release_handle(first));
+    /* Import, job and release per frame, as the camera does. */
+    std::vector<uint8_t> out(64 * 64);
+    for (int frame = 0; frame < 200; frame++) {
+        const uint32_t h = nax_import_fd(mem.fd(), nullptr);
+        ASSERT_NE(0u, h);
+        const uint32_t o = nax_import_vaddr(reinterpret_cast<uintptr_t>(out.data()), nullptr);
+        ASSERT_EQ(0, nax_copy(Grey(h, 64, 64), Grey(o, 64, 64), 0, nullptr));
+        ASSERT_EQ(0, nax_release_handle(h));
+        ASSERT_EQ(0, nax_release_handle(o));
+        ASSERT_EQ(1, MappingsOf("nax_reuse")) << "frame " << frame;
+    }
+    EXPECT_EQ(0x5A, out[64 * 64 - 1]);
+}
+
+TEST(Import, SameFileThroughAnotherDescriptorSharesTheMapping) {
+    Memfd mem("nax_dup", 8192, 1);
+    const int copy = dup(mem.fd());
+    const std::string path = "/proc/self/fd/" + std::to_string(mem.fd());
+    const int reopened = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(reopened, 0);
+    const uint32_t a = nax_import_fd(mem.fd(), nullptr);
+    const uint32_t b = nax_import_fd(copy, nullptr);
+    const uint32_t c = nax_import_fd(reopened, nullptr);
+    ASSERT_NE(0u, a);
+    ASSERT_NE(0u, b);
+    ASSERT_NE(0u, c);
+    EXPECT_NE(a, b);
+    EXPECT_NE(b, c);
+    EXPECT_EQ(1, MappingsOf("nax_dup"));
+    Memfd other("nax_dup_other", 8192, 2);
+    const uint32_t d = nax_import_fd(other.fd(), nullptr);
+    EXPECT_EQ(1, MappingsOf("nax_dup_other"));
+    for (uint32_t h : {a, b, c, d})
+        EXPECT_EQ(0, nax_release_handle(h));
+    close(copy);
+    close(reopened);
+}
+
+/* A descriptor number reused for other memory is other memory. */
+TEST(Import, ReusedDescriptorNumberIsNewMemory) {
+    auto memA = std::make_unique<Memfd>("nax_reuse_a", 4096, 0x11);
+    const int number = memA->fd();
+    uint32_t h = nax_import_fd(number, nullptr);
+    ASSERT_NE(0u, h);
+    ASSERT_EQ(0, nax_release_handle(h));
+    memA.reset();
+    Memfd memB("nax_reuse_b", 4096, 0x22);
+    ASSERT_EQ(number, memB.fd());
+    h = nax_import_fd(memB.fd(), nullptr);
+    ASSERT_NE(0u, h);
+    std::vector<uint8_t> out(16);
+    const uint32_t o = nax_import_vaddr(reinterpret_cast<uintptr_t>(out.data()), nullptr);
+    ASSERT_EQ(0, nax_copy(Grey(h, 4, 4), Grey(o, 4, 4), 1, nullptr));
+    EXPECT_EQ(0x22, out[0]);
+    EXPECT_EQ(0, nax_release_handle(h));
+    EXPECT_EQ(0, nax_release_handle(o));
+}
+
+/* The caller may close its descriptor: the handle keeps the memory. */
+TEST(Import, HandleOutlivesTheDescriptor) {
+    Memfd mem("nax_closed", 4096, 0);
+    const int keep = dup(mem.fd());
+    const uint32_t h = nax_import_fd(mem.fd(), nullptr);
+    ASSERT_NE(0u, h);
+    mem.Close();
+    std::vector<uint8_t> src(16, 0x77);
+    const uint32_t s = nax_import_vaddr(reinterpret_cast<uintptr_t>(src.data()), nullptr);
+    ASSERT_EQ(0, nax_copy(Grey(s, 4, 4), Grey(h, 4, 4), 1, nullptr));
+    uint8_t b = 0;
+    ASSERT_EQ(1, pread(keep, &b, 1, 15));
+    EXPECT_EQ(0x77, b);
+    EXPECT_EQ(0, nax_release_handle(h));
+    EXPECT_EQ(0, nax_release_handle(s));
+    close(keep);
+}
+
+/* Idle mappings are bounded: freed client buffers do not pile up. */
+TEST(Import, IdleMappingsAreBounded) {
+    std::vector<std::unique_ptr<Memfd>> mems;
+    for (int i = 0; i < 48; i++) {
+        mems.push_back(std::make_unique<Memfd>("nax_idle", 4096, 0));
+        const uint32_t h = nax_import_fd(mems.back()->fd(), nullptr);
+        ASSERT_NE(0u, h);
+        ASSERT_EQ(0, nax_release_handle(h));
+    }
+    EXPECT_LE(MappingsOf("nax_idle"), 32);
+    EXPECT_GE(MappingsOf("nax_idle"), 1);
+}
+
+/* An idle mapping is dropped at the first import or release after its
+ * lifetime, here that of another buffer. */
+TEST(Import, IdleMappingsAgeOut) {
+    Memfd old("nax_aging_old", 4096, 0);
+    uint32_t h = nax_import_fd(old.fd(), nullptr);
+    ASSERT_NE(0u, h);
+    ASSERT_EQ(0, nax_release_handle(h));
+    EXPECT_EQ(1, MappingsOf("nax_aging_old"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    Memfd other("nax_aging_new", 4096, 0);
+    h = nax_import_fd(other.fd(), nullptr);
+    ASSERT_NE(0u, h);
+    EXPECT_EQ(0, MappingsOf("nax_aging_old"));
+    EXPECT_EQ(1, MappingsOf("nax_aging_new"));
+    ASSERT_EQ(0, nax_release_handle(h));
+}
+
+/* A file that grew is mapped again at its new size. */
+TEST(Import, ResizedFileIsMappedAgain) {
+    Memfd mem("nax_grow", 16, 3);
+    uint32_t h = nax_import_fd(mem.fd(), nullptr);
+    ASSERT_NE(0u, h);
+    std::vector<uint8_t> out(64);
+    const uint32_t o = nax_import_vaddr(reinterpret_cast<uintptr_t>(out.data()), nullptr);
+    EXPECT_EQ(-EINVAL, nax_copy(Grey(h, 8, 8), Grey(o, 8, 8), 1, nullptr));
+    ASSERT_EQ(0, nax_release_handle(h));
+    ASSERT_EQ(0, ftruncate(mem.fd(), 64));
+    h = nax_import_fd(mem.fd(), nullptr);
+    ASSERT_NE(0u, h);
+    EXPECT_EQ(0, nax_copy(Grey(h, 8, 8), Grey(o, 8, 8), 1, nullptr));
+    EXPECT_EQ(3, out[0]);
+    EXPECT_EQ(0, out[63]);
+    EXPECT_EQ(1, MappingsOf("nax_grow"));
+    EXPECT_EQ(0, nax_release_handle(h));
+    EXPECT_EQ(0, nax_release_handle(o));
+}
+
+TEST(Import, SealedMemoryIsReadOnly) {
+    Memfd mem("nax_sealed", 64, 9);
+    ASSERT_EQ(0, fcntl(mem.fd(), F_ADD_SEALS, F_SEAL_WRITE | F_SEAL_SHRINK | F_SEAL_GROW));
+    const uint32_t h = nax_import_fd(mem.fd(), nullptr);
+    ASSERT_NE(0u, h);
+    std::vector<uint8_t> other(64, 1);
+    const uint32_t o = nax_import_vaddr(reinterpret_cast<uintptr_t>(other.data()), nullptr);
+    EXPECT_EQ(-EACCES, nax_copy(Grey(o, 8, 8), Grey(h, 8, 8), 1, nullptr));
+    EXPECT_EQ(9, mem.ByteAt(0));
+    EXPECT_EQ(0, nax_copy(Grey(h, 8, 8), Grey(o, 8, 8), 1, nullptr));
+    EXPECT_EQ(9, other[0]);
+    EXPECT_EQ(0, nax_release_handle(h));
+    EXPECT_EQ(0, nax_release_handle(o));
+}
+
+TEST(Import, PhysicalAddressesAndBadDescriptorsAreRefused) {
+    marlo_test::LogCapture logs;
+    nax_import_param_t param{64, 64, NAX_FORMAT_Y8};
+    EXPECT_EQ(0u, nax_import_paddr(0x80000000ull, &param));
+    EXPECT_TRUE(logs.containsText("physical addresses are not reachable")) << logs.dump();
+    EXPECT_EQ(0u, nax_wrap_paddr(0x80000000ull, 64, 64, 64, 64, NAX_FORMAT_Y8).handle);
+    EXPECT_EQ(0u, nax_import_fd(-1, &param));
+    EXPECT_EQ(0u, nax_import_vaddr(0, &param));
+    int p[2];
+    ASSERT_EQ(0, pipe(p));
+    EXPECT_EQ(0u, nax_import_fd(p[0], &param)) << "a pipe has no memory to map";
+    close(p[0]);
+    close(p[1]);
+    EXPECT_EQ(-EINVAL, nax_release_handle(0));
+    EXPECT_EQ(-EINVAL, nax_release_handle(0xFFFFFFF0u));
+}
+
+TEST(Import, WrapEntryPointsImportToo) {
+    Memfd mem("nax_wrap", 64, 4);
+    const nax_buffer_t b = nax_wrap_fd(mem.fd(), 8, 8, 8, 8, NAX_FORMAT_Y8);
+    ASSERT_NE(0u, b.handle);
+    EXPECT_EQ(8, b.width);
+    EXPECT_EQ(NAX_FORMAT_Y8, b.format);
+    std::vector<uint8_t> out(64);
+    const nax_buffer_t o =
+        nax_wrap_vaddr(reinterpret_cast<uintptr_t>(out.data()), 8, 8, 8, 8, NAX_FORMAT_Y8);
+    ASSERT_NE(0u, o.handle);
+    EXPECT_EQ(0, nax_copy(b, o, 1, nullptr));
+    EXPECT_EQ(4, out[10]);
+    EXPECT_EQ(0, nax_release_handle(b.handle));
+    EXPECT_EQ(0, nax_release_handle(o.handle));
+    EXPECT_EQ(-EINVAL, nax_release_handle(b.handle)) << "released twice";
+}
+
+/* Requests the engine cannot serve fail before anything is written. */
+TEST(Validation, RefusedRequestsWriteNothing) {
+    TestBuffer src(Geometry{8, 8, 8, 8, NAX_FORMAT_RGBA_8888});
+    TestBuffer dst(Geometry{8, 8, 8, 8, NAX_FORMAT_RGBA_8888});
+    memset(dst.data(), 0xAB, dst.size());
+    const nax_buffer_t s = src.buffer();
+    const nax_buffer_t d = dst.buffer();
+    const nax_rect all{};
+    auto process = [&](nax_buffer_t a, nax_buffer_t b, nax_rect sr, nax_rect dr, int usage,
+                       nax_buffer_t pat = nax_buffer_t{}) {
+        int fence = 5;
+        const int rc = nax_process(a, b, pat, sr, dr, all, -1, &fence, nullptr, usage);
+        EXPECT_EQ(-1, fence);
+        return rc;
+    };
+    EXPECT_EQ(-EINVAL, process(s, d, nax_rect{4, 4, 5, 4}, all, NAX_USAGE_SYNC));
+    EXPECT_EQ(-EINVAL, process(s, d, nax_rect{-1, 0, 4, 4}, all, NAX_USAGE_SYNC));
+    EXPECT_EQ(-EINVAL, process(s, d, nax_rect{0, 0, 0, 4}, all, NAX_USAGE_SYNC));
+    EXPECT_EQ(-EINVAL, process(s, d, all, nax_rect{0, 7, 8, 2}, NAX_USAGE_SYNC));
+    EXPECT_EQ(-EINVAL, process(s, d, all, nax_rect{0x7FFFFFFF, 0, 8, 2}, NAX_USAGE_SYNC));
+    EXPECT_EQ(-EINVAL, process(s, d, all, all,
+                               NAX_USAGE_SYNC | NAX_TRANSFORM_ROT_90 | NAX_TRANSFORM_ROT_180));
+    EXPECT_EQ(-EOPNOTSUPP, process(s, d, all, all, NAX_USAGE_SYNC, s));
+    /* Geometry against the imported memory. */
+    nax_buffer_t tooBig = d;
+    tooBig.height = 9;
+    tooBig.hstride = 9;
+    EXPECT_EQ(-EINVAL, process(s, tooBig, all, all, NAX_USAGE_SYNC));
+    nax_buffer_t narrow = d;
+    narrow.wstride = 7;
+    EXPECT_EQ(-EINVAL, process(s, narrow, all, all, NAX_USAGE_SYNC));
+    nax_buffer_t bigger = d;
+    bigger.format = NAX_FORMAT_RGB_888;
+    bigger.width = bigger.wstride = 11; /* 11*3*8 = 264 > 256 */
+    EXPECT_EQ(-EINVAL, process(s, bigger, all, all, NAX_USAGE_SYNC));
+    nax_buffer_t unknown = d;
+    unknown.format = 0x500;
+    EXPECT_EQ(-EINVAL, process(s, unknown, all, all, NAX_USAGE_SYNC));
+    unknown.format = -2; /* what a caller's format lookup answers for a miss */
+    EXPECT_EQ(-EINVAL, process(s, unknown, all, all, NAX_USAGE_SYNC));
+    nax_buffer_t none = d;
+    none.handle = 0;
+    EXPECT_EQ(-EINVAL, process(s, none, all, all, NAX_USAGE_SYNC));
+    none.handle = 0xFFFFFFF0u;
+    EXPECT_EQ(-EINVAL, process(s, none, all, all, NAX_USAGE_SYNC));
+    nax_buffer_t empty = d;
+    empty.width = 0;
+    EXPECT_EQ(-EINVAL, process(s, empty, all, all, NAX_USAGE_SYNC));
+    for (size_t i = 0; i < dst.size(); i++)
+        ASSERT_EQ(0xAB, dst.data()[i]) << i;
+    /* Zero strides mean tightly packed. */
+    nax_buffer_t packed = d;
+    packed.wstride = 0;
+    packed.hstride = 0;
+    EXPECT_EQ(0, process(s, packed, all, all, NAX_USAGE_SYNC));
+}
+
+TEST(Fences, JobsFinishBeforeReturnAndFencesAreWaited) {
+    TestBuffer src(Geometry{4, 4, 4, 4, NAX_FORMAT_Y8});
+    TestBuffer dst(Geometry{4, 4, 4, 4, NAX_FORMAT_Y8});
+    memset(src.data(), 0x42, src.size());
+    const int acquire = eventfd(1, EFD_CLOEXEC);
+    ASSERT_GE(acquire, 0);
+    int fence = 99;
+    ASSERT_EQ(0, nax_process(src.buffer(), dst.buffer(), nax_buffer_t{}, nax_rect{}, nax_rect{},
+                             nax_rect{}, acquire, &fence, nullptr, NAX_USAGE_ASYNC));
+    EXPECT_EQ(-1, fence);
+    EXPECT_EQ(0x42, dst.data()[15]) << "an asynchronous job is done on return";
+    EXPECT_GE(fcntl(acquire, F_GETFD), 0) << "the acquire fence stays the caller's";
+    EXPECT_EQ(0, nax_sync(-1));
+    /* nax_sync waits for a signalled fence and closes it. */
+    EXPECT_EQ(0, nax_sync(acquire));
+    EXPECT_EQ(-1, fcntl(acquire, F_GETFD));
+    /* Usage without a mode bit is still a finished job. */
+    ASSERT_EQ(0, nax_process(src.buffer(), dst.buffer(), nax_buffer_t{}, nax_rect{}, nax_rect{},
+                             nax_rect{}, -1, nullptr, nullptr, 0));
+}
+
+TEST(Concurrency, ThreadsImportProcessAndReleaseTogether) {
+    Memfd shared("nax_threads", 64 * 48, 0x33);
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&, t] {
+            std::vector<uint8_t> out(32 * 24 * 4);
+            for (int i = 0; i < 200; i++) {
+                const uint32_t s = nax_import_fd(shared.fd(), nullptr);
+                const uint32_t d =
+                    nax_import_vaddr(reinterpret_cast<uintptr_t>(out.data()), nullptr);
+                const nax_buffer_t sb = nax_wrap_handle(s, 64, 48, 64, 48, NAX_FORMAT_Y8);
+                const nax_buffer_t db = nax_wrap_handle(d, 32, 24, 32, 24, NAX_FORMAT_RGBA_8888);
+                const int rc =
+                    nax_process(sb, db, nax_buffer_t{}, nax_rect{}, nax_rect{}, nax_rect{}, -1,
+                                nullptr, nullptr, (t % 2) ? NAX_TRANSFORM_FLIP_H : 0);
+                if (rc != 0 || s == 0 || d == 0 || nax_release_handle(s) != 0 ||
+                    nax_release_handle(d) != 0)
+                    failures++;
+            }
+        });
+    }
+    for (std::thread& t : threads)
+        t.join();
+    EXPECT_EQ(0, failures.load());
+    EXPECT_EQ(1, MappingsOf("nax_threads"));
+}
+
+}  // namespace
