@@ -77,9 +77,9 @@ TEST_F(ConfigLoad, NeitherFileReadableGivesAnEmptyBoard) {
     EXPECT_TRUE(GlobalCameraConfig::boardConfigs().empty());
     EXPECT_TRUE(capture.contains(ANDROID_LOG_WARN, kTag, kOverrideWarning));
     EXPECT_TRUE(capture.contains(ANDROID_LOG_ERROR, kTag,
-                                 "loadFromConfig: Unable to load marlo config file '" +
-                                     sysroot_.path("/vendor/etc/marlo_config.xml") +
-                                     "'. Error: XML_ERROR_FILE_NOT_FOUND"))
+                                 "loadFromConfig: Unable to load marlo config file "
+                                 "'/vendor/etc/marlo_config.xml'. Error: "
+                                 "XML_ERROR_FILE_NOT_FOUND"))
         << capture.dump();
     EXPECT_EQ(capture.count(kLoadSucceeded), 0u);
     /* With no board there is nothing to match and nothing to say about it. */
