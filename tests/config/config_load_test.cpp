@@ -315,7 +315,8 @@ TEST_F(ConfigLoad, ExampleConfigurationDescribesTheEvaluationBoard) {
     ASSERT_EQ(front.channels.size(), 2u);
     EXPECT_EQ(front.channels[0].dev, "/dev/video0");
     EXPECT_EQ(front.channels[0].cameraModel, "OX03C10 front");
-    EXPECT_EQ(front.channels[0].cameraParam.location, "front");
+    EXPECT_EQ(front.channels[0].cameraParam.location, "exterior_front");
+    EXPECT_EQ(front.channels[0].cameraParam.lensFacing, "exterior_front");
     EXPECT_FLOAT_EQ(front.channels[0].cameraParam.pitch, -12.5f);
     EXPECT_DOUBLE_EQ(front.channels[0].cameraParam.k1, -0.0387712394);
     ASSERT_EQ(front.channels[0].streams.size(), 2u);
@@ -330,11 +331,13 @@ TEST_F(ConfigLoad, ExampleConfigurationDescribesTheEvaluationBoard) {
     EXPECT_EQ(board.inputMap[3].channelId, 1);
     EXPECT_EQ(board.cameraParams.size(), 4u);
     EXPECT_EQ(board.cameraParams.count(0), 0u);
-    EXPECT_EQ(board.cameraParams[1].lensFacing, "back");
+    EXPECT_EQ(board.cameraParams[1].location, "exterior_rear");
+    EXPECT_EQ(board.cameraParams[1].lensFacing, "exterior_rear");
     EXPECT_FLOAT_EQ(board.cameraParams[1].yaw, 180.0f);
     EXPECT_FLOAT_EQ(board.cameraParams[2].fx, 1008.71f);
     EXPECT_FLOAT_EQ(board.cameraParams[3].vfov, 142.0f);
     EXPECT_TRUE(board.cameraParams[4].location.empty());
+    EXPECT_EQ(board.cameraParams[4].lensFacing, "interior_other");
     EXPECT_EQ(GlobalCameraConfig::boardConfigs().size(), 2u);
 }
 
