@@ -256,6 +256,12 @@ TEST_F(DebugHelperOn, StartTimerAfterStopRunsThePeriodicReport) {
     while (!reportExists() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_TRUE(reportExists());
+    /* Written again at the next interval, with no update in between. */
+    removeReport();
+    deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!reportExists() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(reportExists());
     helper.stopTimer();
     EXPECT_FALSE(helper.running());
     /* Stopped and waited for: no report after this. */
@@ -277,6 +283,22 @@ TEST_F(DebugHelperOn, StartTimerTwiceAfterASwitchOffJoinsTheOldThread) {
     LogCapture capture;
     helper.startTimer();
     EXPECT_TRUE(helper.running());
+    helper.stopTimer();
+    /* Joined rather than detached, but reported as Thread reports a replaced thread. */
+    EXPECT_TRUE(capture.contains(ANDROID_LOG_ERROR, "marlo_base", "Thread already started"))
+        << capture.dump();
+    EXPECT_EQ(capture.count("Thread already started"), 1u);
+}
+
+TEST_F(DebugHelperOn, FirstStartTimerReportsNoReplacedThread) {
+    ScopedProperty interval(kInterval, "40");
+    TestHelper helper;
+    helper.stopTimer();
+    LogCapture capture;
+    helper.startTimer();
+    EXPECT_TRUE(helper.running());
+    /* Already running: nothing is started or replaced. */
+    helper.startTimer();
     helper.stopTimer();
     EXPECT_FALSE(capture.containsText("Thread already started")) << capture.dump();
 }
