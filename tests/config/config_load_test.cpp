@@ -392,3 +392,24 @@ TEST_F(ConfigLoad, ExampleConfigurationUsesEveryElementAndAttribute) {
     for (const char* name : names)
         EXPECT_NE(xml.find(name), std::string::npos) << name;
 }
+
+TEST_F(ConfigLoad, LoadedTextKeepsItsWhiteSpace) {
+    sysroot_.writeDefaultConfig(
+        ConfigXml("<board name=\"  Spaced   board \"><cameras><camera>"
+                  "<entity>  two  spaces\n</entity></camera></cameras></board>"));
+    GlobalCameraConfig::loadFromConfig(nullptr);
+    auto boards = GlobalCameraConfig::boardConfigs();
+    ASSERT_EQ(boards.size(), 1u);
+    EXPECT_EQ(boards[0].name, "  Spaced   board ");
+    EXPECT_EQ(boards[0].cameras[0].entity, "  two  spaces\n");
+}
+
+TEST_F(ConfigLoad, OnlyTheFirstCameraConfigElementIsRead) {
+    sysroot_.writeDefaultConfig("<?xml version=\"1.0\"?>\n<Other/><CameraConfig>" +
+                                BoardXml("First root", 1) + "</CameraConfig><CameraConfig>" +
+                                BoardXml("Second root", 2) + "</CameraConfig>\n");
+    GlobalCameraConfig::loadFromConfig(nullptr);
+    auto boards = GlobalCameraConfig::boardConfigs();
+    ASSERT_EQ(boards.size(), 1u);
+    EXPECT_EQ(boards[0].name, "First root");
+}
