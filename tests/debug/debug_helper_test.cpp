@@ -598,3 +598,41 @@ TEST_F(DebugHelperOff, ExampleConfigurationGivesEveryMappedStreamAndNode) {
     std::string text = report();
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 21);
 }
+
+namespace {
+
+/* \a text right-aligned in a field of \a width characters. */
+std::string Field(const std::string& text, size_t width) {
+    return std::string(width > text.size() ? width - text.size() : 0, ' ') + text;
+}
+
+}  // namespace
+
+TEST_F(DebugHelperOff, ReportLinesFollowTheFieldWidthsAndRulers) {
+    TestHelper helper;
+    std::vector<std::string> expected = {
+        std::string(73, '-'),
+        "streamId" + Field("state", 14) + Field("frameNumber", 16) + Field("FPS", 14) +
+            Field("dropCount", 15),
+        std::string(73, '-'),
+        "0\t\tSTOPPED\t\t0\t\t0\t\t0",
+        "3\t\tSTOPPED\t\t0\t\t0\t\t0",
+        "10\t\tSTOPPED\t\t0\t\t0\t\t0",
+        std::string(73, '-'),
+        "",
+        std::string(108, '-'),
+        Field("NAX process time(us)", 85),
+        "deviceNode" + Field("state", 20) + Field("dropCount", 15) + Field("max", 15) +
+            Field("min", 15) + Field("avg", 15),
+        std::string(108, '-'),
+        "/dev/video0\t\tSTOPPED\t\t0\t\t0\t\t0\t\t0",
+        "/dev/video1\t\tSTOPPED\t\t0\t\t0\t\t0\t\t0",
+        "/dev/video4\t\tSTOPPED\t\t0\t\t0\t\t0\t\t0",
+        std::string(108, '-'),
+        "",
+    };
+    std::string text;
+    for (const std::string& line : expected)
+        text += line + "\n";
+    EXPECT_EQ(report(), text);
+}
