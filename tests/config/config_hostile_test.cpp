@@ -37,8 +37,9 @@ class ConfigHostile : public ::testing::Test {
     }
 
     std::string LoadError(const char* name) const {
-        return std::string("loadFromConfig: Unable to load marlo config file "
-                           "'/vendor/etc/marlo_config.xml'. Error: ") +
+        return std::string(
+                   "loadFromConfig: Unable to load marlo config file "
+                   "'/vendor/etc/marlo_config.xml'. Error: ") +
                name;
     }
 
