@@ -9,6 +9,7 @@
 #include "config/board_configs_access.h"
 #include "config/config_test_util.h"
 #include "config/temp_sysroot.h"
+#include "support/fd_count.h"
 #include "support/log_capture.h"
 
 using marlo_test::BoardXml;
@@ -412,4 +413,18 @@ TEST_F(ConfigLoad, OnlyTheFirstCameraConfigElementIsRead) {
     auto boards = GlobalCameraConfig::boardConfigs();
     ASSERT_EQ(boards.size(), 1u);
     EXPECT_EQ(boards[0].name, "First root");
+}
+
+TEST_F(ConfigLoad, LoadsAndModelReadsLeaveNoDescriptorOpen) {
+    marlo_test::FdLeakCheck check;
+    /* Neither file, then a broken override and a good default, then the override. */
+    GlobalCameraConfig::Creat();
+    sysroot_.writeOverrideConfig("<CameraConfig><board>");
+    sysroot_.writeDefaultConfig(ConfigXml(BoardXml("Default board", 4)));
+    sysroot_.writeModel(std::string("Default board") + '\0');
+    GlobalCameraConfig::Creat();
+    sysroot_.writeOverrideConfig(ConfigXml(BoardXml("Override board", 5)));
+    /* The earlier load's board is still first in the list, and matches. */
+    EXPECT_EQ(GlobalCameraConfig::Creat().name, "Default board");
+    EXPECT_TRUE(check.unchanged());
 }

@@ -12,6 +12,7 @@
 
 #include "config/board_configs_access.h"
 #include "config/temp_sysroot.h"
+#include "support/fd_count.h"
 #include "support/log_capture.h"
 #include "support/scoped_property.h"
 
@@ -635,4 +636,15 @@ TEST_F(DebugHelperOff, ReportLinesFollowTheFieldWidthsAndRulers) {
     for (const std::string& line : expected)
         text += line + "\n";
     EXPECT_EQ(report(), text);
+}
+
+TEST_F(DebugHelperOn, ReportsLeaveNoDescriptorOpen) {
+    TestHelper helper;
+    marlo_test::FdLeakCheck check;
+    helper.updateStreamState(0, "RUNNING");
+    helper.dumpDebugInfo();
+    /* And when the file cannot be opened. */
+    std::filesystem::remove_all(sysroot_.path("/data"));
+    helper.dumpDebugInfo();
+    EXPECT_TRUE(check.unchanged());
 }
