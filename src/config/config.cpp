@@ -71,8 +71,9 @@ void GlobalCameraConfig::loadFromConfig(const char* path) {
         std::string defaultPath = platform::SystemPath(kDefaultConfigPath);
         doc.Clear();
         if (!LoadDocument(&doc, defaultPath.c_str())) {
+            /* Named as on the board, wherever this platform keeps the file. */
             marlo_log(MARLO_LOG_ERROR, kTag, "%s: Unable to load marlo config file '%s'. Error: %s",
-                      "loadFromConfig", defaultPath.c_str(),
+                      "loadFromConfig", kDefaultConfigPath,
                       XMLDocument::ErrorIDToName(doc.ErrorID()));
             return;
         }

@@ -23,6 +23,8 @@ namespace tessaro::marlo {
 namespace {
 
 constexpr char kTag[] = "marlo_debug";
+/* The tag under which Thread reports replacing a thread it still holds. */
+constexpr char kThreadTag[] = "marlo_base";
 constexpr char kOnProperty[] = "persist.vendor.tessaro.marlo.dbgfile.on";
 constexpr char kIntervalProperty[] = "persist.vendor.tessaro.marlo.dbgfile.interval";
 constexpr char kReportPath[] = "/data/vendor/camera/marlo_debug.log";
@@ -165,10 +167,12 @@ void DebugHelper::startTimer() {
     /*
      * A report thread that saw the flag cleared without being waited for
      * ends on its own; it is joined here rather than detached, so no thread
-     * outlives the helper.
+     * outlives the helper. The log still reads as when a Thread replaces one
+     * it holds.
      */
     unsigned int generation = ++timerGeneration_;
-    if (timer_.joinable()) {
+    bool replaced = timer_.joinable();
+    if (replaced) {
         {
             std::lock_guard<std::mutex> sleepLock(sleepMutex_);
             sleepCond_.notify_all();
@@ -177,14 +181,20 @@ void DebugHelper::startTimer() {
         timer_.join();
     }
     running_ = true;
+    std::string failure;
     try {
         timer_.start([this, generation] { timerLoop(generation); });
     } catch (const std::system_error& error) {
         running_ = false;
-        lock.unlock();
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: failed to start the timer thread: %s", "startTimer",
-                  error.what());
+        failure = error.what();
     }
+    lock.unlock();
+
+    if (replaced)
+        marlo_log(MARLO_LOG_ERROR, kThreadTag, "Thread already started");
+    if (!failure.empty())
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: failed to start the timer thread: %s", "startTimer",
+                  failure.c_str());
 }
 
 void DebugHelper::stopTimer() {

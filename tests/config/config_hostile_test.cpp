@@ -37,8 +37,10 @@ class ConfigHostile : public ::testing::Test {
     }
 
     std::string LoadError(const char* name) const {
-        return "loadFromConfig: Unable to load marlo config file '" +
-               sysroot_.path("/vendor/etc/marlo_config.xml") + "'. Error: " + name;
+        return std::string(
+                   "loadFromConfig: Unable to load marlo config file "
+                   "'/vendor/etc/marlo_config.xml'. Error: ") +
+               name;
     }
 
     TempSysroot sysroot_;

@@ -9,6 +9,7 @@
 #include "config/board_configs_access.h"
 #include "config/config_test_util.h"
 #include "config/temp_sysroot.h"
+#include "support/fd_count.h"
 #include "support/log_capture.h"
 
 using marlo_test::BoardXml;
@@ -77,9 +78,9 @@ TEST_F(ConfigLoad, NeitherFileReadableGivesAnEmptyBoard) {
     EXPECT_TRUE(GlobalCameraConfig::boardConfigs().empty());
     EXPECT_TRUE(capture.contains(ANDROID_LOG_WARN, kTag, kOverrideWarning));
     EXPECT_TRUE(capture.contains(ANDROID_LOG_ERROR, kTag,
-                                 "loadFromConfig: Unable to load marlo config file '" +
-                                     sysroot_.path("/vendor/etc/marlo_config.xml") +
-                                     "'. Error: XML_ERROR_FILE_NOT_FOUND"))
+                                 "loadFromConfig: Unable to load marlo config file "
+                                 "'/vendor/etc/marlo_config.xml'. Error: "
+                                 "XML_ERROR_FILE_NOT_FOUND"))
         << capture.dump();
     EXPECT_EQ(capture.count(kLoadSucceeded), 0u);
     /* With no board there is nothing to match and nothing to say about it. */
@@ -315,7 +316,8 @@ TEST_F(ConfigLoad, ExampleConfigurationDescribesTheEvaluationBoard) {
     ASSERT_EQ(front.channels.size(), 2u);
     EXPECT_EQ(front.channels[0].dev, "/dev/video0");
     EXPECT_EQ(front.channels[0].cameraModel, "OX03C10 front");
-    EXPECT_EQ(front.channels[0].cameraParam.location, "front");
+    EXPECT_EQ(front.channels[0].cameraParam.location, "exterior_front");
+    EXPECT_EQ(front.channels[0].cameraParam.lensFacing, "exterior_front");
     EXPECT_FLOAT_EQ(front.channels[0].cameraParam.pitch, -12.5f);
     EXPECT_DOUBLE_EQ(front.channels[0].cameraParam.k1, -0.0387712394);
     ASSERT_EQ(front.channels[0].streams.size(), 2u);
@@ -330,11 +332,13 @@ TEST_F(ConfigLoad, ExampleConfigurationDescribesTheEvaluationBoard) {
     EXPECT_EQ(board.inputMap[3].channelId, 1);
     EXPECT_EQ(board.cameraParams.size(), 4u);
     EXPECT_EQ(board.cameraParams.count(0), 0u);
-    EXPECT_EQ(board.cameraParams[1].lensFacing, "back");
+    EXPECT_EQ(board.cameraParams[1].location, "exterior_rear");
+    EXPECT_EQ(board.cameraParams[1].lensFacing, "exterior_rear");
     EXPECT_FLOAT_EQ(board.cameraParams[1].yaw, 180.0f);
     EXPECT_FLOAT_EQ(board.cameraParams[2].fx, 1008.71f);
     EXPECT_FLOAT_EQ(board.cameraParams[3].vfov, 142.0f);
     EXPECT_TRUE(board.cameraParams[4].location.empty());
+    EXPECT_EQ(board.cameraParams[4].lensFacing, "interior_other");
     EXPECT_EQ(GlobalCameraConfig::boardConfigs().size(), 2u);
 }
 
@@ -388,4 +392,39 @@ TEST_F(ConfigLoad, ExampleConfigurationUsesEveryElementAndAttribute) {
                            "k3="};
     for (const char* name : names)
         EXPECT_NE(xml.find(name), std::string::npos) << name;
+}
+
+TEST_F(ConfigLoad, LoadedTextKeepsItsWhiteSpace) {
+    sysroot_.writeDefaultConfig(
+        ConfigXml("<board name=\"  Spaced   board \"><cameras><camera>"
+                  "<entity>  two  spaces\n</entity></camera></cameras></board>"));
+    GlobalCameraConfig::loadFromConfig(nullptr);
+    auto boards = GlobalCameraConfig::boardConfigs();
+    ASSERT_EQ(boards.size(), 1u);
+    EXPECT_EQ(boards[0].name, "  Spaced   board ");
+    EXPECT_EQ(boards[0].cameras[0].entity, "  two  spaces\n");
+}
+
+TEST_F(ConfigLoad, OnlyTheFirstCameraConfigElementIsRead) {
+    sysroot_.writeDefaultConfig("<?xml version=\"1.0\"?>\n<Other/><CameraConfig>" +
+                                BoardXml("First root", 1) + "</CameraConfig><CameraConfig>" +
+                                BoardXml("Second root", 2) + "</CameraConfig>\n");
+    GlobalCameraConfig::loadFromConfig(nullptr);
+    auto boards = GlobalCameraConfig::boardConfigs();
+    ASSERT_EQ(boards.size(), 1u);
+    EXPECT_EQ(boards[0].name, "First root");
+}
+
+TEST_F(ConfigLoad, LoadsAndModelReadsLeaveNoDescriptorOpen) {
+    marlo_test::FdLeakCheck check;
+    /* Neither file, then a broken override and a good default, then the override. */
+    GlobalCameraConfig::Creat();
+    sysroot_.writeOverrideConfig("<CameraConfig><board>");
+    sysroot_.writeDefaultConfig(ConfigXml(BoardXml("Default board", 4)));
+    sysroot_.writeModel(std::string("Default board") + '\0');
+    GlobalCameraConfig::Creat();
+    sysroot_.writeOverrideConfig(ConfigXml(BoardXml("Override board", 5)));
+    /* The earlier load's board is still first in the list, and matches. */
+    EXPECT_EQ(GlobalCameraConfig::Creat().name, "Default board");
+    EXPECT_TRUE(check.unchanged());
 }

@@ -12,6 +12,7 @@
 
 #include "config/board_configs_access.h"
 #include "config/temp_sysroot.h"
+#include "support/fd_count.h"
 #include "support/log_capture.h"
 #include "support/scoped_property.h"
 
@@ -256,6 +257,12 @@ TEST_F(DebugHelperOn, StartTimerAfterStopRunsThePeriodicReport) {
     while (!reportExists() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_TRUE(reportExists());
+    /* Written again at the next interval, with no update in between. */
+    removeReport();
+    deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!reportExists() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(reportExists());
     helper.stopTimer();
     EXPECT_FALSE(helper.running());
     /* Stopped and waited for: no report after this. */
@@ -277,6 +284,22 @@ TEST_F(DebugHelperOn, StartTimerTwiceAfterASwitchOffJoinsTheOldThread) {
     LogCapture capture;
     helper.startTimer();
     EXPECT_TRUE(helper.running());
+    helper.stopTimer();
+    /* Joined rather than detached, but reported as Thread reports a replaced thread. */
+    EXPECT_TRUE(capture.contains(ANDROID_LOG_ERROR, "marlo_base", "Thread already started"))
+        << capture.dump();
+    EXPECT_EQ(capture.count("Thread already started"), 1u);
+}
+
+TEST_F(DebugHelperOn, FirstStartTimerReportsNoReplacedThread) {
+    ScopedProperty interval(kInterval, "40");
+    TestHelper helper;
+    helper.stopTimer();
+    LogCapture capture;
+    helper.startTimer();
+    EXPECT_TRUE(helper.running());
+    /* Already running: nothing is started or replaced. */
+    helper.startTimer();
     helper.stopTimer();
     EXPECT_FALSE(capture.containsText("Thread already started")) << capture.dump();
 }
@@ -575,4 +598,53 @@ TEST_F(DebugHelperOff, ExampleConfigurationGivesEveryMappedStreamAndNode) {
     /* Five stream rows and five device rows besides the fixed lines. */
     std::string text = report();
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 21);
+}
+
+namespace {
+
+/* \a text right-aligned in a field of \a width characters. */
+std::string Field(const std::string& text, size_t width) {
+    return std::string(width > text.size() ? width - text.size() : 0, ' ') + text;
+}
+
+}  // namespace
+
+TEST_F(DebugHelperOff, ReportLinesFollowTheFieldWidthsAndRulers) {
+    TestHelper helper;
+    std::vector<std::string> expected = {
+        std::string(73, '-'),
+        "streamId" + Field("state", 14) + Field("frameNumber", 16) + Field("FPS", 14) +
+            Field("dropCount", 15),
+        std::string(73, '-'),
+        "0\t\tSTOPPED\t\t0\t\t0\t\t0",
+        "3\t\tSTOPPED\t\t0\t\t0\t\t0",
+        "10\t\tSTOPPED\t\t0\t\t0\t\t0",
+        std::string(73, '-'),
+        "",
+        std::string(108, '-'),
+        Field("NAX process time(us)", 85),
+        "deviceNode" + Field("state", 20) + Field("dropCount", 15) + Field("max", 15) +
+            Field("min", 15) + Field("avg", 15),
+        std::string(108, '-'),
+        "/dev/video0\t\tSTOPPED\t\t0\t\t0\t\t0\t\t0",
+        "/dev/video1\t\tSTOPPED\t\t0\t\t0\t\t0\t\t0",
+        "/dev/video4\t\tSTOPPED\t\t0\t\t0\t\t0\t\t0",
+        std::string(108, '-'),
+        "",
+    };
+    std::string text;
+    for (const std::string& line : expected)
+        text += line + "\n";
+    EXPECT_EQ(report(), text);
+}
+
+TEST_F(DebugHelperOn, ReportsLeaveNoDescriptorOpen) {
+    TestHelper helper;
+    marlo_test::FdLeakCheck check;
+    helper.updateStreamState(0, "RUNNING");
+    helper.dumpDebugInfo();
+    /* And when the file cannot be opened. */
+    std::filesystem::remove_all(sysroot_.path("/data"));
+    helper.dumpDebugInfo();
+    EXPECT_TRUE(check.unchanged());
 }

@@ -61,9 +61,18 @@ class DebugHelper {
     void initialize();
     /* Reads the on property and, when on, the interval; returns the on value. */
     bool isPropertySupported();
-    /* Follows the on property: starts or stops dumping; returns whether it is on. */
+    /*
+     * Follows the on property: switches dumping on or off and returns whether
+     * it is on. Switching on sets the running flag before startTimer() looks
+     * at it, so no report thread is created: the report is written by
+     * initialize() (when dumping is off), by state changes and by drops.
+     */
     bool isTimerStarted();
-    /* Starts the periodic report thread unless the running flag is already set. */
+    /*
+     * Unless the running flag is set: sets it and starts the thread that
+     * writes the report every interval (a thread held from before is joined
+     * first).
+     */
     void startTimer();
     /* Clears the running flag and waits for the report thread, if the flag was set. */
     void stopTimer();
