@@ -1,5 +1,7 @@
 #include <marlo/v4l2/v4l2_camera.h>
 
+#include <vector>
+
 #include <marlo/base/error.h>
 #include <marlo/base/logger.h>
 
@@ -76,8 +78,17 @@ int V4l2Camera::StartVideoStream() {
         return ERR_FAILED;
     }
 
-    /* A refused buffer stays in the free list; that is all it costs here. */
+    /*
+     * Take every free buffer before queuing any. A refused buffer goes back
+     * to the free list, so queuing straight from it would hand the same
+     * buffer over for as long as the driver refuses it (a closed node refuses
+     * them all). This way each buffer is offered once per start; a refused
+     * one waits in the free list for the next start.
+     */
+    std::vector<std::unique_ptr<V4l2Buffer>> buffers;
     while (std::unique_ptr<V4l2Buffer> buffer = GetBuffer())
+        buffers.push_back(std::move(buffer));
+    for (std::unique_ptr<V4l2Buffer>& buffer : buffers)
         QueueBuffer(std::move(buffer));
 
     int ret = StreamOn();
