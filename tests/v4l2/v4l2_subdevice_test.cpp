@@ -94,6 +94,10 @@ TEST_F(V4l2SubDeviceTest, Selections) {
     V4l2Rect rect = {};
     ASSERT_EQ(subdev_.GetSelection(0, V4L2_SEL_TGT_CROP_BOUNDS, rect), 0);
     EXPECT_EQ(rect.width, 1920u);
+    auto asked = node_->Requests(VIDIOC_SUBDEV_G_SELECTION).at(0);
+    EXPECT_EQ(asked.which, static_cast<uint32_t>(V4L2_SUBDEV_FORMAT_ACTIVE));
+    EXPECT_EQ(asked.flags, 0u);
+    EXPECT_EQ(asked.target, static_cast<uint32_t>(V4L2_SEL_TGT_CROP_BOUNDS));
     V4l2Rect crop = {16, 8, 640, 480};
     ASSERT_EQ(subdev_.SetSelection(0, V4L2_SEL_TGT_CROP, crop), 0);
     auto sent = node_->Requests(VIDIOC_SUBDEV_S_SELECTION).at(0);
