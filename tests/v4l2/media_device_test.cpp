@@ -143,10 +143,10 @@ TEST(MediaDeviceFileTest, MissingPathBecomesAnEmptyFile) {
         EXPECT_EQ(media.SetupLinks(), -2);
         const std::string err = testing::internal::GetCapturedStderr();
         const std::string notty = strerror(ENOTTY);
-        EXPECT_EQ(err, "get device info failed : " + notty + "\n" + "get topology failed : " +
-                           notty + "\n" + "enum entities failed : " + notty + "\n" +
-                           "enum links failed : " + notty + "\n" + "enum links failed : " +
-                           notty + "\n");
+        EXPECT_EQ(
+            err, "get device info failed : " + notty + "\n" + "get topology failed : " + notty +
+                     "\n" + "enum entities failed : " + notty + "\n" +
+                     "enum links failed : " + notty + "\n" + "enum links failed : " + notty + "\n");
     }
     EXPECT_TRUE(leaks.unchanged());
     umask(old);
@@ -213,8 +213,9 @@ TEST_F(MediaDeviceTest, FailedOpenWritesOnlyToStandardError) {
     marlo_test::LogCapture log;
     testing::internal::CaptureStderr();
     EXPECT_EQ(media.Open(), -2);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              std::string("Open device ") + kPath + " failed with error " + strerror(EACCES) + "\n");
+    EXPECT_EQ(
+        testing::internal::GetCapturedStderr(),
+        std::string("Open device ") + kPath + " failed with error " + strerror(EACCES) + "\n");
     EXPECT_TRUE(log.records().empty()) << log.dump();
     EXPECT_EQ(media.Fd(), -1);
 }
