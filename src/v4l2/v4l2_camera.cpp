@@ -17,6 +17,11 @@ constexpr unsigned kBufferCount = 3;
 
 }  // namespace
 
+/*
+ * Every line carries the node, the function and a fixed number. Log tooling
+ * matches on those numbers, so they stay as they are whatever line of this
+ * file logs them.
+ */
 #define CAM_LOG(severity, func, line, fmt, ...) \
     marlo_log(severity, kTag, "V4LCAM(%s) %s:%d " fmt, name_.c_str(), func, line, ##__VA_ARGS__)
 
