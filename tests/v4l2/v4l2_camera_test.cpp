@@ -328,6 +328,22 @@ TEST_F(V4l2CameraTest, ShutdownClosesOnlyTheDescriptor) {
     EXPECT_NE(camera.GetBuffer(), nullptr);
 }
 
+TEST_F(V4l2CameraTest, ShutdownKeepsTheRunState) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    node_->ProduceFrame();
+    auto held = camera.CollectFrames();
+    ASSERT_NE(held, nullptr);
+    camera.shutdown();
+    EXPECT_EQ(camera.State(), V4l2Camera::kRunning);
+    EXPECT_EQ(node_->CountRequests(VIDIOC_STREAMOFF), 0u);
+    /* The held frame stays usable: its mapping and descriptor are its own. */
+    EXPECT_NE(held->GetPtr(0), nullptr);
+    EXPECT_GE(held->GetDmaFd(0), 0);
+    EXPECT_EQ(camera.StartVideoStream(), -2);
+}
+
 TEST_F(V4l2CameraTest, DestructionDoesNotStreamOffAndLeaksNothing) {
     marlo_test::FdLeakCheck leaks;
     {
