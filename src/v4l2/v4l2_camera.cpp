@@ -1,5 +1,7 @@
 #include <marlo/v4l2/v4l2_camera.h>
 
+#include <vector>
+
 #include <marlo/base/error.h>
 #include <marlo/base/logger.h>
 
@@ -15,6 +17,11 @@ constexpr unsigned kBufferCount = 3;
 
 }  // namespace
 
+/*
+ * Every line carries the node, the function and a fixed number. Log tooling
+ * matches on those numbers, so they stay as they are whatever line of this
+ * file logs them.
+ */
 #define CAM_LOG(severity, func, line, fmt, ...) \
     marlo_log(severity, kTag, "V4LCAM(%s) %s:%d " fmt, name_.c_str(), func, line, ##__VA_ARGS__)
 
@@ -76,8 +83,17 @@ int V4l2Camera::StartVideoStream() {
         return ERR_FAILED;
     }
 
-    /* A refused buffer stays in the free list; that is all it costs here. */
+    /*
+     * Take every free buffer before queuing any. A refused buffer goes back
+     * to the free list, so queuing straight from it would hand the same
+     * buffer over for as long as the driver refuses it (a closed node refuses
+     * them all). This way each buffer is offered once per start; a refused
+     * one waits in the free list for the next start.
+     */
+    std::vector<std::unique_ptr<V4l2Buffer>> buffers;
     while (std::unique_ptr<V4l2Buffer> buffer = GetBuffer())
+        buffers.push_back(std::move(buffer));
+    for (std::unique_ptr<V4l2Buffer>& buffer : buffers)
         QueueBuffer(std::move(buffer));
 
     int ret = StreamOn();

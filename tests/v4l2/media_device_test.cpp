@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <new>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -137,10 +138,15 @@ TEST(MediaDeviceFileTest, MissingPathBecomesAnEmptyFile) {
         EXPECT_EQ(st.st_size, 0);
         EXPECT_EQ(media.GetDeviceInfo(), -2);
         EXPECT_EQ(media.GetTopology(), -2);
+        EXPECT_EQ(media.EnumEntities(), -2);
+        EXPECT_EQ(media.EnumLinks(), -2);
+        EXPECT_EQ(media.SetupLinks(), -2);
         const std::string err = testing::internal::GetCapturedStderr();
         const std::string notty = strerror(ENOTTY);
-        EXPECT_EQ(err, "get device info failed : " + notty + "\n" +
-                           "get topology failed : " + notty + "\n");
+        EXPECT_EQ(
+            err, "get device info failed : " + notty + "\n" + "get topology failed : " + notty +
+                     "\n" + "enum entities failed : " + notty + "\n" +
+                     "enum links failed : " + notty + "\n" + "enum links failed : " + notty + "\n");
     }
     EXPECT_TRUE(leaks.unchanged());
     umask(old);
@@ -160,6 +166,67 @@ TEST(MediaDeviceFileTest, OpenFailureWritesToStandardError) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               std::string("Open device ") + path + " failed with error " + text + "\n");
     EXPECT_EQ(media.Fd(), -1);
+}
+
+TEST_F(MediaDeviceTest, RequestsBeforeOpenFailWithTheirMessages) {
+    MediaDevice media(kPath);
+    marlo_test::LogCapture log;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(media.GetDeviceInfo(), -2);
+    EXPECT_EQ(media.SetupLinks(), -2);
+    const std::string badf = strerror(EBADF);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "get device info failed : " + badf + "\n" + "enum links failed : " + badf + "\n");
+    EXPECT_TRUE(log.records().empty()) << log.dump();
+    EXPECT_TRUE(node_->Requests().empty());
+}
+
+TEST_F(MediaDeviceTest, RecordsStartZeroed) {
+    /* Built over dirty memory, so a zero cannot be left over by chance. */
+    alignas(MediaDevice) unsigned char storage[sizeof(MediaDevice)];
+    memset(storage, 0xa5, sizeof(storage));
+    MediaDevice* media = new (storage) MediaDevice(kPath);
+    const media_device_info zeroInfo = {};
+    const media_v2_topology zeroTopology = {};
+    const media_entity_desc zeroEntity = {};
+    EXPECT_EQ(memcmp(&media->Info(), &zeroInfo, sizeof(zeroInfo)), 0);
+    EXPECT_EQ(memcmp(&media->Topology(), &zeroTopology, sizeof(zeroTopology)), 0);
+    EXPECT_EQ(memcmp(&media->Entity(), &zeroEntity, sizeof(zeroEntity)), 0);
+    /* The two link records have padding: compare their fields. */
+    EXPECT_EQ(media->Links().entity, 0u);
+    EXPECT_EQ(media->Links().pads, nullptr);
+    EXPECT_EQ(media->Links().links, nullptr);
+    for (uint32_t reserved : media->Links().reserved)
+        EXPECT_EQ(reserved, 0u);
+    EXPECT_EQ(media->Link().source.entity, 0u);
+    EXPECT_EQ(media->Link().source.index, 0u);
+    EXPECT_EQ(media->Link().sink.entity, 0u);
+    EXPECT_EQ(media->Link().sink.index, 0u);
+    EXPECT_EQ(media->Link().flags, 0u);
+    EXPECT_EQ(media->Fd(), -1);
+    media->~MediaDevice();
+}
+
+TEST_F(MediaDeviceTest, FailedOpenWritesOnlyToStandardError) {
+    node_->InjectError(marlo_fake::kOpenRequest, EACCES);
+    MediaDevice media(kPath);
+    marlo_test::LogCapture log;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(media.Open(), -2);
+    EXPECT_EQ(
+        testing::internal::GetCapturedStderr(),
+        std::string("Open device ") + kPath + " failed with error " + strerror(EACCES) + "\n");
+    EXPECT_TRUE(log.records().empty()) << log.dump();
+    EXPECT_EQ(media.Fd(), -1);
+}
+
+TEST_F(MediaDeviceTest, DestructorClosesTheDescriptor) {
+    {
+        MediaDevice media(kPath);
+        ASSERT_EQ(media.Open(), 0);
+        EXPECT_EQ(node_->OpenDescriptors(), 1u);
+    }
+    EXPECT_EQ(node_->OpenDescriptors(), 0u);
 }
 
 }  // namespace

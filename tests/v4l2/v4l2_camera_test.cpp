@@ -1,11 +1,13 @@
 /* V4l2Camera: open sequence, run state, frames, against the fake driver. */
 #include <errno.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
 #include <future>
 #include <string>
+#include <vector>
 
 #include <android/log.h>
 #include <gtest/gtest.h>
@@ -46,13 +48,23 @@ class V4l2CameraTest : public ::testing::Test {
         return log.contains(ANDROID_LOG_ERROR, kTag, message);
     }
 
-    /* Both lines of a failed open, and false from OpenCamera. */
-    void ExpectOpenFailure(const std::string& stepMessage) {
+    /*
+     * Both lines of a failed open (and no other line of the camera), false
+     * from OpenCamera, and no step after the failing request \a lastRequest.
+     */
+    void ExpectOpenFailure(const std::string& stepMessage, const std::string& lastRequest) {
         marlo_test::LogCapture log;
         V4l2Camera camera(kPath);
         EXPECT_FALSE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
         EXPECT_TRUE(HasError(log, stepMessage)) << log.dump();
         EXPECT_TRUE(HasError(log, Cam("OpenCamera", 146, "Failed to open a video deivce")));
+        size_t cameraLines = 0;
+        for (const auto& record : log.records())
+            cameraLines += record.tag == kTag;
+        EXPECT_EQ(cameraLines, 2u) << log.dump();
+        const auto requests = node_->Requests();
+        ASSERT_FALSE(requests.empty());
+        EXPECT_EQ(requests.back().name, lastRequest);
     }
 
     std::shared_ptr<marlo_fake::FakeVideoNode> node_;
@@ -61,6 +73,7 @@ class V4l2CameraTest : public ::testing::Test {
 TEST_F(V4l2CameraTest, OpenSequence) {
     V4l2Camera camera(kPath);
     EXPECT_EQ(camera.Fd(), -1);
+    EXPECT_EQ(camera.State(), 0u);
     ASSERT_TRUE(camera.OpenCamera(1280, 720, V4L2_PIX_FMT_NV12));
     EXPECT_GE(camera.Fd(), 0);
     EXPECT_EQ(camera.State(), 0u);
@@ -86,42 +99,42 @@ TEST_F(V4l2CameraTest, OpenSequence) {
 
 TEST_F(V4l2CameraTest, OpenFailsWhenTheNodeCannotBeOpened) {
     node_->InjectError(marlo_fake::kOpenRequest, EACCES);
-    ExpectOpenFailure(Cam("OpenInternal", 99, "failed to open a v4l2 video device -2"));
+    ExpectOpenFailure(Cam("OpenInternal", 99, "failed to open a v4l2 video device -2"), "open");
 }
 
 TEST_F(V4l2CameraTest, OpenFailsOnQueryCap) {
     node_->InjectError(VIDIOC_QUERYCAP, EIO);
-    ExpectOpenFailure(Cam("OpenInternal", 106, "QueryCap failed -2"));
+    ExpectOpenFailure(Cam("OpenInternal", 106, "QueryCap failed -2"), "VIDIOC_QUERYCAP");
 }
 
 TEST_F(V4l2CameraTest, OpenFailsOnSetFormat) {
     node_->InjectError(VIDIOC_S_FMT, EINVAL);
-    ExpectOpenFailure(Cam("OpenInternal", 113, "set format 640x480 failed -2"));
+    ExpectOpenFailure(Cam("OpenInternal", 113, "set format 640x480 failed -2"), "VIDIOC_S_FMT");
 }
 
 TEST_F(V4l2CameraTest, OpenFailsWhenTheDriverGrantsTwoBuffers) {
     node_->SetGrantedCount(2);
-    ExpectOpenFailure(Cam("OpenInternal", 120, "request buffer failed 2"));
+    ExpectOpenFailure(Cam("OpenInternal", 120, "request buffer failed 2"), "VIDIOC_REQBUFS");
 }
 
 TEST_F(V4l2CameraTest, OpenFailsWhenTheDriverGrantsFourBuffers) {
     node_->SetGrantedCount(4);
-    ExpectOpenFailure(Cam("OpenInternal", 120, "request buffer failed 4"));
+    ExpectOpenFailure(Cam("OpenInternal", 120, "request buffer failed 4"), "VIDIOC_REQBUFS");
 }
 
 TEST_F(V4l2CameraTest, OpenFailsWhenRequestBuffersFails) {
     node_->InjectError(VIDIOC_REQBUFS, ENOMEM);
-    ExpectOpenFailure(Cam("OpenInternal", 120, "request buffer failed -1"));
+    ExpectOpenFailure(Cam("OpenInternal", 120, "request buffer failed -1"), "VIDIOC_REQBUFS");
 }
 
 TEST_F(V4l2CameraTest, OpenFailsOnQueryBuffer) {
     node_->InjectError(VIDIOC_QUERYBUF, EIO);
-    ExpectOpenFailure(Cam("OpenInternal", 127, "query buffer failed -2"));
+    ExpectOpenFailure(Cam("OpenInternal", 127, "query buffer failed -2"), "VIDIOC_QUERYBUF");
 }
 
 TEST_F(V4l2CameraTest, OpenFailsOnExport) {
     node_->InjectError(VIDIOC_EXPBUF, EMFILE);
-    ExpectOpenFailure(Cam("OpenInternal", 133, "export buffer failed -2"));
+    ExpectOpenFailure(Cam("OpenInternal", 133, "export buffer failed -2"), "VIDIOC_EXPBUF");
 }
 
 TEST_F(V4l2CameraTest, FailedOpenKeepsTheDescriptorUntilShutdown) {
@@ -315,6 +328,22 @@ TEST_F(V4l2CameraTest, ShutdownClosesOnlyTheDescriptor) {
     EXPECT_NE(camera.GetBuffer(), nullptr);
 }
 
+TEST_F(V4l2CameraTest, ShutdownKeepsTheRunState) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    node_->ProduceFrame();
+    auto held = camera.CollectFrames();
+    ASSERT_NE(held, nullptr);
+    camera.shutdown();
+    EXPECT_EQ(camera.State(), V4l2Camera::kRunning);
+    EXPECT_EQ(node_->CountRequests(VIDIOC_STREAMOFF), 0u);
+    /* The held frame stays usable: its mapping and descriptor are its own. */
+    EXPECT_NE(held->GetPtr(0), nullptr);
+    EXPECT_GE(held->GetDmaFd(0), 0);
+    EXPECT_EQ(camera.StartVideoStream(), -2);
+}
+
 TEST_F(V4l2CameraTest, DestructionDoesNotStreamOffAndLeaksNothing) {
     marlo_test::FdLeakCheck leaks;
     {
@@ -341,6 +370,108 @@ TEST_F(V4l2CameraTest, ConcurrentStartsActOnce) {
     int ra = a.get(), rb = b.get();
     EXPECT_EQ(ra + rb, -2);
     EXPECT_EQ(node_->CountRequests(VIDIOC_STREAMON), 1u);
+}
+
+TEST_F(V4l2CameraTest, SinglePlanarNodeOpensAndCaptures) {
+    marlo_fake::VideoNodeConfig config;
+    config.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
+    AddNode(config);
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(320, 240, V4L2_PIX_FMT_YUYV));
+    EXPECT_EQ(camera.BufferType(), static_cast<uint32_t>(V4L2_BUF_TYPE_VIDEO_CAPTURE));
+    auto fmt = node_->Requests(VIDIOC_S_FMT).at(0);
+    EXPECT_EQ(fmt.type, static_cast<uint32_t>(V4L2_BUF_TYPE_VIDEO_CAPTURE));
+    EXPECT_EQ(fmt.pixelformat, V4L2_PIX_FMT_YUYV);
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(4, {0, 0}, 0x11)), 0);
+    auto frame = camera.CollectFrames();
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(frame->GetSequence(), 4u);
+    EXPECT_EQ(static_cast<uint8_t*>(frame->GetPtr(0))[0], 0x11);
+    EXPECT_EQ(camera.ReturnFrame(std::move(frame)), 0);
+}
+
+TEST_F(V4l2CameraTest, FailedExportReleasesEverythingAtDestruction) {
+    marlo_test::FdLeakCheck leaks;
+    {
+        /* The second export fails: one buffer already holds a descriptor. */
+        node_->InjectError(VIDIOC_EXPBUF, EMFILE, 1, 1);
+        V4l2Camera camera(kPath);
+        EXPECT_FALSE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+        EXPECT_EQ(node_->CountRequests(VIDIOC_EXPBUF), 2u);
+        EXPECT_EQ(node_->LiveMappings(), 3u);
+    }
+    EXPECT_EQ(node_->OpenDescriptors(), 0u);
+    EXPECT_EQ(node_->LiveMappings(), 0u);
+    EXPECT_TRUE(leaks.unchanged());
+}
+
+TEST_F(V4l2CameraTest, StartOffersEachBufferOnceToARefusingDriver) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    node_->InjectError(VIDIOC_QBUF, EIO, 1000);
+    node_->ClearRequests();
+    EXPECT_EQ(camera.StartVideoStream(), 0);
+    EXPECT_EQ(node_->CountRequests(VIDIOC_QBUF), 3u);
+    EXPECT_EQ(node_->QueuedCount(), 0u);
+    /* The refused buffers are all back in the free list. */
+    for (int i = 0; i < 3; ++i)
+        EXPECT_NE(camera.GetBuffer(), nullptr);
+    EXPECT_EQ(camera.GetBuffer(), nullptr);
+}
+
+TEST_F(V4l2CameraTest, BufferRefusedAtStartIsQueuedAtTheNextStart) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    node_->InjectError(VIDIOC_QBUF, EIO);
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    EXPECT_EQ(node_->CountRequests(VIDIOC_QBUF), 3u);
+    EXPECT_EQ(node_->QueuedCount(), 2u);
+    camera.StopVideoStream();
+    node_->ClearRequests();
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    EXPECT_EQ(node_->CountRequests(VIDIOC_QBUF), 3u);
+    EXPECT_EQ(node_->QueuedCount(), 3u);
+}
+
+TEST_F(V4l2CameraTest, StartAfterShutdownAnswersZeroAndKeepsTheBuffers) {
+    const std::string path = kPath;
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    camera.shutdown();
+    marlo_test::LogCapture log;
+    EXPECT_EQ(camera.StartVideoStream(), 0);
+    EXPECT_EQ(camera.State(), V4l2Camera::kRunning);
+    const std::string refused = path + ": queue bufffer failed : " + strerror(EBADF) + "\n";
+    EXPECT_EQ(log.count(refused), 3u) << log.dump();
+    EXPECT_TRUE(HasError(log, Cam("StartVideoStream", 197, "stream on failed -2"))) << log.dump();
+    EXPECT_EQ(camera.CollectFrames(), nullptr);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_NE(camera.GetBuffer(), nullptr);
+    EXPECT_EQ(camera.GetBuffer(), nullptr);
+}
+
+TEST_F(V4l2CameraTest, ReturningNothingIsRefused) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    node_->ClearRequests();
+    EXPECT_LT(camera.ReturnFrame(nullptr), 0);
+    EXPECT_TRUE(node_->Requests().empty());
+}
+
+TEST_F(V4l2CameraTest, ConcurrentStopsStreamOffOnce) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_EQ(camera.StartVideoStream(), 0);
+    marlo_test::LogCapture log(false);
+    std::vector<std::future<void>> stops;
+    for (int i = 0; i < 4; ++i)
+        stops.push_back(std::async(std::launch::async, [&] { camera.StopVideoStream(); }));
+    for (auto& stop : stops)
+        stop.get();
+    EXPECT_EQ(node_->CountRequests(VIDIOC_STREAMOFF), 1u);
+    EXPECT_FALSE(node_->Streaming());
+    EXPECT_EQ(camera.State(), 0u);
 }
 
 }  // namespace

@@ -94,6 +94,10 @@ TEST_F(V4l2SubDeviceTest, Selections) {
     V4l2Rect rect = {};
     ASSERT_EQ(subdev_.GetSelection(0, V4L2_SEL_TGT_CROP_BOUNDS, rect), 0);
     EXPECT_EQ(rect.width, 1920u);
+    auto asked = node_->Requests(VIDIOC_SUBDEV_G_SELECTION).at(0);
+    EXPECT_EQ(asked.which, static_cast<uint32_t>(V4L2_SUBDEV_FORMAT_ACTIVE));
+    EXPECT_EQ(asked.flags, 0u);
+    EXPECT_EQ(asked.target, static_cast<uint32_t>(V4L2_SEL_TGT_CROP_BOUNDS));
     V4l2Rect crop = {16, 8, 640, 480};
     ASSERT_EQ(subdev_.SetSelection(0, V4L2_SEL_TGT_CROP, crop), 0);
     auto sent = node_->Requests(VIDIOC_SUBDEV_S_SELECTION).at(0);
@@ -185,6 +189,68 @@ TEST_F(V4l2SubDeviceTest, EnumFrameIntervalUsesTheFrameSizeWording) {
     EXPECT_TRUE(HasError(log, "subdev enum frame size failed", EINVAL));
     EXPECT_TRUE(HasWrapperLine(log, "subdev_enum_frame_interval", EINVAL));
     EXPECT_TRUE(subdev_.EnumFrameInterval(0, kCodeB, 1920, 1080).empty());
+}
+
+TEST_F(V4l2SubDeviceTest, FrameIntervalRequestsCarryThePad) {
+    ASSERT_EQ(subdev_.SetFrameIntervals(1, 1, 60), 0);
+    unsigned num = 0, den = 0;
+    ASSERT_EQ(subdev_.GetFrameIntervals(1, &num, &den), 0);
+    EXPECT_EQ(den, 60u);
+    EXPECT_EQ(node_->Requests(VIDIOC_SUBDEV_S_FRAME_INTERVAL).at(0).pad, 1u);
+    EXPECT_EQ(node_->Requests(VIDIOC_SUBDEV_G_FRAME_INTERVAL).at(0).pad, 1u);
+    EXPECT_EQ(node_->Pad(0).interval.denominator, 30u);
+}
+
+TEST_F(V4l2SubDeviceTest, MissingOutputsAreRefusedWithoutARequest) {
+    node_->ClearRequests();
+    marlo_test::LogCapture log;
+    unsigned value = 0;
+    EXPECT_EQ(subdev_.GetFrameIntervals(0, &value, nullptr), -4);
+    EXPECT_EQ(subdev_.EnumMbusCode(0, nullptr), -4);
+    EXPECT_EQ(subdev_.EnumFrameSize(0, kCodeA, nullptr), -4);
+    EXPECT_TRUE(HasError(log, "subdev get interval failed", EINVAL)) << log.dump();
+    EXPECT_TRUE(HasError(log, "subdev enum mbus code failed", EINVAL));
+    EXPECT_TRUE(HasError(log, "subdev enum frame size failed", EINVAL));
+    EXPECT_TRUE(node_->Requests().empty());
+}
+
+TEST_F(V4l2SubDeviceTest, EnumMbusCodeReportsTheErrorThatEndedIt) {
+    node_->InjectError(VIDIOC_SUBDEV_ENUM_MBUS_CODE, EIO, 1, 1);
+    marlo_test::LogCapture log;
+    std::vector<unsigned> codes;
+    EXPECT_EQ(subdev_.EnumMbusCode(0, &codes), -2);
+    EXPECT_EQ(codes, (std::vector<unsigned>{kCodeA}));
+    EXPECT_TRUE(HasError(log, "subdev enum mbus code failed", EIO)) << log.dump();
+    EXPECT_TRUE(HasWrapperLine(log, "subdev_enum_mbus_code", EIO));
+    auto records = node_->Requests(VIDIOC_SUBDEV_ENUM_MBUS_CODE);
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].index, 0u);
+    EXPECT_EQ(records[1].index, 1u);
+}
+
+TEST_F(V4l2SubDeviceTest, EnumFrameSizeRequestsCountFromZero) {
+    std::vector<V4l2FrameSizeRange> sizes;
+    ASSERT_EQ(subdev_.EnumFrameSize(0, kCodeA, &sizes), 0);
+    auto records = node_->Requests(VIDIOC_SUBDEV_ENUM_FRAME_SIZE);
+    ASSERT_EQ(records.size(), 3u);
+    for (uint32_t i = 0; i < records.size(); ++i) {
+        EXPECT_EQ(records[i].index, i);
+        EXPECT_EQ(records[i].pad, 0u);
+        EXPECT_EQ(records[i].code, kCodeA);
+        EXPECT_EQ(records[i].which, 0u);
+    }
+    /* The second run starts at index 0 again. */
+    ASSERT_EQ(subdev_.EnumFrameSize(0, kCodeA, &sizes), 0);
+    EXPECT_EQ(node_->Requests(VIDIOC_SUBDEV_ENUM_FRAME_SIZE).at(3).index, 0u);
+}
+
+TEST_F(V4l2SubDeviceTest, InterruptedRequestsAreRetried) {
+    node_->InjectEintr(VIDIOC_SUBDEV_G_FMT, 2);
+    marlo_test::LogCapture log;
+    V4l2SubdevFormat got = {};
+    EXPECT_EQ(subdev_.GetFormat(0, got), 0);
+    EXPECT_EQ(node_->CountRequests(VIDIOC_SUBDEV_G_FMT), 3u);
+    EXPECT_TRUE(log.records().empty()) << log.dump();
 }
 
 }  // namespace

@@ -25,14 +25,28 @@ class V4l2Camera : public V4l2VideoDevice {
     explicit V4l2Camera(const std::string& path);
     virtual ~V4l2Camera();
 
+    /*
+     * Opens the node in blocking mode, sets \a fourcc at the given size and
+     * sets up exactly three exported MMAP buffers. A failed step leaves the
+     * descriptor open until shutdown() or destruction.
+     */
     bool OpenCamera(int width, int height, int fourcc);
     bool OpenInternal(int width, int height, int fourcc);
 
+    /*
+     * Queues every free buffer and streams on. -2 while running or stopping;
+     * otherwise 0, even when stream-on fails (that is only logged).
+     */
     int StartVideoStream();
+    /*
+     * Streams off. After a failed stream-off the camera stays stopping:
+     * starts are refused until the next successful open.
+     */
     void StopVideoStream();
 
-    /* The next filled frame, or null. */
+    /* The next filled frame, or null; waits in the kernel for one. */
     std::unique_ptr<V4l2Buffer> CollectFrames();
+    /* Hands \a buffer back to the driver; on -2 it waits in the free list. */
     int ReturnFrame(std::unique_ptr<V4l2Buffer> buffer);
 
     /* Closes the descriptor; buffers and state stay. */
