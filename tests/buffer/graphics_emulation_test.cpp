@@ -77,11 +77,12 @@ TEST_F(GraphicsEmulationTest, AllocateRejectsBadRequests) {
     buffer_handle_t handle = nullptr;
     uint32_t stride = 0;
     auto& allocator = GraphicBufferAllocator::get();
-    EXPECT_EQ(allocator.allocate(40000, 16, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0, &handle, &stride, 0,
-                                 "t"),
-              BAD_VALUE);
-    EXPECT_EQ(allocator.allocate(16, 16, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0, nullptr, &stride, 0, "t"),
-              BAD_VALUE);
+    EXPECT_EQ(
+        allocator.allocate(40000, 16, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0, &handle, &stride, 0, "t"),
+        BAD_VALUE);
+    EXPECT_EQ(
+        allocator.allocate(16, 16, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0, nullptr, &stride, 0, "t"),
+        BAD_VALUE);
     EXPECT_EQ(allocator.allocate(16, 16, -1, 1, 0, &handle, &stride, 0, "t"), BAD_VALUE);
     EXPECT_EQ(allocator.allocate(16, 16, 0x23, 1, 0, &handle, &stride, 0, "t"), BAD_VALUE);
     marlo_host_gralloc_set_failures(MARLO_HOST_GRALLOC_FAIL_ALLOCATE);
@@ -114,8 +115,9 @@ TEST_F(GraphicsEmulationTest, LayersMultiplyTheSize) {
     uint32_t stride = 0;
     buffer_handle_t handle = nullptr;
     auto& allocator = GraphicBufferAllocator::get();
-    ASSERT_EQ(allocator.allocate(64, 64, HAL_PIXEL_FORMAT_RGBA_8888, 3, 0, &handle, &stride, 0, "t"),
-              NO_ERROR);
+    ASSERT_EQ(
+        allocator.allocate(64, 64, HAL_PIXEL_FORMAT_RGBA_8888, 3, 0, &handle, &stride, 0, "t"),
+        NO_ERROR);
     uint64_t size = 0;
     EXPECT_EQ(GraphicBufferMapper::get().getAllocationSize(handle, &size), NO_ERROR);
     EXPECT_EQ(size, 3u * 64 * 64 * 4);
