@@ -419,6 +419,7 @@ TEST_F(GrallocAllocatorTest, ImportWrapsOwnCopyOfHandle) {
     importInfo.type = 2;
     importInfo.size = 1234;
     FrameBuffer* imported = nullptr;
+    marlo_test::LogCapture logs;
     ASSERT_EQ(allocator_.ImportBuffer(importInfo, raw, &imported), 0);
     std::unique_ptr<FrameBuffer> fb(imported);
     EXPECT_EQ(importInfo.type, 2u);  // the client's description is used as given
@@ -427,6 +428,9 @@ TEST_F(GrallocAllocatorTest, ImportWrapsOwnCopyOfHandle) {
 
     auto* gralloc = static_cast<GrallocFrameBuffer*>(fb.get());
     EXPECT_NE(gralloc->handle(), raw);
+    // The share fd is looked up on the imported handle, not the raw one.
+    EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag, Formatted(" buffer:%p", gralloc->handle())))
+        << logs.dump();
     EXPECT_TRUE(SameFile(fb->planes()[0].fd.get(), raw->data[0]));
 
     // The raw handle stays the caller's.
