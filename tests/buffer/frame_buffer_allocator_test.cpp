@@ -10,6 +10,7 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "buffer/buffer_test_util.h"
@@ -485,6 +486,38 @@ TEST_F(GrallocAllocatorTest, FreeRawHandleFailure) {
         << logs.dump();
     marlo_host_gralloc_set_failures(0);
     EXPECT_EQ(allocator_.FreeRawHandle(raw), 0);
+}
+
+TEST_F(GrallocAllocatorTest, BuffersFromManyThreads) {
+    // Clients may allocate and map from several threads at once; the
+    // allocator keeps no state and the platform calls serialise themselves.
+    std::vector<std::thread> threads;
+    std::vector<int> failures(4, 0);
+    for (size_t t = 0; t < failures.size(); t++) {
+        threads.emplace_back([this, t, &failures] {
+            for (int i = 0; i < 20; i++) {
+                FrameBufferInfo info = Info(FOURCC_NV12, 64, 32);
+                FrameBuffer* raw = nullptr;
+                if (allocator_.Allocate(info, &raw) != 0 || raw == nullptr) {
+                    failures[t]++;
+                    continue;
+                }
+                std::unique_ptr<FrameBuffer> fb(raw);
+                auto* data = static_cast<unsigned char*>(fb->Map());
+                if (data == nullptr || fb->planes()[0].fd.get() < 0) {
+                    failures[t]++;
+                    continue;
+                }
+                data[0] = static_cast<unsigned char>(t);
+                unsigned char back = 0xFF;
+                if (pread(fb->planes()[0].fd.get(), &back, 1, 0) != 1 || back != t)
+                    failures[t]++;
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures, std::vector<int>(4, 0));
 }
 
 TEST(DecodeArmPlaneFdsTest, CountAndFds) {
