@@ -33,6 +33,7 @@ using hardware::graphics::mapper::V4_0::IMapper;
 
 constexpr int kMagic = 0x6d677262;  // "bgrm"
 constexpr uint32_t kMaxDimension = 32768;
+constexpr uint32_t kMaxLayers = 16;
 constexpr uint64_t kPageSize = 4096;
 
 /* The ints after the share fd of every emulated handle. */
@@ -59,8 +60,12 @@ uint64_t AlignUp(uint64_t value, uint64_t alignment) {
     return (value + alignment - 1) / alignment * alignment;
 }
 
-/* Stride in pixels and allocation size in bytes; false for unknown formats. */
-bool ComputeLayout(uint32_t width, uint32_t height, PixelFormat format, Layout* layout) {
+/*
+ * Stride in pixels and allocation size in bytes of all layers; false for
+ * unknown formats.
+ */
+bool ComputeLayout(uint32_t width, uint32_t height, uint32_t layers, PixelFormat format,
+                   Layout* layout) {
     uint64_t stride = AlignUp(width, 16);
     uint64_t h = height;
     uint64_t bytes;
@@ -90,7 +95,7 @@ bool ComputeLayout(uint32_t width, uint32_t height, PixelFormat format, Layout* 
             return false;
     }
     layout->stride = static_cast<uint32_t>(stride);
-    layout->size = AlignUp(bytes, kPageSize);
+    layout->size = AlignUp(bytes, kPageSize) * layers;
     return true;
 }
 
@@ -235,10 +240,17 @@ status_t GraphicBufferAllocator::allocate(uint32_t w, uint32_t h, PixelFormat fo
     native_handle_t* created = nullptr;
     status_t status = NO_ERROR;
 
+    // Android's allocator turns an empty request into a 1x1 buffer and a
+    // layer count below one into one layer instead of refusing them.
+    if (w == 0 || h == 0)
+        w = h = 1;
+    if (layerCount < 1)
+        layerCount = 1;
+
     if (Failing(MARLO_HOST_GRALLOC_FAIL_ALLOCATE)) {
         status = NO_MEMORY;
-    } else if (handle == nullptr || stride == nullptr || w == 0 || h == 0 || w > kMaxDimension ||
-               h > kMaxDimension || layerCount != 1 || !ComputeLayout(w, h, format, &layout)) {
+    } else if (handle == nullptr || stride == nullptr || w > kMaxDimension || h > kMaxDimension ||
+               layerCount > kMaxLayers || !ComputeLayout(w, h, layerCount, format, &layout)) {
         status = BAD_VALUE;
     } else {
         std::string name = "gralloc:" + requestorName;

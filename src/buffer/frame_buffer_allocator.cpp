@@ -185,10 +185,7 @@ int GrallocFrameBufferAllocator::Allocate(FrameBufferInfo& info, FrameBuffer** o
 
 int GrallocFrameBufferAllocator::ImportBuffer(FrameBufferInfo& info, const native_handle* handle,
                                               FrameBuffer** out) {
-    if (handle == nullptr) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: no handle to import", __func__);
-        return ERR_INVALID_ARGUMENT;
-    }
+    // A null handle is the mapper's to refuse, like any other bad handle.
     if (!CheckRequest(info, out, __func__))
         return ERR_INVALID_ARGUMENT;
 

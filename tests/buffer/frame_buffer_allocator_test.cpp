@@ -10,6 +10,7 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "buffer/buffer_test_util.h"
@@ -419,6 +420,7 @@ TEST_F(GrallocAllocatorTest, ImportWrapsOwnCopyOfHandle) {
     importInfo.type = 2;
     importInfo.size = 1234;
     FrameBuffer* imported = nullptr;
+    marlo_test::LogCapture logs;
     ASSERT_EQ(allocator_.ImportBuffer(importInfo, raw, &imported), 0);
     std::unique_ptr<FrameBuffer> fb(imported);
     EXPECT_EQ(importInfo.type, 2u);  // the client's description is used as given
@@ -427,6 +429,9 @@ TEST_F(GrallocAllocatorTest, ImportWrapsOwnCopyOfHandle) {
 
     auto* gralloc = static_cast<GrallocFrameBuffer*>(fb.get());
     EXPECT_NE(gralloc->handle(), raw);
+    // The share fd is looked up on the imported handle, not the raw one.
+    EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag, Formatted(" buffer:%p", gralloc->handle())))
+        << logs.dump();
     EXPECT_TRUE(SameFile(fb->planes()[0].fd.get(), raw->data[0]));
 
     // The raw handle stays the caller's.
@@ -448,8 +453,13 @@ TEST_F(GrallocAllocatorTest, ImportFailure) {
     EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag, "Failed to import buffer")) << logs.dump();
 
     marlo_host_gralloc_set_failures(0);
-    EXPECT_EQ(allocator_.ImportBuffer(info, nullptr, &fb), -4);
-    EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag, "ImportBuffer: no handle to import"));
+    // A null handle goes to the mapper, which refuses it.
+    logs.clear();
+    Record();
+    EXPECT_EQ(allocator_.ImportBuffer(info, nullptr, &fb), -2);
+    EXPECT_EQ(recorder_.calls, Strings({"import"}));
+    EXPECT_TRUE(logs.contains(ANDROID_LOG_ERROR, kTag, "Failed to import buffer")) << logs.dump();
+    marlo_host_gralloc_set_hook(nullptr, nullptr);
     FrameBufferInfo noHal = info;
     noHal.fourcc = FOURCC_XR24;
     EXPECT_EQ(allocator_.ImportBuffer(noHal, handle, &fb), -4);
@@ -476,6 +486,38 @@ TEST_F(GrallocAllocatorTest, FreeRawHandleFailure) {
         << logs.dump();
     marlo_host_gralloc_set_failures(0);
     EXPECT_EQ(allocator_.FreeRawHandle(raw), 0);
+}
+
+TEST_F(GrallocAllocatorTest, BuffersFromManyThreads) {
+    // Clients may allocate and map from several threads at once; the
+    // allocator keeps no state and the platform calls serialise themselves.
+    std::vector<std::thread> threads;
+    std::vector<int> failures(4, 0);
+    for (size_t t = 0; t < failures.size(); t++) {
+        threads.emplace_back([this, t, &failures] {
+            for (int i = 0; i < 20; i++) {
+                FrameBufferInfo info = Info(FOURCC_NV12, 64, 32);
+                FrameBuffer* raw = nullptr;
+                if (allocator_.Allocate(info, &raw) != 0 || raw == nullptr) {
+                    failures[t]++;
+                    continue;
+                }
+                std::unique_ptr<FrameBuffer> fb(raw);
+                auto* data = static_cast<unsigned char*>(fb->Map());
+                if (data == nullptr || fb->planes()[0].fd.get() < 0) {
+                    failures[t]++;
+                    continue;
+                }
+                data[0] = static_cast<unsigned char>(t);
+                unsigned char back = 0xFF;
+                if (pread(fb->planes()[0].fd.get(), &back, 1, 0) != 1 || back != t)
+                    failures[t]++;
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures, std::vector<int>(4, 0));
 }
 
 TEST(DecodeArmPlaneFdsTest, CountAndFds) {

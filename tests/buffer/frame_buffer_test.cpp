@@ -211,6 +211,31 @@ TEST(FrameBufferTest, SetFenceOwnershipRules) {
     EXPECT_TRUE(leaks.unchanged());  // destruction closed the last fence
 }
 
+TEST(FrameBufferTest, OwnedFdsAreTaggedByTheirMember) {
+    FrameBufferInfo info = SampleInfo();
+    int fd = MakeMemfd(info.size);
+    ASSERT_GE(fd, 0);
+    DmaFrameBuffer fb(nullptr, info, fd);
+    int planeFd = fb.planes()[0].fd.get();
+    ASSERT_GE(planeFd, 0);
+    EXPECT_EQ(ANDROID_FDSAN_OWNER_TYPE_UNIQUE_FD, 3);
+    EXPECT_EQ(android_fdsan_get_owner_tag(planeFd),
+              android_fdsan_create_owner_tag(ANDROID_FDSAN_OWNER_TYPE_UNIQUE_FD,
+                                             reinterpret_cast<uint64_t>(&fb.planes()[0].fd)));
+
+    // The fence member is private: its tag has the owner type 3 and names an
+    // address inside the buffer object.
+    int fence = MakeEventFd();
+    ASSERT_GE(fence, 0);
+    fb.SetFence(fence);
+    uint64_t tag = android_fdsan_get_owner_tag(fence);
+    EXPECT_EQ(tag >> 56, 3u);
+    uint64_t owner = tag & ((uint64_t{1} << 56) - 1);
+    auto begin = reinterpret_cast<uint64_t>(&fb) & ((uint64_t{1} << 56) - 1);
+    EXPECT_GE(owner, begin);
+    EXPECT_LT(owner, begin + sizeof(fb));
+}
+
 TEST(FrameBufferTest, DestructionClosesPlanesBackwardsThenFence) {
     marlo_test::FdLeakCheck leaks;
     int fds[5];

@@ -3,6 +3,7 @@
 #include <cutils/native_handle.h>
 #include <marlo_host/graphics.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <ui/GraphicBufferAllocator.h>
 #include <ui/GraphicBufferMapper.h>
 
@@ -76,10 +77,11 @@ TEST_F(GraphicsEmulationTest, AllocateRejectsBadRequests) {
     buffer_handle_t handle = nullptr;
     uint32_t stride = 0;
     auto& allocator = GraphicBufferAllocator::get();
-    EXPECT_EQ(allocator.allocate(0, 16, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0, &handle, &stride, 0, "t"),
-              BAD_VALUE);
     EXPECT_EQ(
-        allocator.allocate(16, 16, HAL_PIXEL_FORMAT_RGBA_8888, 2, 0, &handle, &stride, 0, "t"),
+        allocator.allocate(40000, 16, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0, &handle, &stride, 0, "t"),
+        BAD_VALUE);
+    EXPECT_EQ(
+        allocator.allocate(16, 16, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0, nullptr, &stride, 0, "t"),
         BAD_VALUE);
     EXPECT_EQ(allocator.allocate(16, 16, -1, 1, 0, &handle, &stride, 0, "t"), BAD_VALUE);
     EXPECT_EQ(allocator.allocate(16, 16, 0x23, 1, 0, &handle, &stride, 0, "t"), BAD_VALUE);
@@ -88,6 +90,69 @@ TEST_F(GraphicsEmulationTest, AllocateRejectsBadRequests) {
         allocator.allocate(16, 16, HAL_PIXEL_FORMAT_RGBA_8888, 1, 0, &handle, &stride, 0, "t"),
         android::NO_MEMORY);
     EXPECT_EQ(handle, nullptr);
+}
+
+TEST_F(GraphicsEmulationTest, EmptyRequestGivesOnePixelBuffer) {
+    uint32_t stride = 0;
+    buffer_handle_t handle = nullptr;
+    auto& allocator = GraphicBufferAllocator::get();
+    ASSERT_EQ(allocator.allocate(0, 16, HAL_PIXEL_FORMAT_RGBA_8888, 0, 0, &handle, &stride, 0, "t"),
+              NO_ERROR);
+    EXPECT_EQ(stride, 16u);
+    uint64_t size = 0;
+    EXPECT_EQ(GraphicBufferMapper::get().getAllocationSize(handle, &size), NO_ERROR);
+    EXPECT_EQ(size, 4096u);
+    // The buffer is 1x1 with one layer, and imports only as such.
+    buffer_handle_t imported = nullptr;
+    EXPECT_EQ(GraphicBufferMapper::get().importBuffer(handle, 1, 1, 1, HAL_PIXEL_FORMAT_RGBA_8888,
+                                                      0, stride, &imported),
+              NO_ERROR);
+    EXPECT_EQ(GraphicBufferMapper::get().freeBuffer(imported), NO_ERROR);
+    EXPECT_EQ(allocator.free(handle), NO_ERROR);
+}
+
+TEST_F(GraphicsEmulationTest, LayersMultiplyTheSize) {
+    uint32_t stride = 0;
+    buffer_handle_t handle = nullptr;
+    auto& allocator = GraphicBufferAllocator::get();
+    ASSERT_EQ(
+        allocator.allocate(64, 64, HAL_PIXEL_FORMAT_RGBA_8888, 3, 0, &handle, &stride, 0, "t"),
+        NO_ERROR);
+    uint64_t size = 0;
+    EXPECT_EQ(GraphicBufferMapper::get().getAllocationSize(handle, &size), NO_ERROR);
+    EXPECT_EQ(size, 3u * 64 * 64 * 4);
+    EXPECT_EQ(allocator.free(handle), NO_ERROR);
+}
+
+TEST_F(GraphicsEmulationTest, SizesPerFormat) {
+    // 100 pixels pad to a 112-pixel stride; sizes round up to whole pages.
+    struct Case {
+        int format;
+        uint64_t bytes;
+    } cases[] = {
+        {HAL_PIXEL_FORMAT_RGBA_8888, 112 * 30 * 4},
+        {HAL_PIXEL_FORMAT_RGBX_8888, 112 * 30 * 4},
+        {HAL_PIXEL_FORMAT_BGRA_8888, 112 * 30 * 4},
+        {HAL_PIXEL_FORMAT_RGB_888, 112 * 30 * 3},
+        {HAL_PIXEL_FORMAT_RGB_565, 112 * 30 * 2},
+        {HAL_PIXEL_FORMAT_YCBCR_422_I, 112 * 30 * 2},
+        {HAL_PIXEL_FORMAT_YCBCR_422_SP, 112 * 30 * 2},
+        {HAL_PIXEL_FORMAT_YCRCB_420_SP, 112 * 30 + 112 * 15},
+        {HAL_PIXEL_FORMAT_YV12, 112 * 30 + 2 * 64 * 15},
+    };
+    for (const Case& c : cases) {
+        uint32_t stride = 0;
+        buffer_handle_t handle = Allocate(100, 30, c.format, &stride);
+        ASSERT_NE(handle, nullptr) << c.format;
+        EXPECT_EQ(stride, 112u) << c.format;
+        uint64_t size = 0;
+        EXPECT_EQ(GraphicBufferMapper::get().getAllocationSize(handle, &size), NO_ERROR);
+        EXPECT_EQ(size, (c.bytes + 4095) / 4096 * 4096) << c.format;
+        struct stat st;
+        ASSERT_EQ(fstat(handle->data[0], &st), 0);
+        EXPECT_EQ(static_cast<uint64_t>(st.st_size), size) << c.format;
+        EXPECT_EQ(GraphicBufferAllocator::get().free(handle), NO_ERROR);
+    }
 }
 
 TEST_F(GraphicsEmulationTest, Yv12ChromaRowsAreAligned) {
