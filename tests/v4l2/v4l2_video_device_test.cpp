@@ -779,10 +779,11 @@ TEST_F(V4l2VideoDeviceTest, DmabufQueueHandsThePlaneDescriptors) {
     auto buffer = device.GetBuffer();
     ASSERT_NE(buffer, nullptr);
     EXPECT_EQ(buffer->GetPtr(0), nullptr);  // nothing is mapped for DMABUF
+    const uint32_t size = node_->Format().fmt.pix_mp.plane_fmt[0].sizeimage;
     int mem = memfd_create("client", MFD_CLOEXEC);
-    ASSERT_EQ(ftruncate(mem, 4096), 0);
+    ASSERT_EQ(ftruncate(mem, size), 0);
     buffer->SetDmaFd(mem, 0);
-    buffer->SetMapAddr(nullptr, 4096, 0);
+    buffer->SetMapAddr(nullptr, size, 0);
     ASSERT_EQ(device.QueueBuffer(std::move(buffer)), 0);
     auto records = node_->Requests(VIDIOC_QBUF);
     ASSERT_EQ(records.size(), 1u);
