@@ -152,6 +152,17 @@ TEST_F(V4l2DeviceTest, InterruptedTwiceThenSuccessLogsNothing) {
     EXPECT_TRUE(log.records().empty()) << log.dump();
 }
 
+TEST_F(V4l2DeviceTest, PositiveResultIsNotPassedOn) {
+    V4l2Device device(kPath);
+    ASSERT_EQ(device.Open(true), 0);
+    marlo_test::LogCapture log;
+    node_->InjectResult(VIDIOC_G_FMT, 5);
+    v4l2_format fmt = {};
+    fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    EXPECT_EQ(device.IoCtl(VIDIOC_G_FMT, &fmt), 0);
+    EXPECT_TRUE(log.records().empty()) << log.dump();
+}
+
 TEST_F(V4l2DeviceTest, FailureLogsTheShortName) {
     V4l2Device device(kPath);
     ASSERT_EQ(device.Open(true), 0);
