@@ -459,6 +459,39 @@ TEST_F(FakeV4l2Test, DequeuedRecordCarriesDoneAndTimestampFlags) {
     close(fd);
 }
 
+TEST_F(FakeV4l2Test, ExportFollowsTheKernelsRules) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo();
+    StartStreaming(fd, 1);
+    v4l2_exportbuffer exp = {};
+    exp.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    exp.flags = O_RDWR | O_NONBLOCK;  // only O_CLOEXEC and the access mode are allowed
+    EXPECT_EQ(ioctl(fd, VIDIOC_EXPBUF, &exp), -1);
+    EXPECT_EQ(errno, EINVAL);
+    exp.flags = O_RDWR;
+    exp.plane = 1;  // one plane only
+    EXPECT_EQ(ioctl(fd, VIDIOC_EXPBUF, &exp), -1);
+    EXPECT_EQ(errno, EINVAL);
+    exp.plane = 0;
+    ASSERT_EQ(ioctl(fd, VIDIOC_EXPBUF, &exp), 0);
+    EXPECT_EQ(fcntl(exp.fd, F_GETFD) & FD_CLOEXEC, 0);
+    close(exp.fd);
+    exp.flags = O_RDWR | O_CLOEXEC;
+    ASSERT_EQ(ioctl(fd, VIDIOC_EXPBUF, &exp), 0);
+    EXPECT_NE(fcntl(exp.fd, F_GETFD) & FD_CLOEXEC, 0);
+    /* The exported memory outlives the buffers, as a dma-buf does. */
+    int type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    ASSERT_EQ(ioctl(fd, VIDIOC_STREAMOFF, &type), 0);
+    v4l2_requestbuffers none = {};
+    none.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    none.memory = V4L2_MEMORY_MMAP;
+    ASSERT_EQ(ioctl(fd, VIDIOC_REQBUFS, &none), 0);
+    uint8_t byte = 1;
+    EXPECT_EQ(pread(exp.fd, &byte, 1, 0), 1);
+    close(exp.fd);
+    close(fd);
+}
+
 TEST_F(FakeV4l2Test, MmapFollowsTheKernelsRules) {
     auto node = marlo_fake::AddVideoNode(kVideo);
     int fd = OpenVideo();
