@@ -387,8 +387,8 @@ int FakeVideoNode::QueryCap(v4l2_capability* caps) {
     CopyString(caps->bus_info, sizeof(caps->bus_info), config_.busInfo);
     caps->version = config_.version;
     caps->capabilities = config_.capabilities;
-    caps->device_caps = config_.deviceCaps != 0 ? config_.deviceCaps
-                                                : config_.capabilities & ~V4L2_CAP_DEVICE_CAPS;
+    caps->device_caps =
+        config_.deviceCaps != 0 ? config_.deviceCaps : config_.capabilities & ~V4L2_CAP_DEVICE_CAPS;
     return 0;
 }
 
@@ -802,8 +802,8 @@ void* FakeVideoNode::HandleMmap(void* addr, size_t length, int prot, int flags, 
                  * at most the page-rounded plane length. */
                 const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
                 const size_t limit = (plane.size + page - 1) / page * page;
-                if (plane.memfd < 0 || length == 0 || length > limit ||
-                    !(flags & MAP_SHARED) || !(prot & PROT_READ))
+                if (plane.memfd < 0 || length == 0 || length > limit || !(flags & MAP_SHARED) ||
+                    !(prot & PROT_READ))
                     break;
                 result = detail::RealMmap(addr, length, prot, flags, plane.memfd, 0);
                 err = result == MAP_FAILED ? errno : 0;

@@ -134,9 +134,9 @@ TEST_F(V4l2DeviceTest, FailedReopenLeavesTheObjectClosed) {
     EXPECT_EQ(device.Open(false), -2);
     EXPECT_EQ(device.Fd(), -1);
     EXPECT_EQ(node_->OpenDescriptors(), 0u);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             std::string("Open device ") + kPath + " failed with error " +
-                                 strerror(EACCES) + "\n"))
+    EXPECT_TRUE(log.contains(
+        ANDROID_LOG_ERROR, kTag,
+        std::string("Open device ") + kPath + " failed with error " + strerror(EACCES) + "\n"))
         << log.dump();
 }
 

@@ -562,9 +562,9 @@ TEST_F(V4l2VideoDeviceTest, ExportBuffersGivesEachPlaneADescriptor) {
     /* Plane 0's descriptor is printed for both planes. */
     auto second = device.GetBuffer();
     ASSERT_NE(second, nullptr);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_INFO, kTag,
-                             Msg("%s: export buffer index %d fd %d\n", kPath, 1,
-                                 second->GetDmaFd(0))));
+    EXPECT_TRUE(
+        log.contains(ANDROID_LOG_INFO, kTag,
+                     Msg("%s: export buffer index %d fd %d\n", kPath, 1, second->GetDmaFd(0))));
     EXPECT_EQ(log.count(Msg("%s: export buffer index %d fd %d\n", kPath, 0, buffer->GetDmaFd(0))),
               2u)
         << log.dump();
@@ -906,8 +906,9 @@ TEST_F(V4l2VideoDeviceTest, StreamOffMovesEveryQueuedBufferBack) {
                                  kPath, ssize_t{3}, ssize_t{0})))
         << log.dump();
     for (int index = 1; index <= 3; ++index)
-        EXPECT_TRUE(log.contains(ANDROID_LOG_INFO, kTag,
-                                 Msg("%s: resetting buffer state for buf index %d \n", kPath, index)));
+        EXPECT_TRUE(
+            log.contains(ANDROID_LOG_INFO, kTag,
+                         Msg("%s: resetting buffer state for buf index %d \n", kPath, index)));
     for (int index = 1; index <= 3; ++index)
         EXPECT_EQ(log.count(Msg("%s: resetting buffer state for buf index %d \n", kPath, index)),
                   1u);
