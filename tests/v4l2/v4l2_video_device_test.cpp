@@ -1152,6 +1152,8 @@ TEST_F(V4l2VideoDeviceTest, DestructionReleasesMappingsAndDescriptors) {
     }
     EXPECT_EQ(node_->LiveMappings(), 0u);
     EXPECT_EQ(node_->OpenDescriptors(), 0u);
+    /* Destruction does not stream off; closing the node ends the stream. */
+    EXPECT_EQ(node_->CountRequests(VIDIOC_STREAMOFF), 0u);
     node_.reset();
     marlo_fake::Reset();
     EXPECT_TRUE(leaks.unchanged());
