@@ -103,8 +103,11 @@ int V4l2Device::Open(bool blocking) {
         flags |= O_NONBLOCK;
     int fd = ::open(name_.c_str(), flags, 0666);
     if (fd < 0) {
+        int err = errno;
+        /* A failed open leaves the object closed, whatever it held before. */
+        fd_.reset();
         marlo_log(MARLO_LOG_ERROR, kTag, "Open device %s failed with error %s\n", name_.c_str(),
-                  strerror(errno));
+                  strerror(err));
         return ERR_FAILED;
     }
     fd_.reset(fd);

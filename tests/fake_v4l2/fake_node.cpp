@@ -66,6 +66,11 @@ void FakeNode::InjectEintr(unsigned long request, int times) {
     InjectError(request, EINTR, times);
 }
 
+void FakeNode::InjectResult(unsigned long request, int result) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    results_.emplace(request, result);
+}
+
 int FakeNode::TakeInjection(unsigned long request) {
     for (auto it = injections_.begin(); it != injections_.end(); ++it) {
         if (it->request != request)
@@ -198,8 +203,14 @@ int FakeNode::HandleIoctl(int fd, unsigned long request, void* arg) {
         Describe(request, arg, record);
 
     int err = TakeInjection(request);
-    if (err == 0)
+    int result = 0;
+    auto injected = results_.find(request);
+    if (err == 0 && injected != results_.end()) {
+        result = injected->second;
+        results_.erase(injected);
+    } else if (err == 0) {
         err = arg == nullptr ? EFAULT : Ioctl(*file, request, arg, lock);
+    }
     if (err == 0 && request == VIDIOC_DQBUF)
         record.index = static_cast<v4l2_buffer*>(arg)->index;
     record.result = err ? -1 : 0;
@@ -213,7 +224,7 @@ int FakeNode::HandleIoctl(int fd, unsigned long request, void* arg) {
         errno = err;
         return -1;
     }
-    return 0;
+    return result;
 }
 
 void* FakeNode::HandleMmap(void*, size_t, int, int, int, off_t) {

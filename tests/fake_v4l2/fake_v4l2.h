@@ -13,9 +13,11 @@
  * Nodes:
  *  - FakeVideoNode: a capture driver with capabilities, formats, frame sizes,
  *    buffers (MMAP backed by memfds; DMABUF), streaming and events. Frames are
- *    produced by the test with ProduceFrame(). DQBUF answers EAGAIN on an
- *    empty non-blocking descriptor and waits otherwise (until a frame, stream
- *    off or close). Closing the descriptor that requested the buffers
+ *    produced by the test with ProduceFrame(). DQBUF answers EINVAL while the
+ *    queue does not stream, EAGAIN on an empty non-blocking descriptor and
+ *    waits otherwise (until a frame, stream off or close). The file that
+ *    requested buffers owns the queue: buffer requests of other files answer
+ *    EBUSY, as in vb2. Closing the descriptor that requested the buffers
  *    releases them, as the kernel does. Events do not affect readiness.
  *  - FakeSubdevNode: a sub-device with pads (formats, selections, frame
  *    intervals and the three enumerations).
@@ -107,6 +109,11 @@ class FakeNode : public std::enable_shared_from_this<FakeNode> {
     void InjectError(unsigned long request, int err, int times = 1, int after = 0);
     /* The next \a times calls of \a request fail with EINTR. */
     void InjectEintr(unsigned long request, int times);
+    /*
+     * The next call of \a request succeeds with the positive \a result, as
+     * some requests do, without any other effect.
+     */
+    void InjectResult(unsigned long request, int result);
 
     std::vector<RequestRecord> Requests() const;
     /* Records of one request code. */
@@ -161,6 +168,7 @@ class FakeNode : public std::enable_shared_from_this<FakeNode> {
 
     std::string path_;
     std::vector<Injection> injections_;
+    std::multimap<unsigned long, int> results_;
     std::vector<RequestRecord> records_;
     int lastOpenFlags_ = 0;
     unsigned lastOpenMode_ = 0;
@@ -175,6 +183,8 @@ struct FakeFormat {
 
 struct VideoNodeConfig {
     uint32_t capabilities = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING;
+    /* The device_caps word; 0 answers the capabilities without V4L2_CAP_DEVICE_CAPS. */
+    uint32_t deviceCaps = 0;
     std::string driver = "fake-v4l2";
     std::string card = "Fake capture";
     std::string busInfo = "platform:fake-v4l2";
@@ -291,6 +301,8 @@ class FakeVideoNode : public FakeNode {
     };
 
     bool IsMultiPlanar(uint32_t type) const;
+    bool QueueBusy(const OpenFile& file, unsigned long request) const;
+    static bool PlaneArrayValid(const v4l2_buffer& buf, const Buffer& buffer);
     bool TypeSupported(uint32_t type) const;
     uint32_t PlaneCount() const;
     uint32_t PlaneSize(uint32_t plane) const;

@@ -285,6 +285,235 @@ TEST_F(FakeV4l2Test, InjectedMmapFailure) {
     close(fd);
 }
 
+TEST_F(FakeV4l2Test, InjectedPositiveResult) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo();
+    node->InjectResult(VIDIOC_QUERYCAP, 7);
+    v4l2_capability caps = {};
+    EXPECT_EQ(ioctl(fd, VIDIOC_QUERYCAP, &caps), 7);
+    EXPECT_EQ(caps.capabilities, 0u);  // no other effect
+    EXPECT_EQ(ioctl(fd, VIDIOC_QUERYCAP, &caps), 0);
+    EXPECT_NE(caps.capabilities, 0u);
+    close(fd);
+}
+
+TEST_F(FakeV4l2Test, AnotherFileCannotTouchAnOwnedQueue) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int owner = OpenVideo();
+    int other = OpenVideo();
+    StartStreaming(owner, 2);
+
+    v4l2_requestbuffers req = {};
+    req.count = 2;
+    req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    req.memory = V4L2_MEMORY_MMAP;
+    EXPECT_EQ(ioctl(other, VIDIOC_REQBUFS, &req), -1);
+    EXPECT_EQ(errno, EBUSY);
+    int type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    EXPECT_EQ(ioctl(other, VIDIOC_STREAMOFF, &type), -1);
+    EXPECT_EQ(errno, EBUSY);
+    v4l2_exportbuffer exp = {};
+    exp.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    exp.flags = O_CLOEXEC | O_RDWR;
+    EXPECT_EQ(ioctl(other, VIDIOC_EXPBUF, &exp), -1);
+    EXPECT_EQ(errno, EBUSY);
+    ASSERT_EQ(node->ProduceFrame(), 0);
+    v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+    v4l2_buffer out;
+    EXPECT_EQ(Dequeue(other, out, planes), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(node->DoneCount(), 1u);
+
+    /* Anyone may query a buffer. */
+    v4l2_buffer buf = {};
+    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    buf.memory = V4L2_MEMORY_MMAP;
+    buf.m.planes = planes;
+    buf.length = 1;
+    EXPECT_EQ(ioctl(other, VIDIOC_QUERYBUF, &buf), 0);
+
+    /* Stream off and REQBUFS with count 0 free the buffers and the queue. */
+    ASSERT_EQ(ioctl(owner, VIDIOC_STREAMOFF, &type), 0);
+    v4l2_requestbuffers none = {};
+    none.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    none.memory = V4L2_MEMORY_MMAP;
+    ASSERT_EQ(ioctl(owner, VIDIOC_REQBUFS, &none), 0);
+    EXPECT_EQ(none.count, 0u);
+    EXPECT_EQ(node->BufferCount(), 0u);
+    EXPECT_EQ(ioctl(other, VIDIOC_REQBUFS, &req), 0);
+    EXPECT_EQ(node->BufferCount(), 2u);
+    close(other);
+    close(owner);
+}
+
+TEST_F(FakeV4l2Test, ReqBufsWhileStreamingIsBusy) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo();
+    StartStreaming(fd, 2);
+    v4l2_requestbuffers req = {};
+    req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    req.memory = V4L2_MEMORY_MMAP;
+    EXPECT_EQ(ioctl(fd, VIDIOC_REQBUFS, &req), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(node->BufferCount(), 2u);
+    close(fd);
+}
+
+TEST_F(FakeV4l2Test, DequeueWithoutStreamingIsInvalidEvenNonBlocking) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo(O_RDWR | O_NONBLOCK);
+    v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+    v4l2_buffer out;
+    EXPECT_EQ(Dequeue(fd, out, planes), -1);
+    EXPECT_EQ(errno, EINVAL);
+    StartStreaming(fd, 2);
+    EXPECT_EQ(Dequeue(fd, out, planes), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    int type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    ASSERT_EQ(ioctl(fd, VIDIOC_STREAMOFF, &type), 0);
+    EXPECT_EQ(Dequeue(fd, out, planes), -1);
+    EXPECT_EQ(errno, EINVAL);
+    close(fd);
+}
+
+TEST_F(FakeV4l2Test, DequeuedRecordCarriesDoneAndTimestampFlags) {
+    marlo_fake::VideoNodeConfig config;
+    config.numPlanes = 2;
+    auto node = marlo_fake::AddVideoNode(kVideo, config);
+    int fd = OpenVideo(O_RDWR | O_NONBLOCK);
+    v4l2_requestbuffers req = {};
+    req.count = 2;
+    req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    req.memory = V4L2_MEMORY_MMAP;
+    ASSERT_EQ(ioctl(fd, VIDIOC_REQBUFS, &req), 0);
+    for (uint32_t i = 0; i < 2; ++i) {
+        v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+        v4l2_buffer buf = {};
+        buf.index = i;
+        buf.type = req.type;
+        buf.memory = V4L2_MEMORY_MMAP;
+        buf.flags = V4L2_BUF_FLAG_NO_CACHE_INVALIDATE | V4L2_BUF_FLAG_NO_CACHE_CLEAN;
+        buf.m.planes = planes;
+        buf.length = 2;
+        ASSERT_EQ(ioctl(fd, VIDIOC_QBUF, &buf), 0);
+        /* The answer is the queued buffer's record. */
+        EXPECT_EQ(buf.flags & (V4L2_BUF_FLAG_QUEUED | V4L2_BUF_FLAG_DONE), V4L2_BUF_FLAG_QUEUED);
+        EXPECT_EQ(buf.flags & 0x1800u, 0x1800u);
+        EXPECT_EQ(buf.length, 2u);
+        EXPECT_NE(planes[1].length, 0u);
+        EXPECT_NE(planes[1].m.mem_offset, planes[0].m.mem_offset);
+    }
+    int type = req.type;
+    ASSERT_EQ(ioctl(fd, VIDIOC_STREAMON, &type), 0);
+
+    marlo_fake::FrameSpec spec = Frame(6, {2, 3}, 0);
+    spec.bytesused = 100;
+    ASSERT_EQ(node->ProduceFrame(spec), 0);
+    spec = Frame(7, {2, 4}, 0);
+    spec.flags = V4L2_BUF_FLAG_ERROR;
+    ASSERT_EQ(node->ProduceFrame(spec), 1);
+
+    v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+    v4l2_buffer out = {};
+    out.type = req.type;
+    out.m.planes = planes;
+    /* Fewer array entries than planes, or more than eight, keep the frame waiting. */
+    out.length = 1;
+    EXPECT_EQ(ioctl(fd, VIDIOC_DQBUF, &out), -1);
+    EXPECT_EQ(errno, EINVAL);
+    out.length = VIDEO_MAX_PLANES + 1;
+    EXPECT_EQ(ioctl(fd, VIDIOC_DQBUF, &out), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(node->DoneCount(), 2u);
+
+    out.length = 2;
+    ASSERT_EQ(ioctl(fd, VIDIOC_DQBUF, &out), 0);
+    EXPECT_EQ(out.index, 0u);
+    EXPECT_EQ(out.length, 2u);
+    EXPECT_EQ(out.sequence, 6u);
+    EXPECT_EQ(out.field, static_cast<uint32_t>(V4L2_FIELD_NONE));
+    EXPECT_EQ(out.flags & V4L2_BUF_FLAG_TIMESTAMP_MASK, V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC);
+    EXPECT_EQ(out.flags & (V4L2_BUF_FLAG_QUEUED | V4L2_BUF_FLAG_DONE | V4L2_BUF_FLAG_ERROR),
+              V4L2_BUF_FLAG_DONE);
+    EXPECT_EQ(planes[0].bytesused, 100u);
+    EXPECT_EQ(planes[1].bytesused, 100u);
+
+    out = {};
+    out.type = req.type;
+    out.m.planes = planes;
+    out.length = 2;
+    ASSERT_EQ(ioctl(fd, VIDIOC_DQBUF, &out), 0);
+    EXPECT_EQ(out.sequence, 7u);
+    EXPECT_EQ(out.flags & (V4L2_BUF_FLAG_DONE | V4L2_BUF_FLAG_ERROR),
+              V4L2_BUF_FLAG_DONE | V4L2_BUF_FLAG_ERROR);
+
+    /* Querying a dequeued buffer shows neither state flag. */
+    v4l2_buffer query = {};
+    query.index = 0;
+    query.type = req.type;
+    query.memory = V4L2_MEMORY_MMAP;
+    query.m.planes = planes;
+    query.length = 2;
+    ASSERT_EQ(ioctl(fd, VIDIOC_QUERYBUF, &query), 0);
+    EXPECT_EQ(query.flags & (V4L2_BUF_FLAG_QUEUED | V4L2_BUF_FLAG_DONE), 0u);
+    close(fd);
+}
+
+TEST_F(FakeV4l2Test, ExportFollowsTheKernelsRules) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo();
+    StartStreaming(fd, 1);
+    v4l2_exportbuffer exp = {};
+    exp.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    exp.flags = O_RDWR | O_NONBLOCK;  // only O_CLOEXEC and the access mode are allowed
+    EXPECT_EQ(ioctl(fd, VIDIOC_EXPBUF, &exp), -1);
+    EXPECT_EQ(errno, EINVAL);
+    exp.flags = O_RDWR;
+    exp.plane = 1;  // one plane only
+    EXPECT_EQ(ioctl(fd, VIDIOC_EXPBUF, &exp), -1);
+    EXPECT_EQ(errno, EINVAL);
+    exp.plane = 0;
+    ASSERT_EQ(ioctl(fd, VIDIOC_EXPBUF, &exp), 0);
+    EXPECT_EQ(fcntl(exp.fd, F_GETFD) & FD_CLOEXEC, 0);
+    close(exp.fd);
+    exp.flags = O_RDWR | O_CLOEXEC;
+    ASSERT_EQ(ioctl(fd, VIDIOC_EXPBUF, &exp), 0);
+    EXPECT_NE(fcntl(exp.fd, F_GETFD) & FD_CLOEXEC, 0);
+    /* The exported memory outlives the buffers, as a dma-buf does. */
+    int type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    ASSERT_EQ(ioctl(fd, VIDIOC_STREAMOFF, &type), 0);
+    v4l2_requestbuffers none = {};
+    none.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    none.memory = V4L2_MEMORY_MMAP;
+    ASSERT_EQ(ioctl(fd, VIDIOC_REQBUFS, &none), 0);
+    uint8_t byte = 1;
+    EXPECT_EQ(pread(exp.fd, &byte, 1, 0), 1);
+    close(exp.fd);
+    close(fd);
+}
+
+TEST_F(FakeV4l2Test, MmapFollowsTheKernelsRules) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo();
+    StartStreaming(fd, 1);
+    const size_t length = 640u * 480u * 3u / 2u;
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t rounded = (length + page - 1) / page * page;
+    /* A private mapping, or one without read access, is refused. */
+    EXPECT_EQ(mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE, fd, 0), MAP_FAILED);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(mmap(nullptr, length, PROT_WRITE, MAP_SHARED, fd, 0), MAP_FAILED);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(mmap(nullptr, rounded + page, PROT_READ, MAP_SHARED, fd, 0), MAP_FAILED);
+    EXPECT_EQ(errno, EINVAL);
+    /* Up to the page-rounded plane length is fine. */
+    void* addr = mmap(nullptr, rounded, PROT_READ, MAP_SHARED, fd, 0);
+    ASSERT_NE(addr, MAP_FAILED);
+    EXPECT_EQ(node->LiveMappings(), 1u);
+    EXPECT_EQ(munmap(addr, rounded), 0);
+    close(fd);
+}
+
 TEST_F(FakeV4l2Test, DescriptorIsReadableWhileAFrameWaits) {
     auto node = marlo_fake::AddVideoNode(kVideo);
     int fd = OpenVideo(O_RDWR | O_NONBLOCK);
@@ -370,22 +599,28 @@ TEST_F(FakeV4l2Test, DmabufBuffersAreFilledThroughTheImportedDescriptor) {
     req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
     req.memory = V4L2_MEMORY_DMABUF;
     ASSERT_EQ(ioctl(fd, VIDIOC_REQBUFS, &req), 0);
+    const uint32_t size = node->Format().fmt.pix_mp.plane_fmt[0].sizeimage;
     int mem = memfd_create("client", MFD_CLOEXEC);
-    ASSERT_EQ(ftruncate(mem, 64), 0);
+    ASSERT_EQ(ftruncate(mem, size), 0);
     v4l2_plane planes[VIDEO_MAX_PLANES] = {};
     planes[0].m.fd = mem;
-    planes[0].length = 64;
+    planes[0].length = size - 1;
     v4l2_buffer buf = {};
     buf.type = req.type;
     buf.memory = V4L2_MEMORY_DMABUF;
     buf.m.planes = planes;
     buf.length = 1;
+    /* A dma-buf smaller than the plane is refused, as vb2 does. */
+    EXPECT_EQ(ioctl(fd, VIDIOC_QBUF, &buf), -1);
+    EXPECT_EQ(errno, EINVAL);
+    /* Length 0 stands for the dma-buf's own size. */
+    planes[0].length = 0;
     ASSERT_EQ(ioctl(fd, VIDIOC_QBUF, &buf), 0);
     int type = req.type;
     ASSERT_EQ(ioctl(fd, VIDIOC_STREAMON, &type), 0);
     ASSERT_EQ(node->ProduceFrame(Frame(-1, {0, 0}, 0x7e)), 0);
     uint8_t byte = 0;
-    ASSERT_EQ(pread(mem, &byte, 1, 63), 1);
+    ASSERT_EQ(pread(mem, &byte, 1, size - 1), 1);
     EXPECT_EQ(byte, 0x7e);
     close(mem);
     close(fd);

@@ -312,8 +312,28 @@ void FakeVideoNode::FillFormat(v4l2_format& fmt) const {
     fmt.fmt.pix.colorspace = format_.colorspace;
 }
 
+/*
+ * Like vb2: once a file has requested buffers it owns the queue, and the
+ * buffer requests of any other file are refused (QUERYBUF stays open to all).
+ */
+bool FakeVideoNode::QueueBusy(const OpenFile& file, unsigned long request) const {
+    switch (request) {
+        case VIDIOC_REQBUFS:
+        case VIDIOC_EXPBUF:
+        case VIDIOC_QBUF:
+        case VIDIOC_DQBUF:
+        case VIDIOC_STREAMON:
+        case VIDIOC_STREAMOFF:
+            return ownerFd_ >= 0 && ownerFd_ != file.fd;
+        default:
+            return false;
+    }
+}
+
 int FakeVideoNode::Ioctl(OpenFile file, unsigned long request, void* arg,
                          std::unique_lock<std::mutex>& lock) {
+    if (QueueBusy(file, request))
+        return EBUSY;
     switch (request) {
         case VIDIOC_QUERYCAP:
             return QueryCap(static_cast<v4l2_capability*>(arg));
@@ -367,7 +387,8 @@ int FakeVideoNode::QueryCap(v4l2_capability* caps) {
     CopyString(caps->bus_info, sizeof(caps->bus_info), config_.busInfo);
     caps->version = config_.version;
     caps->capabilities = config_.capabilities;
-    caps->device_caps = config_.capabilities & ~V4L2_CAP_DEVICE_CAPS;
+    caps->device_caps =
+        config_.deviceCaps != 0 ? config_.deviceCaps : config_.capabilities & ~V4L2_CAP_DEVICE_CAPS;
     return 0;
 }
 
@@ -459,6 +480,12 @@ int FakeVideoNode::ReqBufs(v4l2_requestbuffers* req) {
     return 0;
 }
 
+/* The multi-planar check of vb2: an array of at least the buffer's planes, at most 8. */
+bool FakeVideoNode::PlaneArrayValid(const v4l2_buffer& buf, const Buffer& buffer) {
+    return buf.m.planes != nullptr && buf.length >= buffer.planes.size() &&
+           buf.length <= VIDEO_MAX_PLANES;
+}
+
 void FakeVideoNode::FillBufferRecord(const Buffer& buffer, v4l2_buffer* buf) const {
     buf->index = buffer.index;
     buf->type = bufferType_;
@@ -492,8 +519,7 @@ void FakeVideoNode::FillBufferRecord(const Buffer& buffer, v4l2_buffer* buf) con
 int FakeVideoNode::QueryBuf(v4l2_buffer* buf) {
     if (buf->type != bufferType_ || buf->index >= buffers_.size())
         return EINVAL;
-    if (IsMultiPlanar(bufferType_) &&
-        (buf->m.planes == nullptr || buf->length < buffers_[buf->index].planes.size()))
+    if (IsMultiPlanar(bufferType_) && !PlaneArrayValid(*buf, buffers_[buf->index]))
         return EINVAL;
     FillBufferRecord(buffers_[buf->index], buf);
     return 0;
@@ -522,14 +548,22 @@ int FakeVideoNode::QBuf(v4l2_buffer* buf) {
     if (buffer.state != State::kUser)
         return EINVAL;
     const bool mplane = IsMultiPlanar(bufferType_);
-    if (mplane && (buf->m.planes == nullptr || buf->length < buffer.planes.size()))
+    if (mplane && !PlaneArrayValid(*buf, buffer))
         return EINVAL;
 
     if (memory_ == V4L2_MEMORY_DMABUF) {
-        /* Like the kernel, keep a reference to each plane's dma-buf while queued. */
+        /*
+         * Like the kernel, keep a reference to each plane's dma-buf while
+         * queued, and refuse one smaller than the plane: the length given
+         * counts, or the dma-buf's own size when it is 0.
+         */
         for (uint32_t p = 0; p < buffer.planes.size(); ++p) {
             int fd = mplane ? buf->m.planes[p].m.fd : buf->m.fd;
-            int held = fd >= 0 ? Dup(fd) : -1;
+            uint32_t length = mplane ? buf->m.planes[p].length : buf->length;
+            struct stat st;
+            if (length == 0 && fd >= 0 && fstat(fd, &st) == 0)
+                length = static_cast<uint32_t>(st.st_size);
+            int held = fd >= 0 && length >= buffer.planes[p].size ? Dup(fd) : -1;
             if (held < 0) {
                 ReleaseDmabufs(buffer);
                 return EINVAL;
@@ -537,25 +571,33 @@ int FakeVideoNode::QBuf(v4l2_buffer* buf) {
             buffer.planes[p].dmabuf = held;
         }
     }
+    if (V4L2_TYPE_IS_OUTPUT(bufferType_)) {
+        for (uint32_t p = 0; p < buffer.planes.size(); ++p)
+            buffer.planes[p].bytesused = mplane ? buf->m.planes[p].bytesused : buf->bytesused;
+    }
     buffer.state = State::kQueued;
     buffer.flags = 0;
     queued_.push_back(buffer.index);
-    buf->flags = (buf->flags & ~V4L2_BUF_FLAG_DONE) | V4L2_BUF_FLAG_QUEUED;
+    /* The kernel answers with the buffer's record; cache hints are kept. */
+    const uint32_t hints =
+        buf->flags & (V4L2_BUF_FLAG_NO_CACHE_INVALIDATE | V4L2_BUF_FLAG_NO_CACHE_CLEAN);
+    const int dmabufFd = mplane ? -1 : buf->m.fd;
+    FillBufferRecord(buffer, buf);
+    buf->flags |= hints;
+    if (!mplane && memory_ == V4L2_MEMORY_DMABUF)
+        buf->m.fd = dmabufFd;
     return 0;
 }
 
 int FakeVideoNode::DQBuf(OpenFile file, v4l2_buffer* buf, std::unique_lock<std::mutex>& lock) {
-    if (buf->type != bufferType_ || buffers_.empty())
+    if (buf->type != bufferType_)
         return EINVAL;
-    const bool mplane = IsMultiPlanar(bufferType_);
-    if (mplane && (buf->m.planes == nullptr || buf->length < PlaneCount()))
+    /* As vb2: a queue that does not stream has nothing to wait for, blocking or not. */
+    if (!streaming_)
         return EINVAL;
-
     if (done_.empty()) {
         if (file.flags & O_NONBLOCK)
             return EAGAIN;
-        if (!streaming_)
-            return EINVAL;
         cond_.wait(lock,
                    [&] { return !done_.empty() || !streaming_ || FindFile(file.fd) == nullptr; });
         if (FindFile(file.fd) == nullptr)
@@ -564,11 +606,15 @@ int FakeVideoNode::DQBuf(OpenFile file, v4l2_buffer* buf, std::unique_lock<std::
             return EINVAL;
     }
 
+    /* A bad plane array leaves the frame waiting, as in vb2. */
     Buffer& buffer = buffers_[done_.front()];
+    if (IsMultiPlanar(bufferType_) && !PlaneArrayValid(*buf, buffer))
+        return EINVAL;
     done_.pop_front();
+    /* vb2 fills the answer while the buffer is still done: DONE is set in it. */
+    FillBufferRecord(buffer, buf);
     buffer.state = State::kUser;
     ReleaseDmabufs(buffer);
-    FillBufferRecord(buffer, buf);
     return 0;
 }
 
@@ -752,7 +798,12 @@ void* FakeVideoNode::HandleMmap(void* addr, size_t length, int prot, int flags, 
                 if (Offset(buffer.index, p) != static_cast<uint64_t>(offset))
                     continue;
                 const Plane& plane = buffer.planes[p];
-                if (plane.memfd < 0 || length > plane.size)
+                /* vb2: MMAP memory, a shared mapping, readable for capture,
+                 * at most the page-rounded plane length. */
+                const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+                const size_t limit = (plane.size + page - 1) / page * page;
+                if (plane.memfd < 0 || length == 0 || length > limit || !(flags & MAP_SHARED) ||
+                    !(prot & PROT_READ))
                     break;
                 result = detail::RealMmap(addr, length, prot, flags, plane.memfd, 0);
                 err = result == MAP_FAILED ? errno : 0;

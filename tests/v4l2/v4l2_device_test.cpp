@@ -125,6 +125,21 @@ TEST_F(V4l2DeviceTest, OpenMissingPathLogsTheSystemText) {
         << log.dump();
 }
 
+TEST_F(V4l2DeviceTest, FailedReopenLeavesTheObjectClosed) {
+    V4l2Device device(kPath);
+    ASSERT_EQ(device.Open(true), 0);
+    ASSERT_EQ(node_->OpenDescriptors(), 1u);
+    marlo_test::LogCapture log;
+    node_->InjectError(marlo_fake::kOpenRequest, EACCES);
+    EXPECT_EQ(device.Open(false), -2);
+    EXPECT_EQ(device.Fd(), -1);
+    EXPECT_EQ(node_->OpenDescriptors(), 0u);
+    EXPECT_TRUE(log.contains(
+        ANDROID_LOG_ERROR, kTag,
+        std::string("Open device ") + kPath + " failed with error " + strerror(EACCES) + "\n"))
+        << log.dump();
+}
+
 TEST_F(V4l2DeviceTest, InterruptedTwiceThenSuccessLogsNothing) {
     V4l2Device device(kPath);
     ASSERT_EQ(device.Open(true), 0);
@@ -134,6 +149,17 @@ TEST_F(V4l2DeviceTest, InterruptedTwiceThenSuccessLogsNothing) {
     fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
     EXPECT_EQ(device.IoCtl(VIDIOC_G_FMT, &fmt), 0);
     EXPECT_EQ(node_->CountRequests(VIDIOC_G_FMT), 3u);
+    EXPECT_TRUE(log.records().empty()) << log.dump();
+}
+
+TEST_F(V4l2DeviceTest, PositiveResultIsNotPassedOn) {
+    V4l2Device device(kPath);
+    ASSERT_EQ(device.Open(true), 0);
+    marlo_test::LogCapture log;
+    node_->InjectResult(VIDIOC_G_FMT, 5);
+    v4l2_format fmt = {};
+    fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    EXPECT_EQ(device.IoCtl(VIDIOC_G_FMT, &fmt), 0);
     EXPECT_TRUE(log.records().empty()) << log.dump();
 }
 
@@ -234,7 +260,11 @@ TEST_F(V4l2DeviceTest, EventFailuresLogTheirTexts) {
     node_->InjectError(VIDIOC_UNSUBSCRIBE_EVENT, EINVAL);
     EXPECT_EQ(device.UnSubscribeEvent(sub), -2);
     V4l2Event event;
+    memset(&event, 0xff, sizeof(event));
     EXPECT_EQ(device.DequeEvent(event), -2);  // nothing pending: ENOENT
+    /* The record is zeroed before the request, so a failure leaves it empty. */
+    const unsigned char zero[sizeof(V4l2Event)] = {};
+    EXPECT_EQ(memcmp(&event, zero, sizeof(event)), 0);
     const std::string einval = strerror(EINVAL);
     EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, "subscribe event failed " + einval + "\n"));
     EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, "unsubscribe event failed " + einval + "\n"));

@@ -233,10 +233,10 @@ TEST_F(V4l2VideoDeviceTest, BufferTypeChoiceOrder) {
 }
 
 TEST_F(V4l2VideoDeviceTest, DeviceCapsAreNotConsulted) {
-    /* The fake reports device_caps equal to capabilities; only the
-     * capabilities word decides, so a streaming-only node has no type. */
+    /* Only the capabilities word decides: a capture bit in device_caps alone gives no type. */
     marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_STREAMING | V4L2_CAP_READWRITE;
+    config.capabilities = V4L2_CAP_STREAMING | V4L2_CAP_READWRITE | V4L2_CAP_DEVICE_CAPS;
+    config.deviceCaps = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING;
     AddNode(config);
     TestDevice device(kPath);
     ASSERT_EQ(device.Open(false), 0);
@@ -245,6 +245,17 @@ TEST_F(V4l2VideoDeviceTest, DeviceCapsAreNotConsulted) {
     EXPECT_EQ(device.BufferType(), 9u);
     for (const auto& record : log.records())
         EXPECT_NE(record.priority, ANDROID_LOG_ERROR) << record.message;
+}
+
+TEST_F(V4l2VideoDeviceTest, BufferTypeComesFromTheCapabilitiesWord) {
+    marlo_fake::VideoNodeConfig config;
+    config.capabilities = V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING | V4L2_CAP_DEVICE_CAPS;
+    config.deviceCaps = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING;
+    AddNode(config);
+    TestDevice device(kPath);
+    ASSERT_EQ(device.Open(false), 0);
+    EXPECT_EQ(device.QueryCap(), 0);
+    EXPECT_EQ(device.BufferType(), 2u);
 }
 
 TEST_F(V4l2VideoDeviceTest, QueryCapLogsFiveLinesWithThePath) {
@@ -431,6 +442,8 @@ TEST_F(V4l2VideoDeviceTest, MultiPlanarMmapFailureKeepsTheBuffer) {
     EXPECT_EQ(device.QueryBuffer(), 0);
     EXPECT_EQ(device.Unqueued(), 3u);
     EXPECT_EQ(log.count(Msg("%s: mmap bufffer failed : %s\n", kPath, strerror(ENOMEM))), 1u);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
+                             Msg("%s: mmap bufffer failed : %s\n", kPath, strerror(ENOMEM))));
     auto first = device.GetBuffer();
     EXPECT_EQ(first->GetIndex(), 0u);
     EXPECT_EQ(first->GetPtr(0), nullptr);
@@ -450,6 +463,8 @@ TEST_F(V4l2VideoDeviceTest, SinglePlanarMmapFailureDropsTheBuffer) {
     EXPECT_EQ(device.QueryBuffer(), 0);
     EXPECT_EQ(device.UnqueuedIndices(), (std::vector<uint32_t>{1, 2}));
     EXPECT_EQ(log.count(Msg("%s: mmap bufffer failed : %s\n", kPath, strerror(ENOMEM))), 1u);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
+                             Msg("%s: mmap bufffer failed : %s\n", kPath, strerror(ENOMEM))));
     EXPECT_FALSE(log.containsText(Msg("%s: queried buffer index %u\n", kPath, 0u)));
 }
 
@@ -545,6 +560,11 @@ TEST_F(V4l2VideoDeviceTest, ExportBuffersGivesEachPlaneADescriptor) {
     ASSERT_GE(buffer->GetDmaFd(0), 0);
     ASSERT_GE(buffer->GetDmaFd(1), 0);
     /* Plane 0's descriptor is printed for both planes. */
+    auto second = device.GetBuffer();
+    ASSERT_NE(second, nullptr);
+    EXPECT_TRUE(
+        log.contains(ANDROID_LOG_INFO, kTag,
+                     Msg("%s: export buffer index %d fd %d\n", kPath, 1, second->GetDmaFd(0))));
     EXPECT_EQ(log.count(Msg("%s: export buffer index %d fd %d\n", kPath, 0, buffer->GetDmaFd(0))),
               2u)
         << log.dump();
@@ -681,6 +701,48 @@ TEST_F(V4l2VideoDeviceTest, DequeueCopiesTheDriversRecord) {
     EXPECT_EQ(device.Queued(), 3u);
 }
 
+TEST_F(V4l2VideoDeviceTest, SinglePlanarDequeueTakesTheDriversBytesUsedAndFlags) {
+    marlo_fake::VideoNodeConfig config;
+    config.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
+    AddNode(config);
+    TestDevice device(kPath);
+    Prepare(device, 2);
+    QueueAll(device);
+    ASSERT_EQ(device.StreamOn(), 0);
+    marlo_fake::FrameSpec spec = marlo_fake::Frame(9, {1, 2}, 0x10);
+    spec.bytesused = 1000;
+    spec.flags = V4L2_BUF_FLAG_ERROR;
+    ASSERT_EQ(node_->ProduceFrame(spec), 0);
+    auto frame = device.DequeBuffer();
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(frame->GetSequence(), 9u);
+    EXPECT_EQ(frame->GetTimestamp(), 1000002000ull);
+    EXPECT_EQ(frame->GetBuffer()->bytesused, 1000u);
+    const uint32_t state = V4L2_BUF_FLAG_QUEUED | V4L2_BUF_FLAG_DONE | V4L2_BUF_FLAG_ERROR;
+    EXPECT_EQ(frame->GetBuffer()->flags & state,
+              static_cast<uint32_t>(V4L2_BUF_FLAG_DONE | V4L2_BUF_FLAG_ERROR));
+    /* Queued again, the record carries the device's flags once more. */
+    ASSERT_EQ(device.QueueBuffer(std::move(frame)), 0);
+    EXPECT_EQ(node_->Requests(VIDIOC_QBUF).back().flags, 0x1800u);
+}
+
+TEST_F(V4l2VideoDeviceTest, MultiPlanarDequeueKeepsNoPointerToTheCallsPlanes) {
+    AddNode();
+    TestDevice device(kPath);
+    Prepare(device, 2);
+    QueueAll(device);
+    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_EQ(node_->ProduceFrame(), 0);
+    auto frame = device.DequeBuffer();
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(frame->GetBuffer()->m.planes, nullptr);
+    EXPECT_EQ(frame->GetBuffer()->length, 1u);
+    ASSERT_EQ(device.QueueBuffer(std::move(frame)), 0);
+    auto queued = device.GetQueuedBuffer(0);
+    ASSERT_NE(queued, nullptr);
+    EXPECT_EQ(queued->GetBuffer()->m.planes, nullptr);
+}
+
 TEST_F(V4l2VideoDeviceTest, EmptyNonBlockingDequeue) {
     AddNode();
     TestDevice device(kPath);
@@ -779,10 +841,11 @@ TEST_F(V4l2VideoDeviceTest, DmabufQueueHandsThePlaneDescriptors) {
     auto buffer = device.GetBuffer();
     ASSERT_NE(buffer, nullptr);
     EXPECT_EQ(buffer->GetPtr(0), nullptr);  // nothing is mapped for DMABUF
+    const uint32_t size = node_->Format().fmt.pix_mp.plane_fmt[0].sizeimage;
     int mem = memfd_create("client", MFD_CLOEXEC);
-    ASSERT_EQ(ftruncate(mem, 4096), 0);
+    ASSERT_EQ(ftruncate(mem, size), 0);
     buffer->SetDmaFd(mem, 0);
-    buffer->SetMapAddr(nullptr, 4096, 0);
+    buffer->SetMapAddr(nullptr, size, 0);
     ASSERT_EQ(device.QueueBuffer(std::move(buffer)), 0);
     auto records = node_->Requests(VIDIOC_QBUF);
     ASSERT_EQ(records.size(), 1u);
@@ -842,6 +905,10 @@ TEST_F(V4l2VideoDeviceTest, StreamOffMovesEveryQueuedBufferBack) {
                              Msg("%s: after streamed off, buf size: queued %zd, unqueued %zd\n",
                                  kPath, ssize_t{3}, ssize_t{0})))
         << log.dump();
+    for (int index = 1; index <= 3; ++index)
+        EXPECT_TRUE(
+            log.contains(ANDROID_LOG_INFO, kTag,
+                         Msg("%s: resetting buffer state for buf index %d \n", kPath, index)));
     for (int index = 1; index <= 3; ++index)
         EXPECT_EQ(log.count(Msg("%s: resetting buffer state for buf index %d \n", kPath, index)),
                   1u);
@@ -1085,6 +1152,8 @@ TEST_F(V4l2VideoDeviceTest, DestructionReleasesMappingsAndDescriptors) {
     }
     EXPECT_EQ(node_->LiveMappings(), 0u);
     EXPECT_EQ(node_->OpenDescriptors(), 0u);
+    /* Destruction does not stream off; closing the node ends the stream. */
+    EXPECT_EQ(node_->CountRequests(VIDIOC_STREAMOFF), 0u);
     node_.reset();
     marlo_fake::Reset();
     EXPECT_TRUE(leaks.unchanged());
