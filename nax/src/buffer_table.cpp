@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <system_error>
+
 #include "log.h"
 
 namespace nax {
@@ -106,10 +108,8 @@ uint32_t BufferTable::ImportFd(int fd) {
         handle = AddHandle(std::move(ref));
         if (handle != 0)
             entry.handles++;
-        else if (entry.handles == 0) {
-            entry.idleSince = Clock::now();
-            idle_.push_back(key);
-        }
+        else if (entry.handles == 0)
+            MakeIdle(key, &entry);
         DropIdle(Clock::now(), &dropped);
     }
     return handle;
@@ -152,15 +152,68 @@ int BufferTable::Release(uint32_t handle) {
         auto entry = mappings_.find(key);
         /* A handle of a replaced mapping does not count for the new one. */
         if (entry != mappings_.end() && entry->second.mapping == mapping &&
-            --entry->second.handles == 0) {
-            entry->second.idleSince = now;
-            idle_.push_back(key);
-        }
+            --entry->second.handles == 0)
+            MakeIdle(key, &entry->second);
         dropped.push_back(std::move(mapping));
     }
     DropIdle(now, &dropped);
     return 0;
 }
+
+void BufferTable::MakeIdle(const Key& key, CacheEntry* entry) {
+    entry->idleSince = Clock::now();
+    idle_.push_back(key);
+    if (reaperRunning_ || reaperStopped_)
+        return;
+    /* A reaper that ended no longer takes the mutex: joining it here is
+     * quick. */
+    if (reaper_.joinable())
+        reaper_.join();
+    try {
+        reaper_ = std::thread(&BufferTable::ReaperLoop, this);
+        reaperRunning_ = true;
+    } catch (const std::system_error& e) {
+        NAX_LOGW("no thread to drop idle mappings (%s): they go at later imports", e.what());
+    }
+}
+
+void BufferTable::ReaperLoop() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!reaperStopped_ && !idle_.empty()) {
+        /* The front of idle_ turned idle first. */
+        auto entry = mappings_.find(idle_.front());
+        if (entry != mappings_.end())
+            reaperWake_.wait_until(lock, entry->second.idleSince + kIdleLifetime);
+        std::list<std::shared_ptr<Mapping>> dropped;
+        DropIdle(Clock::now(), &dropped);
+        lock.unlock();
+        dropped.clear(); /* unmapped without the lock */
+        lock.lock();
+    }
+    reaperRunning_ = false;
+}
+
+void BufferTable::StopReaper() {
+    std::thread reaper;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        reaperStopped_ = true;
+        reaper = std::move(reaper_);
+    }
+    reaperWake_.notify_all();
+    if (reaper.joinable())
+        reaper.join();
+}
+
+namespace {
+
+/* The reaper runs this library's code: it must end before the library is
+ * unmapped. */
+struct ReaperStop {
+    ~ReaperStop() { BufferTable::Instance().StopReaper(); }
+} reaperStop;
+
+}  // namespace
 
 void BufferTable::DropIdle(Clock::time_point now, std::list<std::shared_ptr<Mapping>>* out) {
     while (!idle_.empty()) {
