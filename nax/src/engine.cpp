@@ -3,8 +3,10 @@
  *
  * The common cases of a camera pipeline take one direct libyuv call
  * straight between the buffers. Everything else passes through a working
- * image: I420 when both formats are 4:2:0 or grey (luma is carried exactly,
- * chroma is not sent through RGB and back), ARGB otherwise. A destination rectangle that does not
+ * image: I420 when the destination is 4:2:0 or grey and the source is 4:2:0,
+ * grey, YUYV or UYVY (luma is carried exactly, chroma is not sent through
+ * RGB and back, and a packed 4:2:2 capture scaled into a 4:2:0 client
+ * buffer costs far less than the ARGB route), ARGB otherwise. A destination rectangle that does not
  * lie on its format's chroma grid is read back first, so the pixels beside it that share its chroma
  * samples keep their luma.
  */
@@ -58,6 +60,14 @@ bool IsArgbLike(const FormatInfo* f) {
  * chroma edges, so 4:2:2 passes through ARGB instead. */
 bool Is420(const FormatInfo* f) {
     return f->kind == Kind::Semi420 || f->kind == Kind::Planar420 || f->kind == Kind::Grey;
+}
+
+/* Sources an I420 working image reads without loss for a 4:2:0
+ * destination: libyuv averages the chroma rows of YUYV and UYVY in pairs.
+ * (The other 4:2:2 formats would need its scaler, which blends rows across
+ * an odd last row.) */
+bool ReadsAs420(const FormatInfo* f) {
+    return Is420(f) || f->code == NAX_FORMAT_YUYV_422 || f->code == NAX_FORMAT_UYVY_422;
 }
 
 /* Same format, same size: a copy of each plane. */
@@ -267,7 +277,7 @@ void Paste(const View& in, const View& out, int dx, int dy) {
 
 int RunGeneric(const Surface& src, const Rect& sr, const Surface& dst, const Rect& dr,
                int transform, Filter filter) {
-    const Mid mid = Is420(src.fmt) && Is420(dst.fmt) ? Mid::I420 : Mid::Argb;
+    const Mid mid = ReadsAs420(src.fmt) && Is420(dst.fmt) ? Mid::I420 : Mid::Argb;
     const libyuv::RotationMode rot = Rotation(transform);
     const bool swap = rot == libyuv::kRotate90 || rot == libyuv::kRotate270;
     const int tw = swap ? dr.h : dr.w;
