@@ -13,7 +13,11 @@
 /*
  * Engine format codes: a format index shifted left by 8. Each name spells
  * the byte order in memory (RGBA_8888 is bytes R,G,B,A), so every code
- * names one memory layout.
+ * names one memory layout. V4L2's names of four 32-bit layouts read the
+ * other way ("AR24", V4L2 ABGR32, is bytes B,G,R,A, which is BGRA_8888
+ * here): describe a buffer by the code of its memory layout, not of its
+ * name. YUV is BT.601 limited range; the grey formats carry its luma, so
+ * grey to and from YUV copies luma unchanged.
  */
 enum nax_format {
     NAX_FORMAT_RGBA_8888 = 0x0 << 8,   /* bytes R,G,B,A */
@@ -149,7 +153,11 @@ extern "C" {
 /*
  * Buffer descriptions and imports; a returned handle of 0 is a failure.
  * An fd import maps the memory once and refers to the file, not to the
- * descriptor, which the caller keeps and may close. A CPU-address import
+ * descriptor, which the caller keeps and may close. The software engine
+ * shares one mapping among all handles of a file (by device and inode)
+ * and keeps it for 2 s after the last handle is released, so that the
+ * next frame's import of the same buffer is cheap; memory its owner frees
+ * therefore stays allocated for up to that long. A CPU-address import
  * carries no size: the engine trusts the geometry it is wrapped with.
  * Physical addresses cannot be reached by the software engine (handle 0).
  * nax_wrap_fd/paddr/vaddr import and wrap in one call; their handle is
