@@ -4,12 +4,14 @@
 #include "buffer_table.h"
 
 #include <errno.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <system_error>
+#include <exception>
+#include <new>
 
 #include "log.h"
 
@@ -25,7 +27,12 @@ Mapping::~Mapping() {
 
 BufferTable& BufferTable::Instance() {
     /* Never destroyed: jobs may still run in other threads at exit. */
-    static BufferTable* table = new BufferTable();
+    static BufferTable* table = [] {
+        auto* t = new BufferTable();
+        pthread_atfork([] { Instance().BeforeFork(); }, [] { Instance().AfterForkInParent(); },
+                       [] { Instance().AfterForkInChild(); });
+        return t;
+    }();
     return *table;
 }
 
@@ -167,12 +174,13 @@ void BufferTable::MakeIdle(const Key& key, CacheEntry* entry) {
         return;
     /* A reaper that ended no longer takes the mutex: joining it here is
      * quick. */
-    if (reaper_.joinable())
-        reaper_.join();
+    if (reaper_)
+        reaper_->join();
+    reaper_.reset();
     try {
-        reaper_ = std::thread(&BufferTable::ReaperLoop, this);
+        reaper_ = std::make_unique<std::thread>(&BufferTable::ReaperLoop, this);
         reaperRunning_ = true;
-    } catch (const std::system_error& e) {
+    } catch (const std::exception& e) {
         NAX_LOGW("no thread to drop idle mappings (%s): they go at later imports", e.what());
     }
 }
@@ -194,15 +202,34 @@ void BufferTable::ReaperLoop() {
 }
 
 void BufferTable::StopReaper() {
-    std::thread reaper;
+    std::unique_ptr<std::thread> reaper;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         reaperStopped_ = true;
         reaper = std::move(reaper_);
     }
     reaperWake_.notify_all();
-    if (reaper.joinable())
-        reaper.join();
+    if (reaper)
+        reaper->join();
+}
+
+void BufferTable::BeforeFork() {
+    mutex_.lock();
+}
+
+void BufferTable::AfterForkInParent() {
+    mutex_.unlock();
+}
+
+void BufferTable::AfterForkInChild() {
+    /* The parent's thread does not exist here: forget it without joining
+     * (its object is leaked, which is all a child can safely do), and let
+     * the next idle mapping start a reaper of the child's own. */
+    (void)reaper_.release();
+    reaperRunning_ = false;
+    /* Nor may its wait linger in the condition variable. */
+    new (&reaperWake_) std::condition_variable();
+    mutex_.unlock();
 }
 
 namespace {

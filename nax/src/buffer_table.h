@@ -98,6 +98,11 @@ class BufferTable {
     /* Stops and joins the thread that drops idle mappings; called when the
      * library is unloaded. Idle mappings then go at imports and releases. */
     void StopReaper();
+    /* fork() handlers: the child has no reaper thread and must not join
+     * the parent's. */
+    void BeforeFork();
+    void AfterForkInParent();
+    void AfterForkInChild();
 
   private:
     using Key = std::pair<dev_t, ino_t>;
@@ -118,7 +123,8 @@ class BufferTable {
     void ReaperLoop();
 
     std::condition_variable reaperWake_;
-    std::thread reaper_;
+    /* Held by pointer so that a fork child can forget the parent's. */
+    std::unique_ptr<std::thread> reaper_;
     bool reaperRunning_ = false;
     bool reaperStopped_ = false;
 

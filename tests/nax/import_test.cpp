@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -200,6 +201,36 @@ TEST(Import, IdleMappingsAgeOutWithoutFurtherCalls) {
     EXPECT_GE(pinned, std::chrono::milliseconds(1900));
     EXPECT_EQ(1, MappingsOf("nax_aging_held"));
     ASSERT_EQ(0, nax_release_handle(keep));
+}
+
+/*
+ * A child forked while the parent's thread for idle mappings runs uses the
+ * engine, has its own idle mappings dropped on time by a thread of its own,
+ * and exits normally without joining the parent's thread.
+ */
+TEST(Import, ForkedChildUsesTheEngineAndExits) {
+    Memfd mem("nax_fork", 4096, 7);
+    uint32_t h = nax_import_fd(mem.fd(), nullptr);
+    ASSERT_NE(0u, h);
+    ASSERT_EQ(0, nax_release_handle(h)); /* now idle: the thread runs */
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        alarm(10);
+        Memfd other("nax_fork_child", 4096, 9);
+        const uint32_t c = nax_import_fd(other.fd(), nullptr);
+        int rc = c != 0 && nax_release_handle(c) == 0 ? 0 : 1;
+        /* The child's own thread drops the idle mapping. */
+        for (int i = 0; i < 100 && MappingsOf("nax_fork_child") != 0; i++)
+            usleep(50 * 1000);
+        if (MappingsOf("nax_fork_child") != 0)
+            rc = 2;
+        exit(rc);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status)) << "child ended by signal " << WTERMSIG(status);
+    EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
 /* A file that grew is mapped again at its new size. */
