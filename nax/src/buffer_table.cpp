@@ -223,9 +223,9 @@ void BufferTable::AfterForkInParent() {
 
 void BufferTable::AfterForkInChild() {
     /* The parent's thread does not exist here: forget it without joining
-     * (its object is leaked, which is all a child can safely do), and let
-     * the next idle mapping start a reaper of the child's own. */
-    (void)reaper_.release();
+     * or destroying it (either would act on a thread that is not there),
+     * and let the next idle mapping start a reaper of the child's own. */
+    forkedReaper_ = reaper_.release();
     reaperRunning_ = false;
     /* Nor may its wait linger in the condition variable. */
     new (&reaperWake_) std::condition_variable();

@@ -125,6 +125,7 @@ class BufferTable {
     std::condition_variable reaperWake_;
     /* Held by pointer so that a fork child can forget the parent's. */
     std::unique_ptr<std::thread> reaper_;
+    std::thread* forkedReaper_ = nullptr; /* the parent's, kept, never used */
     bool reaperRunning_ = false;
     bool reaperStopped_ = false;
 
