@@ -107,9 +107,12 @@ typedef struct nax_import_param {
  * -1 when it is already done). Each returns 0 or a negative errno value.
  *
  * The software engine (libnax.so built from nax/ for machines without the
- * hardware block) finishes every job, asynchronous ones included, before it
- * returns and always stores -1 in *releaseFence: a CPU job has nothing to
- * overlap with, and callers that merge and wait on fences skip -1.
+ * hardware block) finishes every job, asynchronous ones included, on the
+ * calling thread before it returns and always stores -1 in *releaseFence:
+ * a CPU job has nothing to overlap with, and callers that merge and wait on
+ * fences skip -1. Every entry point may be called from any thread at once;
+ * a handle released while another thread's job uses it keeps its memory
+ * mapped until that job ends.
  *
  * The single steps of the software engine: copy, rotate and flip keep the
  * format and need the destination size the step produces; crop places the
