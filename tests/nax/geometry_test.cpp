@@ -435,14 +435,14 @@ TEST(Geometry, FanOutCallPatternPerClientCrops) {
 
     const nax_buffer_t source = src.buffer();
     int fence = 5;
-    ASSERT_EQ(0, nax_process(source, a.buffer(), kNoPattern, nax_rect{8, 6, 8, 6}, nax_rect{},
-                             nax_rect{}, -1, &fence, nullptr,
-                             NAX_USAGE_ASYNC | NAX_TRANSFORM_ROT_90));
+    ASSERT_EQ(
+        0, nax_process(source, a.buffer(), kNoPattern, nax_rect{8, 6, 8, 6}, nax_rect{}, nax_rect{},
+                       -1, &fence, nullptr, NAX_USAGE_ASYNC | NAX_TRANSFORM_ROT_90));
     EXPECT_EQ(-1, fence);
     fence = 5;
-    ASSERT_EQ(0, nax_process(source, b.buffer(), kNoPattern, nax_rect{0, 0, 8, 6}, nax_rect{},
-                             nax_rect{}, -1, &fence, nullptr,
-                             NAX_USAGE_ASYNC | NAX_TRANSFORM_FLIP_H));
+    ASSERT_EQ(
+        0, nax_process(source, b.buffer(), kNoPattern, nax_rect{0, 0, 8, 6}, nax_rect{}, nax_rect{},
+                       -1, &fence, nullptr, NAX_USAGE_ASYNC | NAX_TRANSFORM_FLIP_H));
     EXPECT_EQ(-1, fence);
 
     for (const Rgba& p : a.Read())
