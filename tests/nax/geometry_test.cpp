@@ -452,3 +452,43 @@ TEST(Geometry, FanOutCallPatternPerClientCrops) {
     EXPECT_EQ(0, TouchedPadding(a, 0xEE));
     EXPECT_EQ(0, TouchedPadding(b, 0xEE));
 }
+
+/* A 4:2:0 frame shrunk into RGB clients (scaled and turned in I420, then
+ * converted at the small size) keeps its colours where they belong. */
+TEST(Geometry, ShrinkFrom420IntoRgb) {
+    const int w = 16, h = 12;
+    const Rgba tl{200, 60, 30, 255}, tr{20, 160, 60, 255}, bl{40, 40, 200, 255},
+        br{230, 200, 40, 255};
+    std::vector<Rgba> quadrants(static_cast<size_t>(w) * h);
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++)
+            quadrants[y * w + x] = y < h / 2 ? (x < w / 2 ? tl : tr) : (x < w / 2 ? bl : br);
+    const int sources[] = {NAX_FORMAT_YCbCr_420_SP, NAX_FORMAT_YCrCb_420_P};
+    const int targets[] = {NAX_FORMAT_RGBA_8888, NAX_FORMAT_BGR_888, NAX_FORMAT_RGB_565};
+    for (int sf : sources) {
+        TestBuffer src(Geometry{w, h, w + 2, h, sf});
+        src.Write(quadrants);
+        for (int df : targets) {
+            SCOPED_TRACE(FormatName(sf) + " -> " + FormatName(df));
+            const int tol = df == NAX_FORMAT_RGB_565 ? 18 : 10;
+            /* Turned by 180: the corners swap diagonally. */
+            TestBuffer half(Geometry{8, 6, 9, 6, df}, TestBuffer::Backing::Heap);
+            ASSERT_EQ(0, Process(src, half, nax_rect{}, nax_rect{},
+                                 NAX_USAGE_ASYNC | NAX_TRANSFORM_ROT_180));
+            std::vector<Rgba> out = half.Read();
+            EXPECT_LE(MaxDiff(br, out[0]), tol);
+            EXPECT_LE(MaxDiff(bl, out[7]), tol);
+            EXPECT_LE(MaxDiff(tr, out[5 * 8]), tol);
+            EXPECT_LE(MaxDiff(tl, out[5 * 8 + 7]), tol);
+            /* Turned by 90 clockwise: the bottom left comes to the top left. */
+            TestBuffer turned(Geometry{6, 8, 6, 8, df}, TestBuffer::Backing::Heap);
+            ASSERT_EQ(0, Process(src, turned, nax_rect{}, nax_rect{},
+                                 NAX_USAGE_ASYNC | NAX_TRANSFORM_ROT_90));
+            out = turned.Read();
+            EXPECT_LE(MaxDiff(bl, out[0]), tol);
+            EXPECT_LE(MaxDiff(tl, out[5]), tol);
+            EXPECT_LE(MaxDiff(br, out[7 * 6]), tol);
+            EXPECT_LE(MaxDiff(tr, out[7 * 6 + 5]), tol);
+        }
+    }
+}
