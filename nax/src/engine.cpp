@@ -7,9 +7,11 @@
  * destination 4:2:0 or grey (luma is carried exactly, chroma is not sent
  * through RGB and back, and a third of the bytes move), or when a 4:2:0 or
  * grey source shrinks into any other format (converted to ARGB at the
- * small size, at the end); ARGB throughout otherwise. A destination rectangle that does not
- * lie on its format's chroma grid is read back first, so the pixels beside it that share its chroma
- * samples keep their luma.
+ * small size, at the end); ARGB throughout otherwise.
+ *
+ * A destination rectangle that does not lie on its format's chroma grid is
+ * read back first, so the pixels beside it that share its chroma samples
+ * keep their luma.
  */
 #include "engine.h"
 
