@@ -231,8 +231,10 @@ void BM_Operator(benchmark::State& state, const Case& c) {
     ImageBuffer pat{0, 0, 0, -1, 0, 0, 0, 0, 0};
     auto run = [&] {
         int fence = -1;
-        op.process(src, dst, pat, ImageRect{0, 0, 0, 0}, ImageRect{0, 0, 0, 0},
-                   ImageRect{0, 0, 0, 0}, 1, &fence, c.transform);
+        /* As the frame fan-out calls it: the client's source crop (here the
+         * whole frame), no destination rectangle, asynchronous. */
+        op.process(src, dst, pat, ImageRect{0, 0, c.srcW, c.srcH}, ImageRect{0, 0, 0, 0},
+                   ImageRect{0, 0, 0, 0}, 0, &fence, c.transform);
         return fence;
     };
     memset(p.dst->data(), 0, c.dstSize);
@@ -287,8 +289,10 @@ void BM_Paired(benchmark::State& state, const Case& c) {
     };
     auto runOperator = [&] {
         int fence = -1;
-        op.process(src, dst, pat, ImageRect{0, 0, 0, 0}, ImageRect{0, 0, 0, 0},
-                   ImageRect{0, 0, 0, 0}, 1, &fence, c.transform);
+        /* As the frame fan-out calls it: the client's source crop (here the
+         * whole frame), no destination rectangle, asynchronous. */
+        op.process(src, dst, pat, ImageRect{0, 0, c.srcW, c.srcH}, ImageRect{0, 0, 0, 0},
+                   ImageRect{0, 0, 0, 0}, 0, &fence, c.transform);
     };
     std::vector<double> times[3];
     uint64_t turn = 0;

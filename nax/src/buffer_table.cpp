@@ -4,10 +4,14 @@
 #include "buffer_table.h"
 
 #include <errno.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <exception>
+#include <new>
 
 #include "log.h"
 
@@ -23,7 +27,12 @@ Mapping::~Mapping() {
 
 BufferTable& BufferTable::Instance() {
     /* Never destroyed: jobs may still run in other threads at exit. */
-    static BufferTable* table = new BufferTable();
+    static BufferTable* table = [] {
+        auto* t = new BufferTable();
+        pthread_atfork([] { Instance().BeforeFork(); }, [] { Instance().AfterForkInParent(); },
+                       [] { Instance().AfterForkInChild(); });
+        return t;
+    }();
     return *table;
 }
 
@@ -106,10 +115,8 @@ uint32_t BufferTable::ImportFd(int fd) {
         handle = AddHandle(std::move(ref));
         if (handle != 0)
             entry.handles++;
-        else if (entry.handles == 0) {
-            entry.idleSince = Clock::now();
-            idle_.push_back(key);
-        }
+        else if (entry.handles == 0)
+            MakeIdle(key, &entry);
         DropIdle(Clock::now(), &dropped);
     }
     return handle;
@@ -152,15 +159,88 @@ int BufferTable::Release(uint32_t handle) {
         auto entry = mappings_.find(key);
         /* A handle of a replaced mapping does not count for the new one. */
         if (entry != mappings_.end() && entry->second.mapping == mapping &&
-            --entry->second.handles == 0) {
-            entry->second.idleSince = now;
-            idle_.push_back(key);
-        }
+            --entry->second.handles == 0)
+            MakeIdle(key, &entry->second);
         dropped.push_back(std::move(mapping));
     }
     DropIdle(now, &dropped);
     return 0;
 }
+
+void BufferTable::MakeIdle(const Key& key, CacheEntry* entry) {
+    entry->idleSince = Clock::now();
+    idle_.push_back(key);
+    if (reaperRunning_ || reaperStopped_)
+        return;
+    /* A reaper that ended no longer takes the mutex: joining it here is
+     * quick. */
+    if (reaper_)
+        reaper_->join();
+    reaper_.reset();
+    try {
+        reaper_ = std::make_unique<std::thread>(&BufferTable::ReaperLoop, this);
+        reaperRunning_ = true;
+    } catch (const std::exception& e) {
+        NAX_LOGW("no thread to drop idle mappings (%s): they go at later imports", e.what());
+    }
+}
+
+void BufferTable::ReaperLoop() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!reaperStopped_ && !idle_.empty()) {
+        /* The front of idle_ turned idle first. */
+        auto entry = mappings_.find(idle_.front());
+        if (entry != mappings_.end())
+            reaperWake_.wait_until(lock, entry->second.idleSince + kIdleLifetime);
+        std::list<std::shared_ptr<Mapping>> dropped;
+        DropIdle(Clock::now(), &dropped);
+        lock.unlock();
+        dropped.clear(); /* unmapped without the lock */
+        lock.lock();
+    }
+    reaperRunning_ = false;
+}
+
+void BufferTable::StopReaper() {
+    std::unique_ptr<std::thread> reaper;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        reaperStopped_ = true;
+        reaper = std::move(reaper_);
+    }
+    reaperWake_.notify_all();
+    if (reaper)
+        reaper->join();
+}
+
+void BufferTable::BeforeFork() {
+    mutex_.lock();
+}
+
+void BufferTable::AfterForkInParent() {
+    mutex_.unlock();
+}
+
+void BufferTable::AfterForkInChild() {
+    /* The parent's thread does not exist here: forget it without joining
+     * or destroying it (either would act on a thread that is not there),
+     * and let the next idle mapping start a reaper of the child's own. */
+    forkedReaper_ = reaper_.release();
+    reaperRunning_ = false;
+    /* Nor may its wait linger in the condition variable. */
+    new (&reaperWake_) std::condition_variable();
+    mutex_.unlock();
+}
+
+namespace {
+
+/* The reaper runs this library's code: it must end before the library is
+ * unmapped. */
+struct ReaperStop {
+    ~ReaperStop() { BufferTable::Instance().StopReaper(); }
+} reaperStop;
+
+}  // namespace
 
 void BufferTable::DropIdle(Clock::time_point now, std::list<std::shared_ptr<Mapping>>* out) {
     while (!idle_.empty()) {

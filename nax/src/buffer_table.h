@@ -11,14 +11,24 @@
  *
  * Policy: a mapping with handles stays. When its last handle goes it turns
  * idle, because the next frame will most likely import the same memory
- * again. Whether anybody else still holds the memory cannot be read from
- * the file (memfds have no links, dma-bufs always one, and the mapping
- * itself holds a reference), so idle mappings age out instead: they are
- * dropped once idle for kIdleLifetime (far longer than a frame period),
- * and beyond kMaxIdle of them the least recently used go first. Both are
- * checked at every import and release; an idle mapping thus pins memory a
- * client has freed until the first engine call after kIdleLifetime. A file
- * whose size changed is mapped afresh at its next import.
+ * again (the camera imports and releases every buffer at every frame).
+ * Whether anybody else still holds the memory cannot be read from the file
+ * (memfds have no links, dma-bufs always one, and the mapping itself holds
+ * a reference), so "the file is gone" is approximated by age: an idle
+ * mapping is dropped once idle for kIdleLifetime, and beyond kMaxIdle idle
+ * mappings the least recently used go first.
+ *
+ * kIdleLifetime (2 s) is longer than one turn of any buffer ring a camera
+ * cycles through (16 buffers at 8 frames a second), so streaming never
+ * maps a buffer twice; it is also the longest a buffer freed by its client
+ * stays pinned by this engine. A background thread, started when the first
+ * mapping turns idle and ending when none is left, drops them on time even
+ * when no other engine call follows (a stream that stopped). kMaxIdle
+ * (128) holds the buffers of several cameras with their clients' buffer
+ * sets: the frame fan-out visits them in a cycle, for which a cache smaller
+ * than the cycle misses every time.
+ *
+ * A file whose size changed is mapped afresh at its next import.
  *
  * No descriptor is kept, so no DMA_BUF_IOCTL_SYNC brackets the CPU access:
  * this engine is meant for cache-coherent Linux machines without the
@@ -31,10 +41,12 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 namespace nax {
@@ -71,8 +83,8 @@ struct BufferRef {
 
 class BufferTable {
   public:
-    static constexpr size_t kMaxIdle = 32;
-    static constexpr std::chrono::milliseconds kIdleLifetime{1000};
+    static constexpr size_t kMaxIdle = 128;
+    static constexpr std::chrono::milliseconds kIdleLifetime{2000};
 
     static BufferTable& Instance();
 
@@ -83,6 +95,14 @@ class BufferTable {
     int Release(uint32_t handle);
     /* The buffer behind a handle; false when there is none. */
     bool Lookup(uint32_t handle, BufferRef* ref);
+    /* Stops and joins the thread that drops idle mappings; called when the
+     * library is unloaded. Idle mappings then go at imports and releases. */
+    void StopReaper();
+    /* fork() handlers: the child has no reaper thread and must not join
+     * the parent's. */
+    void BeforeFork();
+    void AfterForkInParent();
+    void AfterForkInChild();
 
   private:
     using Key = std::pair<dev_t, ino_t>;
@@ -98,6 +118,16 @@ class BufferTable {
     std::shared_ptr<Mapping> MapFile(int fd, Key key, uint64_t size);
     /* Moves the mappings to drop into `out`, to be unmapped unlocked. */
     void DropIdle(Clock::time_point now, std::list<std::shared_ptr<Mapping>>* out);
+    /* Marks a mapping idle now; mutex_ held. */
+    void MakeIdle(const Key& key, CacheEntry* entry);
+    void ReaperLoop();
+
+    std::condition_variable reaperWake_;
+    /* Held by pointer so that a fork child can forget the parent's. */
+    std::unique_ptr<std::thread> reaper_;
+    std::thread* forkedReaper_ = nullptr; /* the parent's, kept, never used */
+    bool reaperRunning_ = false;
+    bool reaperStopped_ = false;
 
     std::mutex mutex_;
     uint32_t nextHandle_ = 1;

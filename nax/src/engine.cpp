@@ -3,10 +3,15 @@
  *
  * The common cases of a camera pipeline take one direct libyuv call
  * straight between the buffers. Everything else passes through a working
- * image: I420 when both formats are 4:2:0 or grey (luma is carried exactly,
- * chroma is not sent through RGB and back), ARGB otherwise. A destination rectangle that does not
- * lie on its format's chroma grid is read back first, so the pixels beside it that share its chroma
- * samples keep their luma.
+ * image: I420 when the source is 4:2:0, grey, YUYV or UYVY and the
+ * destination 4:2:0 or grey (luma is carried exactly, chroma is not sent
+ * through RGB and back, and a third of the bytes move), or when a 4:2:0 or
+ * grey source shrinks into any other format (converted to ARGB at the
+ * small size, at the end); ARGB throughout otherwise.
+ *
+ * A destination rectangle that does not lie on its format's chroma grid is
+ * read back first, so the pixels beside it that share its chroma samples
+ * keep their luma.
  */
 #include "engine.h"
 
@@ -58,6 +63,14 @@ bool IsArgbLike(const FormatInfo* f) {
  * chroma edges, so 4:2:2 passes through ARGB instead. */
 bool Is420(const FormatInfo* f) {
     return f->kind == Kind::Semi420 || f->kind == Kind::Planar420 || f->kind == Kind::Grey;
+}
+
+/* Sources an I420 working image reads without loss for a 4:2:0
+ * destination: libyuv averages the chroma rows of YUYV and UYVY in pairs.
+ * (The other 4:2:2 formats would need its scaler, which blends rows across
+ * an odd last row.) */
+bool ReadsAs420(const FormatInfo* f) {
+    return Is420(f) || f->code == NAX_FORMAT_YUYV_422 || f->code == NAX_FORMAT_UYVY_422;
 }
 
 /* Same format, same size: a copy of each plane. */
@@ -254,6 +267,14 @@ std::unique_ptr<WorkImage> Mirror(const View& in, bool horizontal, bool vertical
     return out;
 }
 
+std::unique_ptr<WorkImage> ToArgb(const View& in) {
+    auto out = std::make_unique<WorkImage>(Mid::Argb, in.w, in.h);
+    const View& o = out->view();
+    libyuv::I420ToARGB(in.p[0], in.stride[0], in.p[1], in.stride[1], in.p[2], in.stride[2], o.p[0],
+                       o.stride[0], in.w, in.h);
+    return out;
+}
+
 /* Copies in over the same-sized part of out starting at (dx, dy). */
 void Paste(const View& in, const View& out, int dx, int dy) {
     const View d = SubView(out, dx, dy, in.w, in.h);
@@ -267,7 +288,14 @@ void Paste(const View& in, const View& out, int dx, int dy) {
 
 int RunGeneric(const Surface& src, const Rect& sr, const Surface& dst, const Rect& dr,
                int transform, Filter filter) {
-    const Mid mid = Is420(src.fmt) && Is420(dst.fmt) ? Mid::I420 : Mid::Argb;
+    /* Crop, scale and turn in I420 where the source reads as it and the
+     * destination is 4:2:0, or is RGB and smaller than the crop: a frame
+     * scaled down for an RGB client is converted at its small size. (Scaled
+     * up, converting first and scaling ARGB is the cheaper order.) */
+    const bool shrinks = static_cast<int64_t>(dr.w) * dr.h < static_cast<int64_t>(sr.w) * sr.h;
+    const bool i420 = ReadsAs420(src.fmt) && (Is420(dst.fmt) || (Is420(src.fmt) && shrinks));
+    const Mid mid = i420 ? Mid::I420 : Mid::Argb;
+    const Mid out = mid == Mid::I420 && Is420(dst.fmt) ? Mid::I420 : Mid::Argb;
     const libyuv::RotationMode rot = Rotation(transform);
     const bool swap = rot == libyuv::kRotate90 || rot == libyuv::kRotate270;
     const int tw = swap ? dr.h : dr.w;
@@ -295,11 +323,16 @@ int RunGeneric(const Surface& src, const Rect& sr, const Surface& dst, const Rec
         mirrored = Mirror(v, transform & NAX_TRANSFORM_FLIP_H, transform & NAX_TRANSFORM_FLIP_V);
         v = mirrored->view();
     }
+    std::unique_ptr<WorkImage> converted;
+    if (out != mid) {
+        converted = ToArgb(v);
+        v = converted->view();
+    }
 
     const Rect da = AlignToChroma(dst.fmt, dr, dst.width, dst.height);
     if (da == dr)
         return Encode(v, dst, dr);
-    WorkImage merged(mid, da.w, da.h);
+    WorkImage merged(out, da.w, da.h);
     rc = Decode(dst, da, merged.view());
     if (rc != 0)
         return rc;

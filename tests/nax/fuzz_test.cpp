@@ -118,6 +118,13 @@ TEST(Fuzz, RandomGeometriesStayInsideTheirBuffers) {
             EXPECT_NE(0, rc) << "op " << op;
         }
         served += rc == 0;
+        /* Row and plane padding is the client's; a refused job writes
+         * nothing at all. */
+        EXPECT_EQ(0, TouchedPadding(dst, 0)) << "op " << op;
+        if (rc != 0) {
+            for (size_t b = 0; b < dstBytes; b++)
+                ASSERT_EQ(0, dst.data()[b]) << "refused op " << op << " wrote byte " << b;
+        }
         for (size_t b = 0; b < guard; b++) {
             ASSERT_EQ(0xA5, src.data()[srcBytes + b]);
             ASSERT_EQ(0x5A, dst.data()[dstBytes + b]) << FormatName(df);

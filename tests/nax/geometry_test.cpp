@@ -406,3 +406,89 @@ TEST(Geometry, OddCropOfEveryFormat) {
 }
 
 }  // namespace
+
+/*
+ * The frame fan-out's call: one captured frame, the same source
+ * description for every client, each client's own source crop (here
+ * quadrants reaching the right and bottom edges), no destination
+ * rectangle, an asynchronous job and the client's transform bits. Each
+ * client gets its own region, converted, scaled and turned, and no byte of
+ * its padding changes.
+ */
+TEST(Geometry, FanOutCallPatternPerClientCrops) {
+    const int w = 16, h = 12;
+    const Rgba tl{200, 60, 30, 255}, tr{20, 160, 60, 255}, bl{40, 40, 200, 255},
+        br{230, 200, 40, 255};
+    std::vector<Rgba> quadrants(static_cast<size_t>(w) * h);
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++)
+            quadrants[y * w + x] = y < h / 2 ? (x < w / 2 ? tl : tr) : (x < w / 2 ? bl : br);
+    TestBuffer src(Geometry{w, h, w, h, NAX_FORMAT_UYVY_422});
+    src.Write(quadrants);
+
+    /* Client A: the bottom right quadrant, rotated and scaled up to NV12. */
+    TestBuffer a(Geometry{12, 16, 16, 18, NAX_FORMAT_YCbCr_420_SP}, TestBuffer::Backing::Heap);
+    memset(a.data(), 0xEE, a.size());
+    /* Client B: the top left quadrant, mirrored and scaled down to RGBA. */
+    TestBuffer b(Geometry{4, 3, 6, 4, NAX_FORMAT_RGBA_8888}, TestBuffer::Backing::Heap);
+    memset(b.data(), 0xEE, b.size());
+
+    const nax_buffer_t source = src.buffer();
+    int fence = 5;
+    ASSERT_EQ(
+        0, nax_process(source, a.buffer(), kNoPattern, nax_rect{8, 6, 8, 6}, nax_rect{}, nax_rect{},
+                       -1, &fence, nullptr, NAX_USAGE_ASYNC | NAX_TRANSFORM_ROT_90));
+    EXPECT_EQ(-1, fence);
+    fence = 5;
+    ASSERT_EQ(
+        0, nax_process(source, b.buffer(), kNoPattern, nax_rect{0, 0, 8, 6}, nax_rect{}, nax_rect{},
+                       -1, &fence, nullptr, NAX_USAGE_ASYNC | NAX_TRANSFORM_FLIP_H));
+    EXPECT_EQ(-1, fence);
+
+    for (const Rgba& p : a.Read())
+        ASSERT_LE(MaxDiff(br, p), 10);
+    for (const Rgba& p : b.Read())
+        ASSERT_LE(MaxDiff(tl, p), 10);
+    EXPECT_EQ(0, TouchedPadding(a, 0xEE));
+    EXPECT_EQ(0, TouchedPadding(b, 0xEE));
+}
+
+/* A 4:2:0 frame shrunk into RGB clients (scaled and turned in I420, then
+ * converted at the small size) keeps its colours where they belong. */
+TEST(Geometry, ShrinkFrom420IntoRgb) {
+    const int w = 16, h = 12;
+    const Rgba tl{200, 60, 30, 255}, tr{20, 160, 60, 255}, bl{40, 40, 200, 255},
+        br{230, 200, 40, 255};
+    std::vector<Rgba> quadrants(static_cast<size_t>(w) * h);
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++)
+            quadrants[y * w + x] = y < h / 2 ? (x < w / 2 ? tl : tr) : (x < w / 2 ? bl : br);
+    const int sources[] = {NAX_FORMAT_YCbCr_420_SP, NAX_FORMAT_YCrCb_420_P};
+    const int targets[] = {NAX_FORMAT_RGBA_8888, NAX_FORMAT_BGR_888, NAX_FORMAT_RGB_565};
+    for (int sf : sources) {
+        TestBuffer src(Geometry{w, h, w + 2, h, sf});
+        src.Write(quadrants);
+        for (int df : targets) {
+            SCOPED_TRACE(FormatName(sf) + " -> " + FormatName(df));
+            const int tol = df == NAX_FORMAT_RGB_565 ? 18 : 10;
+            /* Turned by 180: the corners swap diagonally. */
+            TestBuffer half(Geometry{8, 6, 9, 6, df}, TestBuffer::Backing::Heap);
+            ASSERT_EQ(0, Process(src, half, nax_rect{}, nax_rect{},
+                                 NAX_USAGE_ASYNC | NAX_TRANSFORM_ROT_180));
+            std::vector<Rgba> out = half.Read();
+            EXPECT_LE(MaxDiff(br, out[0]), tol);
+            EXPECT_LE(MaxDiff(bl, out[7]), tol);
+            EXPECT_LE(MaxDiff(tr, out[5 * 8]), tol);
+            EXPECT_LE(MaxDiff(tl, out[5 * 8 + 7]), tol);
+            /* Turned by 90 clockwise: the bottom left comes to the top left. */
+            TestBuffer turned(Geometry{6, 8, 6, 8, df}, TestBuffer::Backing::Heap);
+            ASSERT_EQ(0, Process(src, turned, nax_rect{}, nax_rect{},
+                                 NAX_USAGE_ASYNC | NAX_TRANSFORM_ROT_90));
+            out = turned.Read();
+            EXPECT_LE(MaxDiff(bl, out[0]), tol);
+            EXPECT_LE(MaxDiff(tl, out[5]), tol);
+            EXPECT_LE(MaxDiff(br, out[7 * 6]), tol);
+            EXPECT_LE(MaxDiff(tr, out[7 * 6 + 5]), tol);
+        }
+    }
+}

@@ -384,6 +384,28 @@ int MaxDiff(const Rgba& a, const Rgba& b) {
     return std::max({std::abs(a.r - b.r), std::abs(a.g - b.g), std::abs(a.b - b.b)});
 }
 
+/* Counts the bytes of a buffer outside its image (row and plane padding)
+ * that differ from `fill`. */
+int TouchedPadding(const TestBuffer& buf, uint8_t fill) {
+    const Geometry& g = buf.geometry();
+    const std::vector<PlaneGeom> planes = Planes(g);
+    /* The same image without padding gives each plane's bytes of a row
+     * and rows of the image. */
+    const std::vector<PlaneGeom> image =
+        Planes(Geometry{g.width, g.height, g.width, g.height, g.format});
+    const uint8_t* base = buf.data();
+    int touched = 0;
+    for (size_t i = 0; i < planes.size(); i++) {
+        const PlaneGeom& p = planes[i];
+        for (size_t r = 0; r < p.rows; r++)
+            for (size_t b = 0; b < p.pitch; b++)
+                if ((r >= image[i].rows || b >= image[i].pitch) &&
+                    base[p.offset + r * p.pitch + b] != fill)
+                    touched++;
+    }
+    return touched;
+}
+
 int MappingsOf(const std::string& memfdName) {
     std::ifstream maps("/proc/self/maps");
     std::string line;

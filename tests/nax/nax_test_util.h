@@ -68,6 +68,7 @@ class TestBuffer {
     TestBuffer& operator=(const TestBuffer&) = delete;
 
     uint8_t* data() { return data_; }
+    const uint8_t* data() const { return data_; }
     size_t size() const { return size_; }
     int fd() const { return fd_; }
     uint32_t handle() const { return handle_; }
@@ -97,6 +98,10 @@ std::vector<Rgba> Checker(int w, int h, int cell);
 
 /* Largest per-channel difference between two colours (alpha ignored). */
 int MaxDiff(const Rgba& a, const Rgba& b);
+
+/* Counts the bytes of a buffer outside its image (row and plane padding)
+ * that differ from `fill`. */
+int TouchedPadding(const TestBuffer& buf, uint8_t fill);
 
 /* The number of lines of /proc/self/maps that map a memfd of this name. */
 int MappingsOf(const std::string& memfdName);

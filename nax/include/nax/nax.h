@@ -13,32 +13,36 @@
 /*
  * Engine format codes: a format index shifted left by 8. Each name spells
  * the byte order in memory (RGBA_8888 is bytes R,G,B,A), so every code
- * names one memory layout.
+ * names one memory layout. V4L2's names of four 32-bit layouts read the
+ * other way ("AR24", V4L2 ABGR32, is bytes B,G,R,A, which is BGRA_8888
+ * here): describe a buffer by the code of its memory layout, not of its
+ * name. YUV is BT.601 limited range; the grey formats carry its luma, so
+ * grey to and from YUV copies luma unchanged.
  */
 enum nax_format {
-    NAX_FORMAT_RGBA_8888 = 0x0 << 8,   /* bytes R,G,B,A */
-    NAX_FORMAT_RGBX_8888 = 0x1 << 8,   /* bytes R,G,B,X */
-    NAX_FORMAT_RGB_888 = 0x2 << 8,     /* bytes R,G,B */
-    NAX_FORMAT_BGRA_8888 = 0x3 << 8,   /* bytes B,G,R,A */
-    NAX_FORMAT_RGB_565 = 0x4 << 8,     /* 16-bit, R in the high 5 bits */
-    NAX_FORMAT_BGR_888 = 0x7 << 8,     /* bytes B,G,R */
-    NAX_FORMAT_YCbCr_422_SP = 0x8 << 8,  /* NV16: Y plane, interleaved Cb,Cr at full height */
-    NAX_FORMAT_YCbCr_420_SP = 0xA << 8,  /* NV12: Y plane, interleaved Cb,Cr at half height */
-    NAX_FORMAT_YCbCr_420_P = 0xB << 8,   /* I420: Y, Cb, Cr planes */
-    NAX_FORMAT_YCrCb_422_SP = 0xC << 8,  /* NV61 */
-    NAX_FORMAT_YCrCb_420_SP = 0xE << 8,  /* NV21 */
-    NAX_FORMAT_YCrCb_420_P = 0xF << 8,   /* YV12: Y, Cr, Cb planes */
-    NAX_FORMAT_Y4 = 0x14 << 8,           /* 4-bit grey, one pixel a byte in the high nibble */
-    NAX_FORMAT_Y8 = 0x15 << 8,           /* 8-bit grey */
-    NAX_FORMAT_BGRX_8888 = 0x16 << 8,    /* bytes B,G,R,X */
-    NAX_FORMAT_YVYU_422 = 0x18 << 8,     /* packed Y0 Cr Y1 Cb */
-    NAX_FORMAT_VYUY_422 = 0x1A << 8,     /* packed Cr Y0 Cb Y1 */
-    NAX_FORMAT_YUYV_422 = 0x1C << 8,     /* packed Y0 Cb Y1 Cr */
-    NAX_FORMAT_UYVY_422 = 0x1E << 8,     /* packed Cb Y0 Cr Y1 */
-    NAX_FORMAT_ARGB_8888 = 0x28 << 8,    /* bytes A,R,G,B */
-    NAX_FORMAT_XRGB_8888 = 0x29 << 8,    /* bytes X,R,G,B */
-    NAX_FORMAT_ABGR_8888 = 0x2C << 8,    /* bytes A,B,G,R */
-    NAX_FORMAT_XBGR_8888 = 0x2D << 8,    /* bytes X,B,G,R */
+    NAX_FORMAT_RGBA_8888 = 0x0 << 8,    /* bytes R,G,B,A */
+    NAX_FORMAT_RGBX_8888 = 0x1 << 8,    /* bytes R,G,B,X */
+    NAX_FORMAT_RGB_888 = 0x2 << 8,      /* bytes R,G,B */
+    NAX_FORMAT_BGRA_8888 = 0x3 << 8,    /* bytes B,G,R,A */
+    NAX_FORMAT_RGB_565 = 0x4 << 8,      /* 16-bit, R in the high 5 bits */
+    NAX_FORMAT_BGR_888 = 0x7 << 8,      /* bytes B,G,R */
+    NAX_FORMAT_YCbCr_422_SP = 0x8 << 8, /* NV16: Y plane, interleaved Cb,Cr at full height */
+    NAX_FORMAT_YCbCr_420_SP = 0xA << 8, /* NV12: Y plane, interleaved Cb,Cr at half height */
+    NAX_FORMAT_YCbCr_420_P = 0xB << 8,  /* I420: Y, Cb, Cr planes */
+    NAX_FORMAT_YCrCb_422_SP = 0xC << 8, /* NV61 */
+    NAX_FORMAT_YCrCb_420_SP = 0xE << 8, /* NV21 */
+    NAX_FORMAT_YCrCb_420_P = 0xF << 8,  /* YV12: Y, Cr, Cb planes */
+    NAX_FORMAT_Y4 = 0x14 << 8,          /* 4-bit grey, one pixel a byte in the high nibble */
+    NAX_FORMAT_Y8 = 0x15 << 8,          /* 8-bit grey */
+    NAX_FORMAT_BGRX_8888 = 0x16 << 8,   /* bytes B,G,R,X */
+    NAX_FORMAT_YVYU_422 = 0x18 << 8,    /* packed Y0 Cr Y1 Cb */
+    NAX_FORMAT_VYUY_422 = 0x1A << 8,    /* packed Cr Y0 Cb Y1 */
+    NAX_FORMAT_YUYV_422 = 0x1C << 8,    /* packed Y0 Cb Y1 Cr */
+    NAX_FORMAT_UYVY_422 = 0x1E << 8,    /* packed Cb Y0 Cr Y1 */
+    NAX_FORMAT_ARGB_8888 = 0x28 << 8,   /* bytes A,R,G,B */
+    NAX_FORMAT_XRGB_8888 = 0x29 << 8,   /* bytes X,R,G,B */
+    NAX_FORMAT_ABGR_8888 = 0x2C << 8,   /* bytes A,B,G,R */
+    NAX_FORMAT_XBGR_8888 = 0x2D << 8,   /* bytes X,B,G,R */
 };
 
 /* Mode bits of the `usage` argument of nax_process(). */
@@ -53,7 +57,7 @@ enum nax_format {
 #define NAX_TRANSFORM_ROT_90 0x1
 #define NAX_TRANSFORM_ROT_180 0x2
 #define NAX_TRANSFORM_ROT_270 0x4
-#define NAX_TRANSFORM_FLIP_H 0x8 /* mirror left to right */
+#define NAX_TRANSFORM_FLIP_H 0x8  /* mirror left to right */
 #define NAX_TRANSFORM_FLIP_V 0x10 /* mirror top to bottom */
 #define NAX_TRANSFORM_MASK 0x1F
 
@@ -74,12 +78,12 @@ typedef struct nax_rect {
 
 /* An image as the engine sees it: an imported handle with its geometry. */
 typedef struct nax_buffer {
-    uint32_t handle;   /* from nax_import_*; 0 is no image */
-    int32_t width;     /* pixels */
-    int32_t height;    /* rows */
-    int32_t wstride;   /* row pitch in pixels */
-    int32_t hstride;   /* rows between planes */
-    int32_t format;    /* enum nax_format */
+    uint32_t handle; /* from nax_import_*; 0 is no image */
+    int32_t width;   /* pixels */
+    int32_t height;  /* rows */
+    int32_t wstride; /* row pitch in pixels */
+    int32_t hstride; /* rows between planes */
+    int32_t format;  /* enum nax_format */
     uint64_t reserved[2];
 } nax_buffer_t;
 
@@ -103,9 +107,12 @@ typedef struct nax_import_param {
  * -1 when it is already done). Each returns 0 or a negative errno value.
  *
  * The software engine (libnax.so built from nax/ for machines without the
- * hardware block) finishes every job, asynchronous ones included, before it
- * returns and always stores -1 in *releaseFence: a CPU job has nothing to
- * overlap with, and callers that merge and wait on fences skip -1.
+ * hardware block) finishes every job, asynchronous ones included, on the
+ * calling thread before it returns and always stores -1 in *releaseFence:
+ * a CPU job has nothing to overlap with, and callers that merge and wait on
+ * fences skip -1. Every entry point may be called from any thread at once;
+ * a handle released while another thread's job uses it keeps its memory
+ * mapped until that job ends.
  *
  * The single steps of the software engine: copy, rotate and flip keep the
  * format and need the destination size the step produces; crop places the
@@ -141,15 +148,19 @@ int nax_copy(nax_buffer_t src, nax_buffer_t dst, int sync, int* releaseFence);
  * it answer -EOPNOTSUPP.
  */
 int nax_process(nax_buffer_t src, nax_buffer_t dst, nax_buffer_t pat, nax_rect srect,
-                nax_rect drect, nax_rect prect, int acquireFence, int* releaseFence,
-                nax_opt* opt, int usage);
+                nax_rect drect, nax_rect prect, int acquireFence, int* releaseFence, nax_opt* opt,
+                int usage);
 
 extern "C" {
 
 /*
  * Buffer descriptions and imports; a returned handle of 0 is a failure.
  * An fd import maps the memory once and refers to the file, not to the
- * descriptor, which the caller keeps and may close. A CPU-address import
+ * descriptor, which the caller keeps and may close. The software engine
+ * shares one mapping among all handles of a file (by device and inode)
+ * and keeps it for 2 s after the last handle is released, so that the
+ * next frame's import of the same buffer is cheap; memory its owner frees
+ * therefore stays allocated for up to that long. A CPU-address import
  * carries no size: the engine trusts the geometry it is wrapped with.
  * Physical addresses cannot be reached by the software engine (handle 0).
  * nax_wrap_fd/paddr/vaddr import and wrap in one call; their handle is
