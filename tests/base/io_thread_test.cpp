@@ -623,17 +623,20 @@ TEST(IoThread, AFailedWakeupReadIsLoggedAndStillStops) {
             release.wait();
         },
         EPOLLIN);
-    io.Start();
-    const int wakeup = io.wakeupFd();
-    // Runs just before the wake-up handler in the same batch and takes its count.
+    // Runs just before the wake-up handler in the same batch and takes its
+    // count. Added before the loop starts: the handler map has no lock.
+    std::atomic<int> wakeupFd{-1};
     io.AddHandler(
         thief.reader(),
         [&](int, unsigned) {
             thief.drain();
             uint64_t value;
-            EXPECT_EQ(read(wakeup, &value, sizeof(value)), static_cast<ssize_t>(sizeof(value)));
+            EXPECT_EQ(read(wakeupFd, &value, sizeof(value)), static_cast<ssize_t>(sizeof(value)));
         },
         EPOLLIN);
+    io.Start();
+    const int wakeup = io.wakeupFd();
+    wakeupFd = wakeup;
     blocker.signal();
     inBlocker.wait();
 
