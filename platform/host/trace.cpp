@@ -6,18 +6,19 @@
 #include <cutils/trace.h>
 #include <marlo_host/hooks.h>
 
-#include <mutex>
+#include "hook_slot.h"
 
 namespace {
 
-std::mutex g_trace_mutex;
-marlo_host_trace_hook g_trace_hook = nullptr;
-void* g_trace_ctx = nullptr;
+using TraceHookSlot = marlo_host::HookSlot<marlo_host_trace_hook>;
+
+TraceHookSlot& Hook() {
+    static TraceHookSlot* slot = new TraceHookSlot();  // outlives static destructors
+    return *slot;
+}
 
 void Emit(const char* name) {
-    std::lock_guard<std::mutex> lock(g_trace_mutex);
-    if (g_trace_hook != nullptr)
-        g_trace_hook(name, g_trace_ctx);
+    Hook().Call(name);
 }
 
 }  // namespace
@@ -37,9 +38,7 @@ void atrace_end_body(void) {
 }
 
 void marlo_host_set_trace_hook(marlo_host_trace_hook hook, void* ctx) {
-    std::lock_guard<std::mutex> lock(g_trace_mutex);
-    g_trace_hook = hook;
-    g_trace_ctx = ctx;
+    Hook().Set(hook, ctx);
 }
 
 }  // extern "C"
