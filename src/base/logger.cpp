@@ -95,6 +95,12 @@ extern "C" void marlo_log(marlo_log_severity severity, const char* tag, const ch
     if (atoi(level) > severity)
         return;
 
+    if (fmt == nullptr) {
+        // Nothing to format; say so rather than crash in the formatter.
+        __android_log_write(PriorityOf(severity), tag, "marlo_log called without a format");
+        return;
+    }
+
     va_list args;
     va_start(args, fmt);
     __android_log_vprint(PriorityOf(severity), tag, fmt, args);

@@ -271,6 +271,36 @@ TEST(Epoll, WaitReportsReadyDescriptorsWithTheKernelEvents) {
                                  Text("Epoll polled fd(%d) events(10)", c.reader())));
 }
 
+TEST(Epoll, AReadyDescriptorWithoutHandlerIsDroppedAndLogged) {
+    Epoll epoll;
+    ASSERT_EQ(epoll.Open(), OK);
+    Pipe known, stray;
+    ASSERT_EQ(epoll.RegisterHandler(
+                  known.reader(), [](int, unsigned) {}, EPOLLIN),
+              OK);
+    // Watched by the kernel behind the object's back, so the map lacks it.
+    struct epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = stray.reader();
+    ASSERT_EQ(epoll_ctl(epoll.fd(), EPOLL_CTL_ADD, stray.reader(), &event), 0);
+
+    stray.signal();
+    LogCapture capture;
+    EXPECT_TRUE(epoll.Wait(1000).empty());
+    EXPECT_TRUE(capture.contains(
+        ANDROID_LOG_ERROR, kTag,
+        Text("Epoll polled fd(%d) without a handler, dropped", stray.reader())));
+
+    // The map did not gain an empty entry: the known descriptor still works.
+    stray.drain();
+    known.signal();
+    auto ready = epoll.Wait(1000);
+    ASSERT_FALSE(ready.empty());
+    for (const auto& entry : ready)
+        EXPECT_TRUE(entry->handler != nullptr);
+    EXPECT_EQ(marlo_test::Faults().epollWaitMaxEvents, 1);
+}
+
 TEST(Epoll, AFiniteWaitTimesOutEmpty) {
     Epoll epoll;
     ASSERT_EQ(epoll.Open(), OK);
