@@ -69,6 +69,8 @@ int __android_log_write(int prio, const char* tag, const char* text) {
 
 int __android_log_vprint(int prio, const char* tag, const char* fmt, va_list ap) {
     char buffer[4096];
+    if (fmt == nullptr)
+        fmt = "";
     vsnprintf(buffer, sizeof(buffer), fmt, ap);
     return __android_log_write(prio, tag, buffer);
 }

@@ -5,6 +5,8 @@
 #include <cutils/properties.h>
 #include <cutils/trace.h>
 #include <marlo_host/hooks.h>
+#include <errno.h>
+#include <stdlib.h>
 
 #include "hook_slot.h"
 
@@ -26,7 +28,15 @@ void Emit(const char* name) {
 extern "C" {
 
 uint64_t atrace_get_enabled_tags(void) {
-    return static_cast<uint64_t>(property_get_int64("debug.atrace.tags.enableflags", 0));
+    // Read as libcutils does: unsigned, any base, so that every one of the
+    // 64 tag bits can be set.
+    char value[PROPERTY_VALUE_MAX];
+    if (property_get("debug.atrace.tags.enableflags", value, "0") == 0)
+        return 0;
+    int saved_errno = errno;
+    uint64_t tags = strtoull(value, nullptr, 0);
+    errno = saved_errno;
+    return tags;
 }
 
 void atrace_begin_body(const char* name) {

@@ -1,5 +1,6 @@
 #include <android/log.h>
 #include <errno.h>
+#include <stdarg.h>
 #include <gtest/gtest.h>
 #include <marlo_host/hooks.h>
 
@@ -154,4 +155,29 @@ TEST(HostLog, ReplacingTheHookWaitsForItsRunningCalls) {
     marlo_host_set_log_to_stderr(1);
     EXPECT_TRUE(replaced);
     EXPECT_EQ(returnedWhenReplaced, 1);
+}
+
+namespace {
+
+int VPrint(int prio, const char* tag, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int result = __android_log_vprint(prio, tag, fmt, ap);
+    va_end(ap);
+    return result;
+}
+
+}  // namespace
+
+TEST(HostLog, AMissingFormatLogsAnEmptyMessage) {
+    std::vector<Message> messages;
+    marlo_host_set_log_hook(Record, &messages);
+    marlo_host_set_log_to_stderr(0);
+    const char* missing = nullptr;
+    VPrint(ANDROID_LOG_WARN, "marlo_test", missing);
+    marlo_host_set_log_to_stderr(1);
+    marlo_host_set_log_hook(nullptr, nullptr);
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0].prio, ANDROID_LOG_WARN);
+    EXPECT_EQ(messages[0].text, "");
 }
