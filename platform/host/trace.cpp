@@ -4,8 +4,8 @@
  */
 #include <cutils/properties.h>
 #include <cutils/trace.h>
-#include <marlo_host/hooks.h>
 #include <errno.h>
+#include <marlo_host/hooks.h>
 #include <stdlib.h>
 
 #include "hook_slot.h"

@@ -46,8 +46,8 @@ std::string FormatLogLine(LogSeverity severity, const char* tag, const char* mes
     strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", &local);
 
     // Out-of-range severities would read past the letter table.
-    char letter = (severity >= 0 && severity <= LOG_SEVERITY_FATAL) ? severityToString[severity]
-                                                                    : '?';
+    char letter =
+        (severity >= 0 && severity <= LOG_SEVERITY_FATAL) ? severityToString[severity] : '?';
     std::string line(stamp);
     line += '|';
     line += letter;

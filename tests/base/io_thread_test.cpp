@@ -287,9 +287,9 @@ TEST(Epoll, AReadyDescriptorWithoutHandlerIsDroppedAndLogged) {
     stray.signal();
     LogCapture capture;
     EXPECT_TRUE(epoll.Wait(1000).empty());
-    EXPECT_TRUE(capture.contains(
-        ANDROID_LOG_ERROR, kTag,
-        Text("Epoll polled fd(%d) without a handler, dropped", stray.reader())));
+    EXPECT_TRUE(
+        capture.contains(ANDROID_LOG_ERROR, kTag,
+                         Text("Epoll polled fd(%d) without a handler, dropped", stray.reader())));
 
     // The map did not gain an empty entry: the known descriptor still works.
     stray.drain();

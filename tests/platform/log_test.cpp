@@ -1,8 +1,8 @@
 #include <android/log.h>
 #include <errno.h>
-#include <stdarg.h>
 #include <gtest/gtest.h>
 #include <marlo_host/hooks.h>
+#include <stdarg.h>
 
 #include <atomic>
 #include <chrono>

@@ -16,7 +16,7 @@ struct LogRecord {
 };
 
 class LogCapture {
-public:
+  public:
     /*
      * Lets every severity through marlo_log's level filter while capturing
      * (the level property is "0" until the capture ends, then as before).
@@ -41,7 +41,7 @@ public:
     /* All messages, one per line, for failure output. */
     std::string dump() const;
 
-private:
+  private:
     static void Hook(int prio, const char* tag, const char* message, void* ctx);
 
     // Guarded by a lock that lives as long as the process (see the source).
