@@ -16,12 +16,13 @@ namespace {
 constexpr char kLogLevelProperty[] = "persist.vendor.tessaro.marlo.loglevel";
 
 const std::map<marlo_log_severity, android_LogPriority>& SeverityToPriority() {
-    static const std::map<marlo_log_severity, android_LogPriority> kMap = {
+    // Never destroyed: destructors of other statics may still log at exit.
+    static const auto* kMap = new std::map<marlo_log_severity, android_LogPriority>{
         {MARLO_LOG_VERBOSE, ANDROID_LOG_VERBOSE}, {MARLO_LOG_DEBUG, ANDROID_LOG_DEBUG},
         {MARLO_LOG_INFO, ANDROID_LOG_INFO},       {MARLO_LOG_WARN, ANDROID_LOG_WARN},
         {MARLO_LOG_ERROR, ANDROID_LOG_ERROR},     {MARLO_LOG_FATAL, ANDROID_LOG_FATAL},
     };
-    return kMap;
+    return *kMap;
 }
 
 android_LogPriority PriorityOf(marlo_log_severity severity) {

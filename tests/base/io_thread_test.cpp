@@ -767,6 +767,30 @@ TEST(IoThread, WithoutAWakeupDescriptorTheLoopDoesNotStart) {
     io.Stop();
 }
 
+TEST(IoThread, AWorkerThatCannotBeCreatedIsReportedNotThrown) {
+    marlo_test::FdLeakCheck leaks;
+    LogCapture capture;
+    {
+        IoThread io;
+        {
+            marlo_test::ScopedFault fault(marlo_test::Faults().pthreadCreate);
+            EXPECT_NO_THROW(io.Start());
+        }
+        EXPECT_TRUE(capture.containsText("Start IO thread failed: thread constructor failed"))
+            << capture.dump();
+        EXPECT_EQ(io.wakeupFd(), -1);
+
+        // Nothing is left registered and the loop counts as stopped.
+        capture.clear();
+        io.Start();
+        EXPECT_GE(io.wakeupFd(), 0);
+        EXPECT_FALSE(capture.containsText("already started"));
+        io.Stop();
+        EXPECT_FALSE(capture.containsText("epoll_ctl failed")) << capture.dump();
+    }
+    EXPECT_TRUE(leaks.unchanged());
+}
+
 TEST(IoThread, AWakeupDescriptorThatCannotBeWatchedIsDropped) {
     marlo_test::FdLeakCheck leaks;
     LogCapture capture;

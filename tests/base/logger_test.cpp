@@ -3,6 +3,7 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -103,6 +104,25 @@ TEST(MarloLog, LevelChangesWhileRunning) {
     }
     EXPECT_EQ(capture.count("dropped"), 0u);
     EXPECT_EQ(capture.count("passed"), 1u);
+}
+
+namespace {
+void LogAtExit() {
+    marlo_log(MARLO_LOG_ERROR, "marlo_base", "logged at exit");
+}
+}  // namespace
+
+TEST(MarloLogDeathTest, LoggingFromAnExitHandlerRegisteredEarlierWorks) {
+    // Registered before the first message builds the severity map, so the
+    // handler runs after the map's turn to be torn down at exit.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            atexit(LogAtExit);
+            marlo_log(MARLO_LOG_ERROR, "marlo_base", "first message");
+            exit(3);
+        },
+        testing::ExitedWithCode(3), "logged at exit");
 }
 
 // A logger whose sink keeps the line, to look at LogMessage's format.
