@@ -2,6 +2,8 @@
 # Sets up the machine, builds everything and runs every test suite.
 # Under CI (CI=true) warnings are errors and the unit tests run a second
 # time in an AddressSanitizer + UndefinedBehaviorSanitizer build.
+# MARLO_TSAN_TESTS=1 adds a ThreadSanitizer build with lock-order checks
+# (too slow for CI's time budget on two cores).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -23,6 +25,13 @@ run_suite() {
 if [ "${CI:-}" = "true" ] || [ "${MARLO_SANITIZE_TESTS:-}" = "1" ]; then
     echo "== address + undefined sanitizer build =="
     run_suite build-asan -DMARLO_SANITIZE=address,undefined -DMARLO_BUILD_BENCHMARKS=OFF \
+        -DCMAKE_BUILD_TYPE=Debug
+fi
+
+if [ "${MARLO_TSAN_TESTS:-}" = "1" ]; then
+    echo "== thread sanitizer build =="
+    TSAN_OPTIONS="detect_deadlocks=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
+        run_suite build-tsan -DMARLO_SANITIZE=thread -DMARLO_BUILD_BENCHMARKS=OFF \
         -DCMAKE_BUILD_TYPE=Debug
 fi
 

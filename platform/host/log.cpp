@@ -5,6 +5,8 @@
 #include <android/log.h>
 #include <marlo_host/hooks.h>
 
+#include "hook_slot.h"
+
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -14,14 +16,16 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <mutex>
-#include <string>
 
 namespace {
 
-std::mutex g_hook_mutex;
-marlo_host_log_hook g_hook = nullptr;
-void* g_hook_ctx = nullptr;
+using LogHookSlot = marlo_host::HookSlot<marlo_host_log_hook>;
+
+LogHookSlot& Hook() {
+    static LogHookSlot* slot = new LogHookSlot();  // outlives static destructors
+    return *slot;
+}
+
 std::atomic<bool> g_to_stderr{true};
 
 char PriorityLetter(int prio) {
@@ -56,11 +60,7 @@ int __android_log_write(int prio, const char* tag, const char* text) {
     int saved_errno = errno;
     if (text == nullptr)
         text = "";
-    {
-        std::lock_guard<std::mutex> lock(g_hook_mutex);
-        if (g_hook != nullptr)
-            g_hook(prio, tag, text, g_hook_ctx);
-    }
+    Hook().Call(prio, tag, text);
     if (g_to_stderr.load())
         WriteToStderr(prio, tag, text);
     errno = saved_errno;
@@ -69,6 +69,8 @@ int __android_log_write(int prio, const char* tag, const char* text) {
 
 int __android_log_vprint(int prio, const char* tag, const char* fmt, va_list ap) {
     char buffer[4096];
+    if (fmt == nullptr)
+        fmt = "";
     vsnprintf(buffer, sizeof(buffer), fmt, ap);
     return __android_log_write(prio, tag, buffer);
 }
@@ -82,9 +84,7 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
 }
 
 void marlo_host_set_log_hook(marlo_host_log_hook hook, void* ctx) {
-    std::lock_guard<std::mutex> lock(g_hook_mutex);
-    g_hook = hook;
-    g_hook_ctx = ctx;
+    Hook().Set(hook, ctx);
 }
 
 void marlo_host_set_log_to_stderr(int enabled) {

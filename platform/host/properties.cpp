@@ -19,7 +19,7 @@
 namespace {
 
 class PropertyStore {
-public:
+  public:
     bool Get(const std::string& key, std::string* value) {
         std::lock_guard<std::mutex> lock(mutex_);
         SeedLocked();
@@ -42,7 +42,7 @@ public:
         seeded_ = false;
     }
 
-private:
+  private:
     static std::string Trim(const std::string& text) {
         const char* blanks = " \t\r\n";
         size_t first = text.find_first_not_of(blanks);

@@ -4,20 +4,23 @@
  */
 #include <cutils/properties.h>
 #include <cutils/trace.h>
+#include <errno.h>
 #include <marlo_host/hooks.h>
+#include <stdlib.h>
 
-#include <mutex>
+#include "hook_slot.h"
 
 namespace {
 
-std::mutex g_trace_mutex;
-marlo_host_trace_hook g_trace_hook = nullptr;
-void* g_trace_ctx = nullptr;
+using TraceHookSlot = marlo_host::HookSlot<marlo_host_trace_hook>;
+
+TraceHookSlot& Hook() {
+    static TraceHookSlot* slot = new TraceHookSlot();  // outlives static destructors
+    return *slot;
+}
 
 void Emit(const char* name) {
-    std::lock_guard<std::mutex> lock(g_trace_mutex);
-    if (g_trace_hook != nullptr)
-        g_trace_hook(name, g_trace_ctx);
+    Hook().Call(name);
 }
 
 }  // namespace
@@ -25,7 +28,15 @@ void Emit(const char* name) {
 extern "C" {
 
 uint64_t atrace_get_enabled_tags(void) {
-    return static_cast<uint64_t>(property_get_int64("debug.atrace.tags.enableflags", 0));
+    // Read as libcutils does: unsigned, any base, so that every one of the
+    // 64 tag bits can be set.
+    char value[PROPERTY_VALUE_MAX];
+    if (property_get("debug.atrace.tags.enableflags", value, "0") == 0)
+        return 0;
+    int saved_errno = errno;
+    uint64_t tags = strtoull(value, nullptr, 0);
+    errno = saved_errno;
+    return tags;
 }
 
 void atrace_begin_body(const char* name) {
@@ -37,9 +48,7 @@ void atrace_end_body(void) {
 }
 
 void marlo_host_set_trace_hook(marlo_host_trace_hook hook, void* ctx) {
-    std::lock_guard<std::mutex> lock(g_trace_mutex);
-    g_trace_hook = hook;
-    g_trace_ctx = ctx;
+    Hook().Set(hook, ctx);
 }
 
 }  // extern "C"

@@ -8,6 +8,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <system_error>
+
 namespace tessaro::marlo {
 
 namespace {
@@ -81,7 +83,15 @@ void IoThread::Start() {
     }
 
     stopped_ = false;
-    thread_.start([this] { Run(); });
+    try {
+        thread_.start([this] { Run(); });
+    } catch (const std::system_error& error) {
+        // Failures are reported, never thrown, from here on up.
+        marlo_log(MARLO_LOG_ERROR, kTag, "Start IO thread failed: %s, not started", error.what());
+        stopped_ = true;
+        UnregisterHandler(wakeup_.get());
+        wakeup_.reset();
+    }
 }
 
 void IoThread::OnWakeup(int fd, unsigned int events) {

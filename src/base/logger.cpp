@@ -16,12 +16,13 @@ namespace {
 constexpr char kLogLevelProperty[] = "persist.vendor.tessaro.marlo.loglevel";
 
 const std::map<marlo_log_severity, android_LogPriority>& SeverityToPriority() {
-    static const std::map<marlo_log_severity, android_LogPriority> kMap = {
+    // Never destroyed: destructors of other statics may still log at exit.
+    static const auto* kMap = new std::map<marlo_log_severity, android_LogPriority>{
         {MARLO_LOG_VERBOSE, ANDROID_LOG_VERBOSE}, {MARLO_LOG_DEBUG, ANDROID_LOG_DEBUG},
         {MARLO_LOG_INFO, ANDROID_LOG_INFO},       {MARLO_LOG_WARN, ANDROID_LOG_WARN},
         {MARLO_LOG_ERROR, ANDROID_LOG_ERROR},     {MARLO_LOG_FATAL, ANDROID_LOG_FATAL},
     };
-    return kMap;
+    return *kMap;
 }
 
 android_LogPriority PriorityOf(marlo_log_severity severity) {
@@ -46,8 +47,8 @@ std::string FormatLogLine(LogSeverity severity, const char* tag, const char* mes
     strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", &local);
 
     // Out-of-range severities would read past the letter table.
-    char letter = (severity >= 0 && severity <= LOG_SEVERITY_FATAL) ? severityToString[severity]
-                                                                    : '?';
+    char letter =
+        (severity >= 0 && severity <= LOG_SEVERITY_FATAL) ? severityToString[severity] : '?';
     std::string line(stamp);
     line += '|';
     line += letter;
@@ -94,6 +95,12 @@ extern "C" void marlo_log(marlo_log_severity severity, const char* tag, const ch
     property_get(tessaro::marlo::kLogLevelProperty, level, "4");
     if (atoi(level) > severity)
         return;
+
+    if (fmt == nullptr) {
+        // Nothing to format; say so rather than crash in the formatter.
+        __android_log_write(PriorityOf(severity), tag, "marlo_log called without a format");
+        return;
+    }
 
     va_list args;
     va_start(args, fmt);

@@ -2,6 +2,7 @@
 #include <marlo/base/version.h>
 
 #include <cutils/properties.h>
+#include <stdint.h>
 
 #include <string>
 
@@ -22,7 +23,14 @@ constexpr char kBuildIdProperty[] = "vendor.tessaro.marlo.build_id";
 
 void initVersionInfo() {
     // Failures to publish are of no consequence to the caller.
-    int count = property_get_int32(kStartCountProperty, 0) + 1;
+    int32_t previous = property_get_int32(kStartCountProperty, 0);
+    if (previous == INT32_MAX) {
+        // The next count does not fit; counting starts again.
+        marlo_log(MARLO_LOG_WARN, kTag, "start count %d cannot grow, counting again from 1",
+                  previous);
+        previous = 0;
+    }
+    const int count = previous + 1;
     property_set(kStartCountProperty, std::to_string(count).c_str());
 
     const std::string version = std::to_string(kVersion);

@@ -271,6 +271,36 @@ TEST(Epoll, WaitReportsReadyDescriptorsWithTheKernelEvents) {
                                  Text("Epoll polled fd(%d) events(10)", c.reader())));
 }
 
+TEST(Epoll, AReadyDescriptorWithoutHandlerIsDroppedAndLogged) {
+    Epoll epoll;
+    ASSERT_EQ(epoll.Open(), OK);
+    Pipe known, stray;
+    ASSERT_EQ(epoll.RegisterHandler(
+                  known.reader(), [](int, unsigned) {}, EPOLLIN),
+              OK);
+    // Watched by the kernel behind the object's back, so the map lacks it.
+    struct epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = stray.reader();
+    ASSERT_EQ(epoll_ctl(epoll.fd(), EPOLL_CTL_ADD, stray.reader(), &event), 0);
+
+    stray.signal();
+    LogCapture capture;
+    EXPECT_TRUE(epoll.Wait(1000).empty());
+    EXPECT_TRUE(
+        capture.contains(ANDROID_LOG_ERROR, kTag,
+                         Text("Epoll polled fd(%d) without a handler, dropped", stray.reader())));
+
+    // The map did not gain an empty entry: the known descriptor still works.
+    stray.drain();
+    known.signal();
+    auto ready = epoll.Wait(1000);
+    ASSERT_FALSE(ready.empty());
+    for (const auto& entry : ready)
+        EXPECT_TRUE(entry->handler != nullptr);
+    EXPECT_EQ(marlo_test::Faults().epollWaitMaxEvents, 1);
+}
+
 TEST(Epoll, AFiniteWaitTimesOutEmpty) {
     Epoll epoll;
     ASSERT_EQ(epoll.Open(), OK);
@@ -623,17 +653,20 @@ TEST(IoThread, AFailedWakeupReadIsLoggedAndStillStops) {
             release.wait();
         },
         EPOLLIN);
-    io.Start();
-    const int wakeup = io.wakeupFd();
-    // Runs just before the wake-up handler in the same batch and takes its count.
+    // Runs just before the wake-up handler in the same batch and takes its
+    // count. Added before the loop starts: the handler map has no lock.
+    std::atomic<int> wakeupFd{-1};
     io.AddHandler(
         thief.reader(),
         [&](int, unsigned) {
             thief.drain();
             uint64_t value;
-            EXPECT_EQ(read(wakeup, &value, sizeof(value)), static_cast<ssize_t>(sizeof(value)));
+            EXPECT_EQ(read(wakeupFd, &value, sizeof(value)), static_cast<ssize_t>(sizeof(value)));
         },
         EPOLLIN);
+    io.Start();
+    const int wakeup = io.wakeupFd();
+    wakeupFd = wakeup;
     blocker.signal();
     inBlocker.wait();
 
@@ -732,6 +765,30 @@ TEST(IoThread, WithoutAWakeupDescriptorTheLoopDoesNotStart) {
     EXPECT_GE(io.wakeupFd(), 0);
     EXPECT_FALSE(capture.containsText("already started"));
     io.Stop();
+}
+
+TEST(IoThread, AWorkerThatCannotBeCreatedIsReportedNotThrown) {
+    marlo_test::FdLeakCheck leaks;
+    LogCapture capture;
+    {
+        IoThread io;
+        {
+            marlo_test::ScopedFault fault(marlo_test::Faults().pthreadCreate);
+            EXPECT_NO_THROW(io.Start());
+        }
+        EXPECT_TRUE(capture.containsText("Start IO thread failed: thread constructor failed"))
+            << capture.dump();
+        EXPECT_EQ(io.wakeupFd(), -1);
+
+        // Nothing is left registered and the loop counts as stopped.
+        capture.clear();
+        io.Start();
+        EXPECT_GE(io.wakeupFd(), 0);
+        EXPECT_FALSE(capture.containsText("already started"));
+        io.Stop();
+        EXPECT_FALSE(capture.containsText("epoll_ctl failed")) << capture.dump();
+    }
+    EXPECT_TRUE(leaks.unchanged());
 }
 
 TEST(IoThread, AWakeupDescriptorThatCannotBeWatchedIsDropped) {

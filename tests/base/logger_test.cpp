@@ -3,6 +3,9 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -21,9 +24,21 @@ constexpr char kLevel[] = "persist.vendor.tessaro.marlo.loglevel";
 }
 
 TEST(MarloLog, NegativeSeverityIsDropped) {
-    LogCapture capture;
+    // A level below the severity would let it through if the level decided.
+    LogCapture capture(false);
+    ScopedProperty level(kLevel, "-5");
     marlo_log(static_cast<marlo_log_severity>(-1), "marlo_base", "never");
-    EXPECT_TRUE(capture.records().empty());
+    marlo_log(static_cast<marlo_log_severity>(-4), "marlo_base", "never");
+    EXPECT_TRUE(capture.records().empty()) << capture.dump();
+    marlo_log(MARLO_LOG_VERBOSE, "marlo_base", "passed");
+    EXPECT_TRUE(capture.contains(ANDROID_LOG_VERBOSE, "marlo_base", "passed"));
+}
+
+TEST(MarloLog, AMissingFormatIsReportedNotFormatted) {
+    LogCapture capture;
+    marlo_log(MARLO_LOG_ERROR, "marlo_base", nullptr);
+    EXPECT_TRUE(
+        capture.contains(ANDROID_LOG_ERROR, "marlo_base", "marlo_log called without a format"));
 }
 
 TEST(MarloLog, DefaultLevelDropsWarningsAndPassesErrors) {
@@ -92,6 +107,25 @@ TEST(MarloLog, LevelChangesWhileRunning) {
     EXPECT_EQ(capture.count("passed"), 1u);
 }
 
+namespace {
+void LogAtExit() {
+    marlo_log(MARLO_LOG_ERROR, "marlo_base", "logged at exit");
+}
+}  // namespace
+
+TEST(MarloLogDeathTest, LoggingFromAnExitHandlerRegisteredEarlierWorks) {
+    // Registered before the first message builds the severity map, so the
+    // handler runs after the map's turn to be torn down at exit.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            atexit(LogAtExit);
+            marlo_log(MARLO_LOG_ERROR, "marlo_base", "first message");
+            exit(3);
+        },
+        testing::ExitedWithCode(3), "logged at exit");
+}
+
 // A logger whose sink keeps the line, to look at LogMessage's format.
 class RecordingLogger : public Logger<RecordingLogger> {
   public:
@@ -152,6 +186,26 @@ TEST(FileLogger, AppendsLines) {
     unlink(path);
 }
 
+TEST(FileLogger, LinesStayInTheStreamUntilItIsClosed) {
+    char path[] = "/tmp/marlo_filelogger_XXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    auto content = [&] {
+        std::ifstream in(path);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    };
+    {
+        FileLogger logger(path);
+        logger.LogMessage(LOG_SEVERITY_ERROR, "marlo_base", "buffered");
+        EXPECT_EQ(content(), "");
+    }
+    EXPECT_NE(content().find("|E|marlo_base|buffered\n"), std::string::npos);
+    unlink(path);
+}
+
 TEST(FileLogger, UnopenablePathWritesNothing) {
     const char* path = "/nonexistent-dir/marlo/log.txt";
     FileLogger logger(path);
@@ -165,6 +219,45 @@ TEST(ConsoleLogger, WritesToStandardOutput) {
     logger.LogMessage(LOG_SEVERITY_FATAL, "marlo_base", "to stdout");
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_NE(out.find("|F|marlo_base|to stdout\n"), std::string::npos);
+}
+
+namespace {
+
+// What a console logger leaves on standard output when the process ends
+// without flushing its streams: run in a child whose standard output is a
+// fully buffered pipe.
+std::string ConsoleOutputWithoutExitFlush(bool flush) {
+    int pipeFds[2];
+    if (pipe(pipeFds) != 0)
+        return "<pipe failed>";
+    fflush(stdout);
+    pid_t child = fork();
+    if (child == 0) {
+        dup2(pipeFds[1], STDOUT_FILENO);
+        setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+        ConsoleLogger logger(flush);
+        logger.LogMessage(LOG_SEVERITY_INFO, "marlo_base", "console");
+        // Straight to the kernel: sanitizer runtimes flush stdio in _exit.
+        syscall(SYS_exit_group, 0);
+    }
+    close(pipeFds[1]);
+    std::string out;
+    char buffer[256];
+    ssize_t n;
+    while ((n = read(pipeFds[0], buffer, sizeof(buffer))) > 0)
+        out.append(buffer, static_cast<size_t>(n));
+    close(pipeFds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return out;
+}
+
+}  // namespace
+
+TEST(ConsoleLogger, FlushesOnlyWhenAsked) {
+    EXPECT_NE(ConsoleOutputWithoutExitFlush(true).find("|I|marlo_base|console\n"),
+              std::string::npos);
+    EXPECT_EQ(ConsoleOutputWithoutExitFlush(false), "");
 }
 
 TEST(LogManager, HoldsTheEmbeddersLogger) {

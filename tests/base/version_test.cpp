@@ -73,3 +73,13 @@ TEST_F(VersionInfo, TheBannerIsHiddenAtTheDefaultLevel) {
     EXPECT_FALSE(capture.containsText("STARTING MARLO VERSION"));
     EXPECT_EQ(Property(kCount), "1");
 }
+
+TEST_F(VersionInfo, TheLargestCountStartsAgainAtOne) {
+    property_set(kCount, "2147483647");
+    LogCapture capture;
+    initVersionInfo();
+    EXPECT_EQ(Property(kCount), "1");
+    EXPECT_TRUE(capture.contains(ANDROID_LOG_WARN, "marlo_base",
+                                 "start count 2147483647 cannot grow, counting again from 1"));
+    EXPECT_TRUE(capture.containsText("COUNT 1 ********"));
+}

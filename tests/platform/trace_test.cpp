@@ -37,6 +37,11 @@ TEST(Trace, EnabledTagsComeFromTheProperty) {
         marlo_test::ScopedProperty tags(kTagsProperty, "none");
         EXPECT_EQ(atrace_get_enabled_tags(), 0u);
     }
+    {
+        // The top bit fits too.
+        marlo_test::ScopedProperty tags(kTagsProperty, "0x8000000000000400");
+        EXPECT_EQ(atrace_get_enabled_tags(), (uint64_t{1} << 63) | ATRACE_TAG_CAMERA);
+    }
 }
 
 TEST(Trace, SectionsReachTheHook) {

@@ -10,12 +10,12 @@ size_t OpenFdCount();
 
 /* Records the count at construction; unchanged() compares with the count now. */
 class FdLeakCheck {
-public:
+  public:
     FdLeakCheck();
     bool unchanged() const;
     size_t before() const { return before_; }
 
-private:
+  private:
     size_t before_;
 };
 

@@ -4,7 +4,6 @@
  */
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -17,8 +16,12 @@ struct LogRecord {
 };
 
 class LogCapture {
-public:
-    /* Lets every severity through marlo_log's level filter while capturing. */
+  public:
+    /*
+     * Lets every severity through marlo_log's level filter while capturing
+     * (the level property is "0" until the capture ends, then as before).
+     * One capture at a time: the log has a single hook.
+     */
     explicit LogCapture(bool allLevels = true);
     ~LogCapture();
 
@@ -38,12 +41,13 @@ public:
     /* All messages, one per line, for failure output. */
     std::string dump() const;
 
-private:
+  private:
     static void Hook(int prio, const char* tag, const char* message, void* ctx);
 
-    mutable std::mutex mutex_;
+    // Guarded by a lock that lives as long as the process (see the source).
     std::vector<LogRecord> records_;
     bool restoreLevel_;
+    std::string previousLevel_;
 };
 
 }  // namespace marlo_test

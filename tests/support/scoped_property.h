@@ -6,14 +6,14 @@
 namespace marlo_test {
 
 class ScopedProperty {
-public:
+  public:
     ScopedProperty(const std::string& key, const std::string& value);
     ~ScopedProperty();
 
     ScopedProperty(const ScopedProperty&) = delete;
     ScopedProperty& operator=(const ScopedProperty&) = delete;
 
-private:
+  private:
     std::string key_;
     std::string previous_;
 };

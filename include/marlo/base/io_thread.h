@@ -76,7 +76,10 @@ class IoThread : public Epoll {
     void AddHandler(int fd, Handler handler, uint32_t events);
     int RemoveHandler(int fd);
 
-    /* Creates the wake-up descriptor and starts the loop on the worker thread. */
+    /*
+     * Creates the wake-up descriptor and starts the loop on the worker
+     * thread. A failure is logged and leaves the loop stopped.
+     */
     void Start();
     /* The loop run on the worker thread. */
     void Run();

@@ -51,7 +51,7 @@ enum LogSeverity : int {
 };
 
 class BaseLogger {
-public:
+  public:
     virtual ~BaseLogger() = default;
     /* Formats "MM-DD HH:MM:SS|<letter>|<tag>|<message>\n" and writes it. */
     virtual void LogMessage(LogSeverity severity, const char* tag, const char* message) = 0;
@@ -65,7 +65,7 @@ std::string FormatLogLine(LogSeverity severity, const char* tag, const char* mes
 
 template <typename T>
 class Logger : public BaseLogger {
-public:
+  public:
     void LogMessage(LogSeverity severity, const char* tag, const char* message) override {
         static_cast<T*>(this)->WriteToLog(detail::FormatLogLine(severity, tag, message));
     }
@@ -73,11 +73,11 @@ public:
 
 /* Writes each line to standard output, flushing it when asked to. */
 class ConsoleLogger : public Logger<ConsoleLogger> {
-public:
+  public:
     explicit ConsoleLogger(bool flush);
     void WriteToLog(const std::string& line) override;
 
-private:
+  private:
     bool flush_;
 };
 
@@ -86,19 +86,19 @@ private:
  * stream failed, and lines are then silently lost.
  */
 class FileLogger : public Logger<FileLogger> {
-public:
+  public:
     explicit FileLogger(const std::string& path);
     ~FileLogger() override;
     void WriteToLog(const std::string& line) override;
 
-private:
+  private:
     std::ofstream stream_;
     std::string path_;
 };
 
 /* Holds one logger for the embedding process; the library never reads it. */
 class LogManager {
-public:
+  public:
     static std::unique_ptr<BaseLogger> logger_;
 };
 

@@ -10,7 +10,7 @@
 namespace tessaro::marlo {
 
 class UniqueFd {
-public:
+  public:
     UniqueFd() = default;
     /* Takes ownership of \a fd (-1 holds nothing). */
     explicit UniqueFd(int fd);
@@ -37,7 +37,7 @@ public:
     /* The fd sanitizer tag of this holder (owner type unique-fd, its address). */
     uint64_t ownerTag() const;
 
-private:
+  private:
     void adopt(int fd);
     void close();
 
