@@ -120,20 +120,22 @@ int DecodeArgb(const Surface& s, const Rect& r, const View& out) {
     const int ds = out.stride[0];
     int rc = 0;
     switch (f->code) {
-        case NAX_FORMAT_RGBA_8888:
+        /* libyuv names a 32-bit pixel by its little-endian word, so its
+         * names read the bytes backwards. */
+        case NAX_FORMAT_RGBA_8888: /* R,G,B,A: libyuv's ABGR */
         case NAX_FORMAT_RGBX_8888:
             rc = libyuv::ABGRToARGB(pl.p[0], pl.stride[0], d, ds, w, h);
             break;
-        case NAX_FORMAT_BGRA_8888:
-        case NAX_FORMAT_BGRX_8888:
+        case NAX_FORMAT_ABGR_8888: /* B,G,R,A: libyuv's ARGB */
+        case NAX_FORMAT_XBGR_8888:
             rc = libyuv::ARGBCopy(pl.p[0], pl.stride[0], d, ds, w, h);
             break;
-        case NAX_FORMAT_ARGB_8888:
+        case NAX_FORMAT_ARGB_8888: /* A,R,G,B: libyuv's BGRA */
         case NAX_FORMAT_XRGB_8888:
             rc = libyuv::BGRAToARGB(pl.p[0], pl.stride[0], d, ds, w, h);
             break;
-        case NAX_FORMAT_ABGR_8888:
-        case NAX_FORMAT_XBGR_8888:
+        case NAX_FORMAT_BGRA_8888: /* A,B,G,R: libyuv's RGBA */
+        case NAX_FORMAT_BGRX_8888:
             rc = libyuv::RGBAToARGB(pl.p[0], pl.stride[0], d, ds, w, h);
             break;
         case NAX_FORMAT_RGB_888:
@@ -219,16 +221,16 @@ int EncodeArgb(const View& in, const Surface& s, const Rect& r) {
         case NAX_FORMAT_RGBX_8888:
             rc = libyuv::ARGBToABGR(a, as, pl.p[0], pl.stride[0], w, h);
             break;
-        case NAX_FORMAT_BGRA_8888:
-        case NAX_FORMAT_BGRX_8888:
+        case NAX_FORMAT_ABGR_8888:
+        case NAX_FORMAT_XBGR_8888:
             rc = libyuv::ARGBCopy(a, as, pl.p[0], pl.stride[0], w, h);
             break;
         case NAX_FORMAT_ARGB_8888:
         case NAX_FORMAT_XRGB_8888:
             rc = libyuv::ARGBToBGRA(a, as, pl.p[0], pl.stride[0], w, h);
             break;
-        case NAX_FORMAT_ABGR_8888:
-        case NAX_FORMAT_XBGR_8888:
+        case NAX_FORMAT_BGRA_8888:
+        case NAX_FORMAT_BGRX_8888:
             rc = libyuv::ARGBToRGBA(a, as, pl.p[0], pl.stride[0], w, h);
             break;
         case NAX_FORMAT_RGB_888:

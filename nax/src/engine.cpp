@@ -110,8 +110,10 @@ int DirectConvert(const Surface& src, const Rect& sr, const Surface& dst, const 
     const int h = sr.h;
     const int sc = src.fmt->code;
     const int dc = dst.fmt->code;
+    /* Bytes R,G,B,A are libyuv's ABGR; bytes B,G,R,A (ABGR_8888 and
+     * XBGR_8888, named as V4L2 names them) are libyuv's ARGB. */
     const bool toRgba = dc == NAX_FORMAT_RGBA_8888 || dc == NAX_FORMAT_RGBX_8888;
-    const bool toBgra = dc == NAX_FORMAT_BGRA_8888 || dc == NAX_FORMAT_BGRX_8888;
+    const bool toBgra = dc == NAX_FORMAT_ABGR_8888 || dc == NAX_FORMAT_XBGR_8888;
     if (sc == NAX_FORMAT_YCbCr_420_SP && toRgba)
         return libyuv::NV12ToABGR(s.p[0], s.stride[0], s.p[1], s.stride[1], d.p[0], d.stride[0], w,
                                   h);

@@ -10,13 +10,18 @@ namespace nax {
 
 namespace {
 
+/*
+ * Names follow V4L2's names of the same formats; the comments give the
+ * bytes of a pixel in memory order (V4L2 names ABGR, XBGR, BGRA and BGRX by
+ * their little-endian word). The byte shuffles themselves are in convert.cpp.
+ */
 const FormatInfo kFormats[] = {
-    {NAX_FORMAT_RGBA_8888, "RGBA_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}},
-    {NAX_FORMAT_RGBX_8888, "RGBX_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}},
-    {NAX_FORMAT_RGB_888, "RGB_888", Kind::Rgb, 3, false, {0, 0, 0, 0}},
-    {NAX_FORMAT_BGRA_8888, "BGRA_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}},
+    {NAX_FORMAT_RGBA_8888, "RGBA_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}}, /* R,G,B,A */
+    {NAX_FORMAT_RGBX_8888, "RGBX_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}}, /* R,G,B,X */
+    {NAX_FORMAT_RGB_888, "RGB_888", Kind::Rgb, 3, false, {0, 0, 0, 0}},     /* R,G,B */
+    {NAX_FORMAT_BGRA_8888, "BGRA_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}}, /* A,B,G,R */
     {NAX_FORMAT_RGB_565, "RGB_565", Kind::Rgb, 2, false, {0, 0, 0, 0}},
-    {NAX_FORMAT_BGR_888, "BGR_888", Kind::Rgb, 3, false, {0, 0, 0, 0}},
+    {NAX_FORMAT_BGR_888, "BGR_888", Kind::Rgb, 3, false, {0, 0, 0, 0}}, /* B,G,R */
     {NAX_FORMAT_YCbCr_422_SP, "YCbCr_422_SP", Kind::Semi422, 1, false, {0, 0, 0, 0}},
     {NAX_FORMAT_YCbCr_420_SP, "YCbCr_420_SP", Kind::Semi420, 1, false, {0, 0, 0, 0}},
     {NAX_FORMAT_YCbCr_420_P, "YCbCr_420_P", Kind::Planar420, 1, false, {0, 0, 0, 0}},
@@ -25,15 +30,15 @@ const FormatInfo kFormats[] = {
     {NAX_FORMAT_YCrCb_420_P, "YCrCb_420_P", Kind::Planar420, 1, true, {0, 0, 0, 0}},
     {NAX_FORMAT_Y4, "Y4", Kind::Grey, 1, false, {0, 0, 0, 0}},
     {NAX_FORMAT_Y8, "Y8", Kind::Grey, 1, false, {0, 0, 0, 0}},
-    {NAX_FORMAT_BGRX_8888, "BGRX_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}},
+    {NAX_FORMAT_BGRX_8888, "BGRX_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}}, /* X,B,G,R */
     {NAX_FORMAT_YVYU_422, "YVYU_422", Kind::Packed422, 2, false, {0, 3, 2, 1}},
     {NAX_FORMAT_VYUY_422, "VYUY_422", Kind::Packed422, 2, false, {1, 2, 3, 0}},
     {NAX_FORMAT_YUYV_422, "YUYV_422", Kind::Packed422, 2, false, {0, 1, 2, 3}},
     {NAX_FORMAT_UYVY_422, "UYVY_422", Kind::Packed422, 2, false, {1, 0, 3, 2}},
-    {NAX_FORMAT_ARGB_8888, "ARGB_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}},
-    {NAX_FORMAT_XRGB_8888, "XRGB_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}},
-    {NAX_FORMAT_ABGR_8888, "ABGR_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}},
-    {NAX_FORMAT_XBGR_8888, "XBGR_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}},
+    {NAX_FORMAT_ARGB_8888, "ARGB_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}}, /* A,R,G,B */
+    {NAX_FORMAT_XRGB_8888, "XRGB_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}}, /* X,R,G,B */
+    {NAX_FORMAT_ABGR_8888, "ABGR_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}}, /* B,G,R,A */
+    {NAX_FORMAT_XBGR_8888, "XBGR_8888", Kind::Rgb, 4, false, {0, 0, 0, 0}}, /* B,G,R,X */
 };
 
 const FormatInfo* const kFormatList[] = {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -139,6 +140,101 @@ TEST_F(NaxEngineTest, RepeatedFramesLeakNoDescriptorAndNoHandle) {
     }
     EXPECT_TRUE(fds.unchanged());
     EXPECT_FALSE(log.containsText("import NAX handle failed")) << log.dump();
+}
+
+/*
+ * 32-bit clients get the bytes V4L2 defines for their format: "AR24"
+ * (ABGR32) is B,G,R,A and "RA24" (BGRA32) is A,B,G,R in memory. (The
+ * operator has no engine format for the X variants.)
+ */
+struct ClientLayout {
+    uint32_t fourcc;
+    const char* bytes;
+};
+
+const ClientLayout kClientLayouts[] = {
+    {V4L2_PIX_FMT_ABGR32, "BGRA"},
+    {V4L2_PIX_FMT_BGRA32, "ABGR"},
+    {V4L2_PIX_FMT_RGBA32, "RGBA"},
+};
+
+constexpr size_t kRgb32Size = kWidth * kHeight * 4;
+
+/* The channel of an R,G,B,A pixel that byte i of a layout holds; -1 for X. */
+int ChannelAt(const char* bytes, int i) {
+    switch (bytes[i]) {
+        case 'R':
+            return 0;
+        case 'G':
+            return 1;
+        case 'B':
+            return 2;
+        case 'A':
+            return 3;
+        default:
+            return -1;
+    }
+}
+
+std::string FourccName(uint32_t fourcc) {
+    return std::string{static_cast<char>(fourcc & 0xFF), static_cast<char>((fourcc >> 8) & 0xFF),
+                       static_cast<char>((fourcc >> 16) & 0xFF),
+                       static_cast<char>((fourcc >> 24) & 0xFF)};
+}
+
+TEST_F(NaxEngineTest, RgbaFrameReachesEachClientInItsByteOrder) {
+    MemImage rgba(kWidth, kHeight, V4L2_PIX_FMT_RGBA32, kRgb32Size);
+    ASSERT_TRUE(rgba.valid());
+    const uint8_t pixel[4] = {0x11, 0x22, 0x33, 0x44}; /* R, G, B, A */
+    for (size_t i = 0; i < kRgb32Size; i += 4)
+        memcpy(rgba.data() + i, pixel, 4);
+    for (const ClientLayout& l : kClientLayouts) {
+        SCOPED_TRACE(FourccName(l.fourcc));
+        MemImage dst(kWidth, kHeight, static_cast<int>(l.fourcc), kRgb32Size);
+        ASSERT_TRUE(dst.valid());
+        memset(dst.data(), 0, kRgb32Size);
+        int fence = -1;
+        ASSERT_EQ(op_.process(rgba.buffer(), dst.buffer(), noPattern_, whole_, whole_, whole_, 1,
+                              &fence, 0),
+                  OK);
+        for (size_t p = 0; p < kRgb32Size; p += 4) {
+            for (int i = 0; i < 4; ++i) {
+                const int c = ChannelAt(l.bytes, i);
+                if (c >= 0) {
+                    ASSERT_EQ(pixel[c], dst.data()[p + i]) << "pixel " << p / 4 << " byte " << i;
+                }
+            }
+        }
+    }
+}
+
+TEST_F(NaxEngineTest, Nv12FrameReachesEachClientInItsByteOrder) {
+    /* BT.601 limited-range red: Y 82, Cb 90, Cr 240 is R 255, G 0, B 0. */
+    memset(src_.data(), 82, kWidth * kHeight);
+    for (size_t i = 0; i < kWidth * kHeight / 2; i += 2) {
+        src_.data()[kWidth * kHeight + i] = 90;
+        src_.data()[kWidth * kHeight + i + 1] = 240;
+    }
+    const int red[4] = {255, 0, 0, 255};
+    for (const ClientLayout& l : kClientLayouts) {
+        SCOPED_TRACE(FourccName(l.fourcc));
+        MemImage dst(kWidth, kHeight, static_cast<int>(l.fourcc), kRgb32Size);
+        ASSERT_TRUE(dst.valid());
+        memset(dst.data(), 0x80, kRgb32Size);
+        int fence = -1;
+        ASSERT_EQ(op_.process(src_.buffer(), dst.buffer(), noPattern_, whole_, whole_, whole_, 0,
+                              &fence, 0),
+                  OK);
+        ASSERT_EQ(op_.sync(fence), OK);
+        for (size_t p = 0; p < kRgb32Size; p += 4) {
+            for (int i = 0; i < 4; ++i) {
+                const int c = ChannelAt(l.bytes, i);
+                if (c >= 0) {
+                    ASSERT_NEAR(red[c], dst.data()[p + i], 3) << "pixel " << p / 4 << " byte " << i;
+                }
+            }
+        }
+    }
 }
 
 }  // namespace

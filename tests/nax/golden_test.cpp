@@ -120,6 +120,103 @@ TEST(Golden, AlphaIsKeptBetweenAlphaFormats) {
     }
 }
 
+/* The packed RGB formats' bytes in memory, written out by hand: the codes
+ * carry V4L2's names, which for ABGR, XBGR, BGRA and BGRX read the
+ * little-endian word ("AR24" is B,G,R,A; "RA24" is A,B,G,R). 'X' is a byte
+ * whose value is not checked. */
+struct ByteLayout {
+    int code;
+    const char* bytes;
+};
+
+const ByteLayout kByteLayouts[] = {
+    {NAX_FORMAT_RGBA_8888, "RGBA"}, {NAX_FORMAT_RGBX_8888, "RGBX"}, {NAX_FORMAT_ARGB_8888, "ARGB"},
+    {NAX_FORMAT_XRGB_8888, "XRGB"}, {NAX_FORMAT_ABGR_8888, "BGRA"}, {NAX_FORMAT_XBGR_8888, "BGRX"},
+    {NAX_FORMAT_BGRA_8888, "ABGR"}, {NAX_FORMAT_BGRX_8888, "XBGR"}, {NAX_FORMAT_RGB_888, "RGB"},
+    {NAX_FORMAT_BGR_888, "BGR"},
+};
+
+uint8_t ChannelValue(char c) {
+    switch (c) {
+        case 'R':
+            return 0x11;
+        case 'G':
+            return 0x22;
+        case 'B':
+            return 0x33;
+        case 'A':
+            return 0x44;
+        default:
+            return 0x99;
+    }
+}
+
+TEST(Golden, PackedRgbBytesInMemory) {
+    for (const ByteLayout& l : kByteLayouts) {
+        SCOPED_TRACE(FormatName(l.code));
+        const size_t bpp = strlen(l.bytes);
+        /* Encoding: from R,G,B,A bytes into the format. */
+        TestBuffer rgba(Geometry{2, 1, 2, 1, NAX_FORMAT_RGBA_8888});
+        const uint8_t px[4] = {0x11, 0x22, 0x33, 0x44};
+        memcpy(rgba.data(), px, 4);
+        memcpy(rgba.data() + 4, px, 4);
+        TestBuffer out(Geometry{2, 1, 2, 1, l.code});
+        ASSERT_EQ(0, nax_cvtcolor(rgba.buffer(), out.buffer(), NAX_FORMAT_RGBA_8888, l.code, 0, 1,
+                                  nullptr));
+        for (size_t i = 0; i < 2 * bpp; i++) {
+            const char c = l.bytes[i % bpp];
+            if (c != 'X') {
+                EXPECT_EQ(ChannelValue(c), out.data()[i]) << "byte " << i;
+            }
+        }
+        /* Decoding: from the format's bytes back to R,G,B,A. */
+        for (size_t i = 0; i < 2 * bpp; i++)
+            out.data()[i] = ChannelValue(l.bytes[i % bpp]);
+        memset(rgba.data(), 0, 8);
+        ASSERT_EQ(0, nax_cvtcolor(out.buffer(), rgba.buffer(), l.code, NAX_FORMAT_RGBA_8888, 0, 1,
+                                  nullptr));
+        const bool alpha = strchr(l.bytes, 'A') != nullptr;
+        for (int i = 0; i < 2; i++) {
+            EXPECT_EQ(0x11, rgba.data()[4 * i + 0]);
+            EXPECT_EQ(0x22, rgba.data()[4 * i + 1]);
+            EXPECT_EQ(0x33, rgba.data()[4 * i + 2]);
+            EXPECT_EQ(alpha ? 0x44 : 0xFF, rgba.data()[4 * i + 3]);
+        }
+    }
+}
+
+/* The direct paths from camera formats into B,G,R,A memory ("AR24",
+ * "XR24") and the general path into A,B,G,R ("RA24", "RX24") agree with
+ * the R,G,B,A output byte for byte. */
+TEST(Golden, CameraFormatsIntoV4l2Orders) {
+    const int sources[] = {NAX_FORMAT_YCbCr_420_SP, NAX_FORMAT_YCrCb_420_SP, NAX_FORMAT_YUYV_422,
+                           NAX_FORMAT_UYVY_422};
+    for (int s : sources) {
+        TestBuffer src(Geometry{8, 4, 8, 4, s});
+        src.Write(Ramp(8, 4));
+        TestBuffer ref(Geometry{8, 4, 8, 4, NAX_FORMAT_RGBA_8888});
+        ASSERT_EQ(0,
+                  nax_cvtcolor(src.buffer(), ref.buffer(), s, NAX_FORMAT_RGBA_8888, 0, 1, nullptr));
+        for (const ByteLayout& l : kByteLayouts) {
+            if (strlen(l.bytes) != 4)
+                continue;
+            SCOPED_TRACE(FormatName(s) + " -> " + FormatName(l.code));
+            TestBuffer dst(Geometry{8, 4, 8, 4, l.code});
+            ASSERT_EQ(0, nax_cvtcolor(src.buffer(), dst.buffer(), s, l.code, 0, 1, nullptr));
+            for (int p = 0; p < 8 * 4; p++) {
+                for (int i = 0; i < 4; i++) {
+                    const char c = l.bytes[i];
+                    if (c == 'X')
+                        continue;
+                    const int from = c == 'R' ? 0 : c == 'G' ? 1 : c == 'B' ? 2 : 3;
+                    ASSERT_NEAR(ref.data()[4 * p + from], dst.data()[4 * p + i], 1)
+                        << "pixel " << p << " byte " << i;
+                }
+            }
+        }
+    }
+}
+
 /* Known values of BT.601 limited range: white, black and a pure red. */
 TEST(Golden, LimitedRangeLevels) {
     TestBuffer src(Geometry{2, 2, 2, 2, NAX_FORMAT_RGBA_8888});

@@ -28,11 +28,14 @@ struct Traits {
     int y0, u, y1, v; /* packed 4:2:2 byte positions */
 };
 
+/* Byte positions as V4L2 lays out the format of the same name: "AR24"
+ * (ABGR32) is bytes B,G,R,A and "RA24" (BGRA32) bytes A,B,G,R, its names
+ * of those layouts reading the little-endian word. */
 const Traits kTraits[] = {
     {NAX_FORMAT_RGBA_8888, "RGBA_8888", Kind::Rgb, 4, 0, 1, 2, 3, false, 0, 0, 0, 0},
     {NAX_FORMAT_RGBX_8888, "RGBX_8888", Kind::Rgb, 4, 0, 1, 2, -1, false, 0, 0, 0, 0},
     {NAX_FORMAT_RGB_888, "RGB_888", Kind::Rgb, 3, 0, 1, 2, -1, false, 0, 0, 0, 0},
-    {NAX_FORMAT_BGRA_8888, "BGRA_8888", Kind::Rgb, 4, 2, 1, 0, 3, false, 0, 0, 0, 0},
+    {NAX_FORMAT_BGRA_8888, "BGRA_8888", Kind::Rgb, 4, 3, 2, 1, 0, false, 0, 0, 0, 0},
     {NAX_FORMAT_RGB_565, "RGB_565", Kind::Rgb565, 2, -1, -1, -1, -1, false, 0, 0, 0, 0},
     {NAX_FORMAT_BGR_888, "BGR_888", Kind::Rgb, 3, 2, 1, 0, -1, false, 0, 0, 0, 0},
     {NAX_FORMAT_YCbCr_422_SP, "YCbCr_422_SP", Kind::Semi422, 1, 0, 0, 0, 0, false, 0, 0, 0, 0},
@@ -43,15 +46,15 @@ const Traits kTraits[] = {
     {NAX_FORMAT_YCrCb_420_P, "YCrCb_420_P", Kind::Planar420, 1, 0, 0, 0, 0, true, 0, 0, 0, 0},
     {NAX_FORMAT_Y4, "Y4", Kind::Grey4, 1, 0, 0, 0, 0, false, 0, 0, 0, 0},
     {NAX_FORMAT_Y8, "Y8", Kind::Grey8, 1, 0, 0, 0, 0, false, 0, 0, 0, 0},
-    {NAX_FORMAT_BGRX_8888, "BGRX_8888", Kind::Rgb, 4, 2, 1, 0, -1, false, 0, 0, 0, 0},
+    {NAX_FORMAT_BGRX_8888, "BGRX_8888", Kind::Rgb, 4, 3, 2, 1, -1, false, 0, 0, 0, 0},
     {NAX_FORMAT_YVYU_422, "YVYU_422", Kind::Packed, 2, 0, 0, 0, 0, false, 0, 3, 2, 1},
     {NAX_FORMAT_VYUY_422, "VYUY_422", Kind::Packed, 2, 0, 0, 0, 0, false, 1, 2, 3, 0},
     {NAX_FORMAT_YUYV_422, "YUYV_422", Kind::Packed, 2, 0, 0, 0, 0, false, 0, 1, 2, 3},
     {NAX_FORMAT_UYVY_422, "UYVY_422", Kind::Packed, 2, 0, 0, 0, 0, false, 1, 0, 3, 2},
     {NAX_FORMAT_ARGB_8888, "ARGB_8888", Kind::Rgb, 4, 1, 2, 3, 0, false, 0, 0, 0, 0},
     {NAX_FORMAT_XRGB_8888, "XRGB_8888", Kind::Rgb, 4, 1, 2, 3, -1, false, 0, 0, 0, 0},
-    {NAX_FORMAT_ABGR_8888, "ABGR_8888", Kind::Rgb, 4, 3, 2, 1, 0, false, 0, 0, 0, 0},
-    {NAX_FORMAT_XBGR_8888, "XBGR_8888", Kind::Rgb, 4, 3, 2, 1, -1, false, 0, 0, 0, 0},
+    {NAX_FORMAT_ABGR_8888, "ABGR_8888", Kind::Rgb, 4, 2, 1, 0, 3, false, 0, 0, 0, 0},
+    {NAX_FORMAT_XBGR_8888, "XBGR_8888", Kind::Rgb, 4, 2, 1, 0, -1, false, 0, 0, 0, 0},
 };
 
 const Traits& TraitsOf(int code) {

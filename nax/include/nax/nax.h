@@ -11,21 +11,24 @@
 #include <stdint.h>
 
 /*
- * Engine format codes: a format index shifted left by 8. Each name spells
- * the byte order in memory (RGBA_8888 is bytes R,G,B,A), so every code
- * names one memory layout. V4L2's names of four 32-bit layouts read the
- * other way ("AR24", V4L2 ABGR32, is bytes B,G,R,A, which is BGRA_8888
- * here): describe a buffer by the code of its memory layout, not of its
- * name. YUV is BT.601 limited range; the grey formats carry its luma, so
- * grey to and from YUV copies luma unchanged.
+ * Engine format codes: a format index shifted left by 8. The codes follow
+ * V4L2's naming of the same formats, so each code names the memory layout
+ * of the V4L2 format of that name: RGBA_8888 is "AB24" (V4L2 RGBA32, bytes
+ * R,G,B,A) and ARGB_8888 is "BA24" (ARGB32, bytes A,R,G,B), but ABGR_8888
+ * is "AR24" (V4L2 ABGR32, bytes B,G,R,A) and BGRA_8888 is "RA24" (BGRA32,
+ * bytes A,B,G,R): V4L2 names those four 32-bit layouts (and their X
+ * variants) by their little-endian word, not by their bytes. The comments
+ * below give each layout in memory order. YUV is BT.601 limited range; the
+ * grey formats carry its luma, so grey to and from YUV copies luma
+ * unchanged.
  */
 enum nax_format {
-    NAX_FORMAT_RGBA_8888 = 0x0 << 8,    /* bytes R,G,B,A */
-    NAX_FORMAT_RGBX_8888 = 0x1 << 8,    /* bytes R,G,B,X */
-    NAX_FORMAT_RGB_888 = 0x2 << 8,      /* bytes R,G,B */
-    NAX_FORMAT_BGRA_8888 = 0x3 << 8,    /* bytes B,G,R,A */
-    NAX_FORMAT_RGB_565 = 0x4 << 8,      /* 16-bit, R in the high 5 bits */
-    NAX_FORMAT_BGR_888 = 0x7 << 8,      /* bytes B,G,R */
+    NAX_FORMAT_RGBA_8888 = 0x0 << 8,    /* "AB24": bytes R,G,B,A */
+    NAX_FORMAT_RGBX_8888 = 0x1 << 8,    /* "XB24": bytes R,G,B,X */
+    NAX_FORMAT_RGB_888 = 0x2 << 8,      /* "RGB3": bytes R,G,B */
+    NAX_FORMAT_BGRA_8888 = 0x3 << 8,    /* "RA24": bytes A,B,G,R */
+    NAX_FORMAT_RGB_565 = 0x4 << 8,      /* "RGBP": 16-bit, R in the high 5 bits */
+    NAX_FORMAT_BGR_888 = 0x7 << 8,      /* "BGR3": bytes B,G,R */
     NAX_FORMAT_YCbCr_422_SP = 0x8 << 8, /* NV16: Y plane, interleaved Cb,Cr at full height */
     NAX_FORMAT_YCbCr_420_SP = 0xA << 8, /* NV12: Y plane, interleaved Cb,Cr at half height */
     NAX_FORMAT_YCbCr_420_P = 0xB << 8,  /* I420: Y, Cb, Cr planes */
@@ -34,15 +37,15 @@ enum nax_format {
     NAX_FORMAT_YCrCb_420_P = 0xF << 8,  /* YV12: Y, Cr, Cb planes */
     NAX_FORMAT_Y4 = 0x14 << 8,          /* 4-bit grey, one pixel a byte in the high nibble */
     NAX_FORMAT_Y8 = 0x15 << 8,          /* 8-bit grey */
-    NAX_FORMAT_BGRX_8888 = 0x16 << 8,   /* bytes B,G,R,X */
+    NAX_FORMAT_BGRX_8888 = 0x16 << 8,   /* "RX24": bytes X,B,G,R */
     NAX_FORMAT_YVYU_422 = 0x18 << 8,    /* packed Y0 Cr Y1 Cb */
     NAX_FORMAT_VYUY_422 = 0x1A << 8,    /* packed Cr Y0 Cb Y1 */
     NAX_FORMAT_YUYV_422 = 0x1C << 8,    /* packed Y0 Cb Y1 Cr */
     NAX_FORMAT_UYVY_422 = 0x1E << 8,    /* packed Cb Y0 Cr Y1 */
-    NAX_FORMAT_ARGB_8888 = 0x28 << 8,   /* bytes A,R,G,B */
-    NAX_FORMAT_XRGB_8888 = 0x29 << 8,   /* bytes X,R,G,B */
-    NAX_FORMAT_ABGR_8888 = 0x2C << 8,   /* bytes A,B,G,R */
-    NAX_FORMAT_XBGR_8888 = 0x2D << 8,   /* bytes X,B,G,R */
+    NAX_FORMAT_ARGB_8888 = 0x28 << 8,   /* "BA24": bytes A,R,G,B */
+    NAX_FORMAT_XRGB_8888 = 0x29 << 8,   /* "BX24": bytes X,R,G,B */
+    NAX_FORMAT_ABGR_8888 = 0x2C << 8,   /* "AR24": bytes B,G,R,A */
+    NAX_FORMAT_XBGR_8888 = 0x2D << 8,   /* "XR24": bytes B,G,R,X */
 };
 
 /* Mode bits of the `usage` argument of nax_process(). */
