@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Sets up the machine, builds everything and runs every test suite.
-# Under CI (CI=true) warnings are errors and the unit tests run a second
-# time in an AddressSanitizer + UndefinedBehaviorSanitizer build.
-# MARLO_TSAN_TESTS=1 adds a ThreadSanitizer build with lock-order checks
-# (too slow for CI's time budget on two cores).
+# Under CI (CI=true) warnings are errors and the unit tests also run in an
+# AddressSanitizer + UndefinedBehaviorSanitizer build and in a
+# ThreadSanitizer build with lock-order checks. Outside CI,
+# MARLO_SANITIZE_TESTS=1 and MARLO_TSAN_TESTS=1 ask for them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -28,7 +28,7 @@ if [ "${CI:-}" = "true" ] || [ "${MARLO_SANITIZE_TESTS:-}" = "1" ]; then
         -DCMAKE_BUILD_TYPE=Debug
 fi
 
-if [ "${MARLO_TSAN_TESTS:-}" = "1" ]; then
+if [ "${CI:-}" = "true" ] || [ "${MARLO_TSAN_TESTS:-}" = "1" ]; then
     echo "== thread sanitizer build =="
     TSAN_OPTIONS="detect_deadlocks=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
         run_suite build-tsan -DMARLO_SANITIZE=thread -DMARLO_BUILD_BENCHMARKS=OFF \
