@@ -207,7 +207,7 @@ v4l2_frmsizeenum DiscreteSize(uint32_t width, uint32_t height);
 v4l2_frmsizeenum StepwiseSize(uint32_t minWidth, uint32_t minHeight, uint32_t maxWidth,
                               uint32_t maxHeight, uint32_t stepWidth, uint32_t stepHeight);
 
-struct FrameSpec {
+struct FrameContent {
     /* -1: one more than the last frame's sequence (starting at 0). */
     int64_t sequence = -1;
     /* Copied into the buffer record. */
@@ -222,8 +222,8 @@ struct FrameSpec {
     uint32_t flags = 0;
 };
 
-/* A frame spec with the usual three fields. */
-FrameSpec Frame(int64_t sequence = -1, timeval timestamp = {0, 0}, uint8_t fill = 0);
+/* Frame content with the usual three fields. */
+FrameContent Frame(int64_t sequence = -1, timeval timestamp = {0, 0}, uint8_t fill = 0);
 
 class FakeVideoNode : public FakeNode {
   public:
@@ -238,7 +238,7 @@ class FakeVideoNode : public FakeNode {
      * Fills the oldest queued buffer and makes it ready for DQBUF. Answers the
      * buffer's index, or -1 when the node is not streaming or nothing is queued.
      */
-    int ProduceFrame(const FrameSpec& spec = {});
+    int ProduceFrame(const FrameContent& content = {});
     /*
      * Waits until at least \a count buffers are queued and the node streams
      * (for example after the code under test returned a frame). False on timeout.
@@ -246,11 +246,11 @@ class FakeVideoNode : public FakeNode {
     bool WaitQueued(size_t count, std::chrono::milliseconds timeout);
     /*
      * Produces a frame every \a period on a thread of the node whenever a
-     * buffer is queued, with \a spec (sequence counting on, timestamp from
-     * CLOCK_MONOTONIC when \a spec leaves it 0). StopFrames() joins the thread;
+     * buffer is queued, with \a content (sequence counting on, timestamp from
+     * CLOCK_MONOTONIC when \a content leaves it 0). StopFrames() joins the thread;
      * the destructor stops it too. Answers the number of frames produced.
      */
-    void StartFrames(std::chrono::microseconds period, FrameSpec spec = {});
+    void StartFrames(std::chrono::microseconds period, FrameContent content = {});
     size_t StopFrames();
     /* Queues an event; it is delivered only if its type is subscribed. */
     void PostEvent(const v4l2_event& event);

@@ -406,12 +406,12 @@ TEST_F(FakeV4l2Test, DequeuedRecordCarriesDoneAndTimestampFlags) {
     int type = req.type;
     ASSERT_EQ(ioctl(fd, VIDIOC_STREAMON, &type), 0);
 
-    marlo_fake::FrameSpec spec = Frame(6, {2, 3}, 0);
-    spec.bytesused = 100;
-    ASSERT_EQ(node->ProduceFrame(spec), 0);
-    spec = Frame(7, {2, 4}, 0);
-    spec.flags = V4L2_BUF_FLAG_ERROR;
-    ASSERT_EQ(node->ProduceFrame(spec), 1);
+    marlo_fake::FrameContent content = Frame(6, {2, 3}, 0);
+    content.bytesused = 100;
+    ASSERT_EQ(node->ProduceFrame(content), 0);
+    content = Frame(7, {2, 4}, 0);
+    content.flags = V4L2_BUF_FLAG_ERROR;
+    ASSERT_EQ(node->ProduceFrame(content), 1);
 
     v4l2_plane planes[VIDEO_MAX_PLANES] = {};
     v4l2_buffer out = {};

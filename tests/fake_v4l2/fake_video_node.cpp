@@ -78,12 +78,12 @@ v4l2_frmsizeenum StepwiseSize(uint32_t minWidth, uint32_t minHeight, uint32_t ma
     return size;
 }
 
-FrameSpec Frame(int64_t sequence, timeval timestamp, uint8_t fill) {
-    FrameSpec spec;
-    spec.sequence = sequence;
-    spec.timestamp = timestamp;
-    spec.fill = fill;
-    return spec;
+FrameContent Frame(int64_t sequence, timeval timestamp, uint8_t fill) {
+    FrameContent content;
+    content.sequence = sequence;
+    content.timestamp = timestamp;
+    content.fill = fill;
+    return content;
 }
 
 FakeVideoNode::FakeVideoNode(std::string path, VideoNodeConfig config)
@@ -111,14 +111,14 @@ bool FakeVideoNode::WaitQueued(size_t count, std::chrono::milliseconds timeout) 
     return cond_.wait_for(lock, timeout, [&] { return streaming_ && queued_.size() >= count; });
 }
 
-void FakeVideoNode::StartFrames(std::chrono::microseconds period, FrameSpec spec) {
+void FakeVideoNode::StartFrames(std::chrono::microseconds period, FrameContent content) {
     StopFrames();
     {
         std::lock_guard<std::mutex> lock(mutex_);
         producing_ = true;
         produced_ = 0;
     }
-    producer_ = std::thread([this, period, spec]() mutable {
+    producer_ = std::thread([this, period, content]() mutable {
         auto next = std::chrono::steady_clock::now();
         for (;;) {
             next += period;
@@ -127,9 +127,9 @@ void FakeVideoNode::StartFrames(std::chrono::microseconds period, FrameSpec spec
                 if (cond_.wait_until(lock, next, [&] { return !producing_; }))
                     return;
             }
-            FrameSpec frame = spec;
+            FrameContent frame = content;
             frame.sequence = -1;
-            if (spec.timestamp.tv_sec == 0 && spec.timestamp.tv_usec == 0) {
+            if (content.timestamp.tv_sec == 0 && content.timestamp.tv_usec == 0) {
                 timespec now;
                 clock_gettime(CLOCK_MONOTONIC, &now);
                 frame.timestamp = {now.tv_sec, now.tv_nsec / 1000};
@@ -680,7 +680,7 @@ void FakeVideoNode::PostEvent(const v4l2_event& event) {
     events_.push_back(copy);
 }
 
-int FakeVideoNode::ProduceFrame(const FrameSpec& spec) {
+int FakeVideoNode::ProduceFrame(const FrameContent& content) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!streaming_ || queued_.empty())
         return -1;
@@ -689,7 +689,7 @@ int FakeVideoNode::ProduceFrame(const FrameSpec& spec) {
 
     for (uint32_t p = 0; p < buffer.planes.size(); ++p) {
         Plane& plane = buffer.planes[p];
-        plane.bytesused = spec.bytesused != 0 ? std::min(spec.bytesused, plane.size) : plane.size;
+        plane.bytesused = content.bytesused != 0 ? std::min(content.bytesused, plane.size) : plane.size;
         int fd = memory_ == V4L2_MEMORY_MMAP ? plane.memfd : plane.dmabuf;
         struct stat st;
         if (fd < 0 || fstat(fd, &st) != 0)
@@ -702,16 +702,16 @@ int FakeVideoNode::ProduceFrame(const FrameSpec& spec) {
         if (addr == MAP_FAILED)
             continue;
         auto* data = static_cast<uint8_t*>(addr);
-        if (spec.writer)
-            spec.writer(p, data, size);
+        if (content.writer)
+            content.writer(p, data, size);
         else
-            memset(data, spec.fill, size);
+            memset(data, content.fill, size);
         detail::RealMunmap(addr, size);
     }
-    buffer.sequence = spec.sequence >= 0 ? static_cast<uint32_t>(spec.sequence) : nextSequence_;
+    buffer.sequence = content.sequence >= 0 ? static_cast<uint32_t>(content.sequence) : nextSequence_;
     nextSequence_ = buffer.sequence + 1;
-    buffer.timestamp = spec.timestamp;
-    buffer.flags = spec.flags;
+    buffer.timestamp = content.timestamp;
+    buffer.flags = content.flags;
     buffer.state = State::kDone;
     done_.push_back(buffer.index);
     UpdateReadiness();

@@ -709,10 +709,10 @@ TEST_F(V4l2VideoDeviceTest, SinglePlanarDequeueTakesTheDriversBytesUsedAndFlags)
     Prepare(device, 2);
     QueueAll(device);
     ASSERT_EQ(device.StreamOn(), 0);
-    marlo_fake::FrameSpec spec = marlo_fake::Frame(9, {1, 2}, 0x10);
-    spec.bytesused = 1000;
-    spec.flags = V4L2_BUF_FLAG_ERROR;
-    ASSERT_EQ(node_->ProduceFrame(spec), 0);
+    marlo_fake::FrameContent content = marlo_fake::Frame(9, {1, 2}, 0x10);
+    content.bytesused = 1000;
+    content.flags = V4L2_BUF_FLAG_ERROR;
+    ASSERT_EQ(node_->ProduceFrame(content), 0);
     auto frame = device.DequeBuffer();
     ASSERT_NE(frame, nullptr);
     EXPECT_EQ(frame->GetSequence(), 9u);
