@@ -689,7 +689,8 @@ int FakeVideoNode::ProduceFrame(const FrameContent& content) {
 
     for (uint32_t p = 0; p < buffer.planes.size(); ++p) {
         Plane& plane = buffer.planes[p];
-        plane.bytesused = content.bytesused != 0 ? std::min(content.bytesused, plane.size) : plane.size;
+        plane.bytesused =
+            content.bytesused != 0 ? std::min(content.bytesused, plane.size) : plane.size;
         int fd = memory_ == V4L2_MEMORY_MMAP ? plane.memfd : plane.dmabuf;
         struct stat st;
         if (fd < 0 || fstat(fd, &st) != 0)
@@ -708,7 +709,8 @@ int FakeVideoNode::ProduceFrame(const FrameContent& content) {
             memset(data, content.fill, size);
         detail::RealMunmap(addr, size);
     }
-    buffer.sequence = content.sequence >= 0 ? static_cast<uint32_t>(content.sequence) : nextSequence_;
+    buffer.sequence =
+        content.sequence >= 0 ? static_cast<uint32_t>(content.sequence) : nextSequence_;
     nextSequence_ = buffer.sequence + 1;
     buffer.timestamp = content.timestamp;
     buffer.flags = content.flags;
