@@ -13,34 +13,17 @@
 #include <thread>
 
 #include "fault_injection.h"
+#include "support/gate.h"
 #include "support/log_capture.h"
 
 using namespace tessaro::marlo;
+using marlo_test::Gate;
 using marlo_test::LogCapture;
 using namespace std::chrono_literals;
 
 namespace {
 
 constexpr char kTag[] = "marlo_base";
-
-// A one-shot gate: functions under test block on it until the test opens it.
-class Gate {
-  public:
-    void open() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        open_ = true;
-        cond_.notify_all();
-    }
-    void wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        cond_.wait(lock, [this] { return open_; });
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable cond_;
-    bool open_ = false;
-};
 
 int CurrentMask() {
     cpu_set_t set;
