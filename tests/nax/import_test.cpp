@@ -5,6 +5,7 @@
  */
 #include <gtest/gtest.h>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
@@ -14,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -204,6 +206,43 @@ TEST(Import, IdleMappingsAgeOutWithoutFurtherCalls) {
 }
 
 /*
+ * True once every thread but the caller sleeps. A fork taken while another
+ * thread is inside the allocator would hand the child a lock nobody
+ * releases (the address sanitizer's allocator has no fork handlers), so the
+ * fork waits for the engine's new thread to reach its timed wait.
+ */
+bool OtherThreadsAsleep() {
+    DIR* tasks = opendir("/proc/self/task");
+    if (tasks == nullptr)
+        return false;
+    const std::string self = std::to_string(gettid());
+    bool asleep = true;
+    while (const dirent* task = readdir(tasks)) {
+        const std::string tid = task->d_name;
+        if (tid == "." || tid == ".." || tid == self)
+            continue;
+        std::ifstream stat("/proc/self/task/" + tid + "/stat");
+        std::string line;
+        std::getline(stat, line);
+        /* The state follows the parenthesised command name. */
+        const size_t close = line.rfind(')');
+        if (close == std::string::npos || close + 2 >= line.size() || line[close + 2] != 'S')
+            asleep = false;
+    }
+    closedir(tasks);
+    return asleep;
+}
+
+void WaitUntilOtherThreadsSleep() {
+    for (int i = 0; i < 200 && !OtherThreadsAsleep(); i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    /* Stay asleep for a while: a thread just started may still be on its
+     * way to the wait. */
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(OtherThreadsAsleep());
+}
+
+/*
  * A child forked while the parent's thread for idle mappings runs uses the
  * engine, has its own idle mappings dropped on time by a thread of its own,
  * and exits normally without joining the parent's thread.
@@ -216,6 +255,7 @@ TEST(Import, ForkedChildUsesTheEngineAndExits) {
     uint32_t h = nax_import_fd(mem.fd(), nullptr);
     ASSERT_NE(0u, h);
     ASSERT_EQ(0, nax_release_handle(h)); /* now idle: the thread runs */
+    ASSERT_NO_FATAL_FAILURE(WaitUntilOtherThreadsSleep());
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
