@@ -1,0 +1,109 @@
+/*
+ * HalCamera: one physical capture device shared by every client that opened
+ * its device id. It owns the capture camera, the IO thread that waits for
+ * captured frames, the 2D-engine operator that copies each frame into the
+ * clients' buffers, and a list of weak references to the clients'
+ * VirtualCameras. Capture runs while at least one client streams.
+ *
+ * Locks: the camera mutex serialises open, start, end and close; the client
+ * list has its own mutex, which the frame fan-out on the IO thread holds for
+ * a whole frame. The fan-out never takes the camera mutex, because ending
+ * the last stream stops the IO thread while holding it.
+ */
+#pragma once
+
+#include <stdint.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <marlo/base/io_thread.h>
+#include <marlo/camera/safe_list.h>
+#include <marlo/imgproc/nax_image_operator.h>
+#include <marlo/v4l2/v4l2_camera.h>
+
+namespace tessaro::marlo {
+
+class VirtualCamera;
+
+namespace detail {
+class FrameFanOut;
+}  // namespace detail
+
+class HalCamera : public std::enable_shared_from_this<HalCamera> {
+  public:
+    /* Nothing is opened here. Create it with std::make_shared. */
+    explicit HalCamera(const std::string& deviceId);
+    /* Closes through clientStreamclosing(), then releases the members. */
+    virtual ~HalCamera();
+
+    HalCamera(const HalCamera&) = delete;
+    HalCamera& operator=(const HalCamera&) = delete;
+
+    /*
+     * Records the geometry (a later opener's values replace an earlier
+     * one's) and opens the device on first use. True when the device is
+     * open, also when it was open before and kept its first geometry.
+     */
+    bool clientStreamOpening(int width, int height, int format);
+    /*
+     * Counts a streaming client; the first one starts the IO thread and the
+     * capture. Only the first starter sees the capture's status.
+     */
+    int clientStreamStarting();
+    /* Counts a client out; the last one stops the capture and the IO thread. */
+    void clientStreamEnding();
+    /* Shuts the device when no client is left (see the source for the condition). */
+    void clientStreamclosing();
+
+    bool OwnVirtualCamera(std::shared_ptr<VirtualCamera>& vc);
+    /* A new client camera for client \a id, or null. Needs a shared_ptr owner. */
+    std::shared_ptr<VirtualCamera> MakeVirtualCamera(int id);
+    void DisownVirtualCamera(std::shared_ptr<VirtualCamera>& vc);
+
+    const std::string& deviceId() const { return device_id_; }
+    /* Number of client entries, read under the list's mutex. */
+    size_t clientCount() const { return clients_.size(); }
+    /* Returns once a frame being fanned out now has been delivered. */
+    void waitForFrameFanOut() const { clients_.barrier(); }
+
+    /* 0 stopped, 1 running (read under the camera mutex). */
+    int32_t captureState();
+    int32_t streamingClients() const { return streaming_clients_.load(); }
+    /* The geometry last given to clientStreamOpening. */
+    int32_t width() const { return width_.load(); }
+    int32_t height() const { return height_.load(); }
+    int32_t format() const { return format_.load(); }
+    /* The capture camera, null before the first clientStreamOpening. */
+    V4l2Camera* hwCamera() const { return hw_camera_.get(); }
+
+  private:
+    friend class detail::FrameFanOut;
+
+    /* Capture stop shared by clientStreamEnding and the destructor; camera mutex held. */
+    void stopCaptureLocked();
+
+    std::unique_ptr<V4l2Camera> hw_camera_;
+    std::string device_id_;
+    /* Kept for layout compatibility; nothing locks it. */
+    std::mutex spare_mutex_;
+    SafeList<std::weak_ptr<VirtualCamera>> clients_;
+    int32_t capture_state_ = 0;
+    /* The frame being fanned out; written on the IO thread only. */
+    ImageBuffer src_image_;
+    /* Atomic: the fan-out reads them without the camera mutex. */
+    std::atomic<int32_t> width_{0};
+    std::atomic<int32_t> height_{0};
+    std::atomic<int32_t> format_{0};
+    IoThread io_thread_;
+    NaxImageOperator nax_operator_;
+    /* Kept for layout compatibility; nothing fills it. */
+    std::vector<std::shared_ptr<VirtualCamera>> spare_;
+    std::atomic<int32_t> streaming_clients_{0};
+    std::mutex camera_mutex_;
+};
+
+}  // namespace tessaro::marlo

@@ -1,0 +1,80 @@
+/*
+ * VirtualCamera: one client's view of a shared HalCamera. It keeps the
+ * client's frame callback, its stream state and a queue of free buffer sets.
+ * A set is a vector of FrameBuffers that all receive the same captured frame,
+ * each converted to its own format, size and crop; the client lends sets,
+ * the frame fan-out fills and forwards them, and the client returns them.
+ */
+#pragma once
+
+#include <stdint.h>
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <marlo/buffer/frame_buffer.h>
+#include <marlo/imgproc/nax_image_operator.h>
+
+namespace tessaro::marlo {
+
+class HalCamera;
+
+class VirtualCamera {
+  public:
+    using FrameSet = std::vector<std::shared_ptr<FrameBuffer>>;
+    using FrameCallback = std::function<void(std::vector<std::shared_ptr<FrameBuffer>>)>;
+
+    static constexpr int32_t kStopped = 0;
+    static constexpr int32_t kRunning = 1;
+    static constexpr int32_t kStopping = 2;
+
+    VirtualCamera(int id, const std::shared_ptr<HalCamera>& halCamera);
+    virtual ~VirtualCamera();
+
+    VirtualCamera(const VirtualCamera&) = delete;
+    VirtualCamera& operator=(const VirtualCamera&) = delete;
+
+    /* Every camera of this client still alive, in map order. */
+    std::vector<std::shared_ptr<HalCamera>> getHalCameras();
+    /* Opens the cameras; answers true whatever they report. */
+    bool openVideoStream(int width, int height, int format);
+    /* Stores \a callback and starts the cameras. 0, or -2 when a camera failed. */
+    int startVideoStream(FrameCallback callback);
+    /* Stops the cameras, drops the callback and forgets every lent set. */
+    void stopVideoStream();
+    /* Replaces the free queue with \a buffers as one set. Always 0. */
+    int setFrameInfo(std::vector<std::shared_ptr<FrameBuffer>>& buffers);
+    /* Takes the oldest free set, or an empty one when none is free. */
+    std::vector<std::shared_ptr<FrameBuffer>> getAvailableFrames();
+    /* Hands a filled set to the client's callback, on the calling thread. */
+    void forwardFrame(std::vector<std::shared_ptr<FrameBuffer>> frames);
+    /* Queues a set the client gives back (or lends anew). */
+    void doneWithFrame(std::vector<std::shared_ptr<FrameBuffer>> frames);
+
+    int32_t id() const { return id_; }
+    /* 0 stopped, 1 running, 2 stopping. */
+    int32_t state() const { return state_.load(); }
+    /* Number of queued free sets (read under the queue mutex). */
+    size_t freeSetCount();
+
+  private:
+    std::unordered_map<std::string, std::weak_ptr<HalCamera>> hal_cameras_;
+    std::atomic<int32_t> state_{kStopped};
+    std::mutex stream_mutex_;
+    /* Read by forwardFrame on the IO thread without a lock; see stopVideoStream. */
+    FrameCallback callback_;
+    /* Kept for layout compatibility; nothing fills them. */
+    std::vector<std::shared_ptr<FrameBuffer>> spare_;
+    ImageBuffer spare_images_[10];
+    std::mutex queue_mutex_;
+    std::deque<FrameSet> free_sets_;
+    int32_t id_;
+};
+
+}  // namespace tessaro::marlo

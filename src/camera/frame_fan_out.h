@@ -1,0 +1,44 @@
+/*
+ * FrameFanOut: the handler a HalCamera registers on its IO thread for the
+ * capture descriptor while capture runs. Each call takes one captured
+ * buffer, converts it into a free buffer set of every running client,
+ * forwards the sets, waits (bounded) for the conversions and requeues the
+ * buffer. It holds only the camera's address.
+ */
+#pragma once
+
+#include <stdint.h>
+
+#include <memory>
+#include <vector>
+
+namespace tessaro::marlo {
+
+class FrameBuffer;
+class HalCamera;
+class V4l2Buffer;
+class VirtualCamera;
+
+namespace detail {
+
+class FrameFanOut {
+  public:
+    explicit FrameFanOut(HalCamera* camera) : camera_(camera) {}
+
+    void operator()(int fd, unsigned int events) const;
+
+  private:
+    /* Converts the frame into \a client's next free set and forwards it. */
+    void serveClient(const std::weak_ptr<VirtualCamera>& client, const V4l2Buffer& buffer,
+                     std::vector<int>& fences) const;
+    /* Writes one buffer of a set; the fence of an asynchronous job goes to \a fences. */
+    void convertInto(const std::shared_ptr<FrameBuffer>& frame, const V4l2Buffer& buffer,
+                     std::vector<int>& fences) const;
+    /* Merges the frame's fences and waits for them, at most 100 ms. */
+    void waitForFences(const std::vector<int>& fences, uint32_t sequence) const;
+
+    HalCamera* camera_;
+};
+
+}  // namespace detail
+}  // namespace tessaro::marlo

@@ -1,0 +1,200 @@
+#include <marlo/camera/virtual_camera.h>
+
+#include <marlo/base/logger.h>
+#include <marlo/camera/hal_camera.h>
+
+#include "camera/camera_trace.h"
+
+namespace tessaro::marlo {
+
+namespace {
+
+constexpr char kTag[] = "marlo_stream";
+
+}  // namespace
+
+#define VCAM_LOG(severity, fmt, ...) \
+    marlo_log(severity, kTag, "VCAM(%d) %s:%d " fmt, id_, __func__, __LINE__, ##__VA_ARGS__)
+
+VirtualCamera::VirtualCamera(int id, const std::shared_ptr<HalCamera>& halCamera) : id_(id) {
+    hal_cameras_.max_load_factor(1.0f);
+    for (ImageBuffer& image : spare_images_) {
+        image = ImageBuffer();
+        image.fd = -1;
+    }
+    if (halCamera)
+        hal_cameras_.emplace(halCamera->deviceId(), halCamera);
+    else
+        /* A camera-less client stays usable; every open and start reports the missing camera. */
+        VCAM_LOG(MARLO_LOG_ERROR, "created without a hw camera");
+}
+
+VirtualCamera::~VirtualCamera() = default;
+
+std::vector<std::shared_ptr<HalCamera>> VirtualCamera::getHalCameras() {
+    std::vector<std::shared_ptr<HalCamera>> cameras;
+    for (const auto& entry : hal_cameras_) {
+        if (std::shared_ptr<HalCamera> camera = entry.second.lock())
+            cameras.push_back(std::move(camera));
+    }
+    return cameras;
+}
+
+bool VirtualCamera::openVideoStream(int width, int height, int format) {
+    std::lock_guard<std::mutex> lock(stream_mutex_);
+    for (const auto& entry : hal_cameras_) {
+        std::shared_ptr<HalCamera> camera = entry.second.lock();
+        if (!camera) {
+            VCAM_LOG(MARLO_LOG_ERROR, "vcam has no hw camera");
+            continue;
+        }
+        if (!camera->clientStreamOpening(width, height, format)) {
+            VCAM_LOG(MARLO_LOG_ERROR, "Failed to open a virtual camera for %s\n",
+                     camera->deviceId().c_str());
+            break;
+        }
+    }
+    /* Success whatever the cameras said: the caller's failure path stays unused from here. */
+    return true;
+}
+
+int VirtualCamera::startVideoStream(FrameCallback callback) {
+    std::lock_guard<std::mutex> lock(stream_mutex_);
+    callback_ = std::move(callback);
+
+    int32_t state = state_.load();
+    if (state != kStopped) {
+        VCAM_LOG(MARLO_LOG_ERROR,
+                 "Ignoring startVideoStream when a stream is already in running state %d.", state);
+        return 0;
+    }
+
+    state_ = kRunning;
+    for (auto it = hal_cameras_.begin(); it != hal_cameras_.end(); ++it) {
+        std::shared_ptr<HalCamera> camera = it->second.lock();
+        if (!camera) {
+            /*
+             * A camera that has gone never comes back, so trying the same entry
+             * again could only repeat this forever. The start fails like a
+             * refused one instead.
+             */
+            VCAM_LOG(MARLO_LOG_ERROR, "Failed to start a video stream");
+            state_ = kStopped;
+            for (auto before = hal_cameras_.begin(); before != it; ++before) {
+                if (std::shared_ptr<HalCamera> started = before->second.lock())
+                    started->clientStreamEnding();
+            }
+            return -2;
+        }
+        VCAM_LOG(MARLO_LOG_INFO, "Starts a video stream");
+        if (camera->clientStreamStarting() != 0) {
+            VCAM_LOG(MARLO_LOG_ERROR, "Failed to start a client video stream");
+            state_ = kStopped;
+            for (auto before = hal_cameras_.begin(); before != it; ++before) {
+                if (std::shared_ptr<HalCamera> started = before->second.lock())
+                    started->clientStreamEnding();
+            }
+            return -2;
+        }
+    }
+    return 0;
+}
+
+void VirtualCamera::stopVideoStream() {
+    std::lock_guard<std::mutex> lock(stream_mutex_);
+    int32_t state = state_.load();
+    if (state != kRunning) {
+        VCAM_LOG(MARLO_LOG_ERROR, "Failed to stop video stream in state %d", state);
+        return;
+    }
+
+    state_ = kStopping;
+    for (const auto& entry : hal_cameras_) {
+        std::shared_ptr<HalCamera> camera = entry.second.lock();
+        if (!camera) {
+            VCAM_LOG(MARLO_LOG_ERROR, "Failed to stop video stream in state %d", state_.load());
+            continue;
+        }
+        camera->clientStreamEnding();
+        /*
+         * The fan-out serves running clients only, but one frame may have
+         * found this client running just before the state changed. Waiting
+         * for that frame keeps its forwardFrame off the callback cleared below.
+         */
+        camera->waitForFrameFanOut();
+    }
+
+    state_ = kStopped;
+    callback_ = nullptr;
+    std::lock_guard<std::mutex> queueLock(queue_mutex_);
+    free_sets_.clear();
+}
+
+int VirtualCamera::setFrameInfo(std::vector<std::shared_ptr<FrameBuffer>>& buffers) {
+    std::lock_guard<std::mutex> lock(queue_mutex_);
+    free_sets_.clear();
+    free_sets_.push_back(buffers);
+    for (const std::shared_ptr<FrameBuffer>& buffer : buffers) {
+        unsigned long long cookies = buffer ? buffer->cookies() : 0;
+        int fd = buffer ? buffer->planes()[0].fd.get() : -1;
+        if (detail::BeginCameraTrace("setFrameInfo (vcam %d, cookies %llu, fd = %d)", id_, cookies,
+                                     fd))
+            detail::EndCameraTrace();
+        /* Informational, yet logged as an error: log tooling watches for it there. */
+        VCAM_LOG(MARLO_LOG_ERROR, "Received buffer cookies %llu fd = %d\n", cookies, fd);
+    }
+    return 0;
+}
+
+std::vector<std::shared_ptr<FrameBuffer>> VirtualCamera::getAvailableFrames() {
+    std::lock_guard<std::mutex> lock(queue_mutex_);
+    if (free_sets_.empty()) {
+        VCAM_LOG(MARLO_LOG_ERROR, "has No available buffer to NAX copy!!!!");
+        return {};
+    }
+    FrameSet frames = std::move(free_sets_.front());
+    free_sets_.pop_front();
+    return frames;
+}
+
+void VirtualCamera::forwardFrame(std::vector<std::shared_ptr<FrameBuffer>> frames) {
+    if (frames.empty()) {
+        VCAM_LOG(MARLO_LOG_INFO, "forwardFrame null");
+        return;
+    }
+    for (const std::shared_ptr<FrameBuffer>& buffer : frames) {
+        int sequence = buffer ? static_cast<int>(buffer->sequence()) : 0;
+        unsigned long long cookies = buffer ? buffer->cookies() : 0;
+        int fd = buffer ? buffer->planes()[0].fd.get() : -1;
+        if (detail::BeginCameraTrace("forwardFrame (vcam %d, sequence %d, cookies %llu, fd = %d)",
+                                     id_, sequence, cookies, fd))
+            detail::EndCameraTrace();
+    }
+    if (!callback_)
+        return;
+    callback_(frames);
+}
+
+void VirtualCamera::doneWithFrame(std::vector<std::shared_ptr<FrameBuffer>> frames) {
+    if (frames.empty()) {
+        VCAM_LOG(MARLO_LOG_INFO, "doneWithFrame null");
+        return;
+    }
+    std::lock_guard<std::mutex> lock(queue_mutex_);
+    free_sets_.push_back(frames);
+    for (const std::shared_ptr<FrameBuffer>& buffer : frames) {
+        unsigned long long cookies = buffer ? buffer->cookies() : 0;
+        int fd = buffer ? buffer->planes()[0].fd.get() : -1;
+        if (detail::BeginCameraTrace("doneWithFrame (vcam %d, cookies %llu, fd = %d)", id_, cookies,
+                                     fd))
+            detail::EndCameraTrace();
+        VCAM_LOG(MARLO_LOG_INFO, "doneWithFrame index %llu", cookies);
+    }
+}
+
+size_t VirtualCamera::freeSetCount() {
+    std::lock_guard<std::mutex> lock(queue_mutex_);
+    return free_sets_.size();
+}
+
+}  // namespace tessaro::marlo
