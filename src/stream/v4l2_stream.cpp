@@ -1,0 +1,379 @@
+#include <marlo/stream/v4l2_stream.h>
+
+#include <string.h>
+
+#include <map>
+
+#include <marlo/base/logger.h>
+#include <marlo/buffer/pixel_format.h>
+#include <marlo/camera/hal_camera.h>
+#include <marlo/camera/virtual_camera.h>
+#include <marlo/config/config.h>
+
+#include "stream/stream_registry_access.h"
+
+namespace tessaro::marlo {
+
+namespace {
+
+constexpr char kTag[] = "marlo_stream";
+
+constexpr int kFailed = -2;
+
+/* Every stream reports a constant rate, whatever the device delivers. */
+constexpr float kFrameRate = 30.0f;
+
+std::unordered_map<std::string, std::shared_ptr<HalCamera>> MakeRegistry() {
+    std::unordered_map<std::string, std::shared_ptr<HalCamera>> registry;
+    registry.max_load_factor(1.0f);
+    return registry;
+}
+
+/* Formats a client can be told it receives; anything else is reported as UYVY. */
+const std::map<FourccFormat, marlo_color_fmt_t> kColorFormats = {
+    {FOURCC_RGB3, MARLO_COLOR_FMT_RGB3}, {FOURCC_UYVY, MARLO_COLOR_FMT_UYVY},
+    {FOURCC_YUYV, MARLO_COLOR_FMT_YUYV}, {FOURCC_YVYU, MARLO_COLOR_FMT_YVYU},
+    {FOURCC_VYUY, MARLO_COLOR_FMT_VYUY}, {FOURCC_NV12, MARLO_COLOR_FMT_NV12},
+    {FOURCC_NV21, MARLO_COLOR_FMT_NV21}, {FOURCC_NV16, MARLO_COLOR_FMT_NV16},
+    {FOURCC_NV61, MARLO_COLOR_FMT_NV61}, {FOURCC_YU12, MARLO_COLOR_FMT_YU12},
+    {FOURCC_YV12, MARLO_COLOR_FMT_YV12}, {FOURCC_AB24, MARLO_COLOR_FMT_AB24},
+};
+
+/*
+ * Built per query from the list clients and configuration files have always
+ * used. The ninth entry repeats "extra_other" and is dropped by the map, so
+ * value 8 is never answered; the list stays as it is.
+ */
+std::map<std::string, marlo_location_t> LocationMap() {
+    return {
+        {"interior", MARLO_LOCATION_INTERIOR},
+        {"exterior_other", MARLO_LOCATION_EXTERIOR_OTHER},
+        {"exterior_front", MARLO_LOCATION_EXTERIOR_FRONT},
+        {"exterior_rear", MARLO_LOCATION_EXTERIOR_REAR},
+        {"exterior_left", MARLO_LOCATION_EXTERIOR_LEFT},
+        {"exterior_right", MARLO_LOCATION_EXTERIOR_RIGHT},
+        {"extra_other", MARLO_LOCATION_EXTRA_OTHER},
+        {"extra_front", MARLO_LOCATION_EXTRA_FRONT},
+        {"extra_other", MARLO_LOCATION_EXTRA_OTHER},
+        {"extra_left", MARLO_LOCATION_EXTRA_LEFT},
+        {"extra_right", MARLO_LOCATION_EXTRA_RIGHT},
+    };
+}
+
+/*
+ * Same story: the eleventh entry repeats the first row's centre seat, so the
+ * second row's centre seat (10) has no text.
+ */
+std::map<std::string, marlo_lens_facing_t> LensFacingMap() {
+    return {
+        {"exterior_other", MARLO_LENS_FACING_EXTERIOR_OTHER},
+        {"exterior_front", MARLO_LENS_FACING_EXTERIOR_FRONT},
+        {"exterior_rear", MARLO_LENS_FACING_EXTERIOR_REAR},
+        {"exterior_left", MARLO_LENS_FACING_EXTERIOR_LEFT},
+        {"exterior_right", MARLO_LENS_FACING_EXTERIOR_RIGHT},
+        {"interior_other", MARLO_LENS_FACING_INTERIOR_OTHER},
+        {"interior_seat_row_1_left", MARLO_LENS_FACING_INTERIOR_SEAT_ROW_1_LEFT},
+        {"interior_seat_row_1_center", MARLO_LENS_FACING_INTERIOR_SEAT_ROW_1_CENTER},
+        {"interior_seat_row_1_right", MARLO_LENS_FACING_INTERIOR_SEAT_ROW_1_RIGHT},
+        {"interior_seat_row_2_left", MARLO_LENS_FACING_INTERIOR_SEAT_ROW_2_LEFT},
+        {"interior_seat_row_1_center", MARLO_LENS_FACING_INTERIOR_SEAT_ROW_1_CENTER},
+        {"interior_seat_row_2_right", MARLO_LENS_FACING_INTERIOR_SEAT_ROW_2_RIGHT},
+        {"interior_seat_row_3_left", MARLO_LENS_FACING_INTERIOR_SEAT_ROW_3_LEFT},
+        {"interior_seat_row_3_center", MARLO_LENS_FACING_INTERIOR_SEAT_ROW_3_CENTER},
+        {"interior_seat_row_3_right", MARLO_LENS_FACING_INTERIOR_SEAT_ROW_3_RIGHT},
+    };
+}
+
+/* Writes \a count 32-bit words at the start of the record and nothing else. */
+void WriteWords(marlo_param_value_t* value, const void* words, size_t count) {
+    memcpy(value, words, count * sizeof(uint32_t));
+}
+
+}  // namespace
+
+std::unordered_map<std::string, std::shared_ptr<HalCamera>> V4l2Stream::active_cameras_ =
+    MakeRegistry();
+std::mutex V4l2Stream::active_cameras_mutex_;
+
+#define STRM_LOG(severity, fmt, ...)                                                       \
+    marlo_log(severity, kTag, "V4LSTRM(%s-%d) %s:%d " fmt, device_id_.c_str(), client_id_, \
+              __func__, __LINE__, ##__VA_ARGS__)
+
+V4l2Stream::V4l2Stream() = default;
+
+V4l2Stream::~V4l2Stream() {
+    if (!virtual_camera_)
+        return;
+    /* The capture wrapper points at this stream; it must be gone before the stream is. */
+    STRM_LOG(MARLO_LOG_WARN, "destroyed while open, closing");
+    CloseCamera();
+}
+
+int V4l2Stream::OpenCamera(int clientId, std::string deviceId, int width, int height, int format) {
+    if (virtual_camera_) {
+        /*
+         * Replacing the camera without closing it would leave the old one
+         * counted as streaming with nobody to stop it.
+         */
+        STRM_LOG(MARLO_LOG_WARN, "opened again while open, closing the earlier camera first");
+        CloseCamera();
+    }
+
+    width_ = width;
+    height_ = height;
+    format_ = format;
+    device_id_ = deviceId;
+    client_id_ = clientId;
+
+    std::shared_ptr<HalCamera> hal;
+    {
+        std::lock_guard<std::mutex> lock(active_cameras_mutex_);
+        auto it = active_cameras_.find(deviceId);
+        if (it != active_cameras_.end()) {
+            hal = it->second;
+            STRM_LOG(MARLO_LOG_INFO, "find deviceId %s in list", deviceId.c_str());
+        } else {
+            hal = std::make_shared<HalCamera>(deviceId);
+            STRM_LOG(MARLO_LOG_INFO, "do not find deviceId %s in list, new halCamera",
+                     deviceId.c_str());
+        }
+        if (!hal) {
+            STRM_LOG(MARLO_LOG_ERROR, "hw camera not found or not available");
+            return kFailed;
+        }
+        active_cameras_[deviceId] = hal;
+    }
+
+    std::shared_ptr<VirtualCamera> virtualCamera = hal->MakeVirtualCamera(clientId);
+    if (!virtualCamera) {
+        STRM_LOG(MARLO_LOG_ERROR, "hw camera not found or not available");
+        return kFailed;
+    }
+    virtual_camera_ = std::move(virtualCamera);
+    STRM_LOG(MARLO_LOG_INFO, "succeed");
+    return 0;
+}
+
+void V4l2Stream::CloseCamera() {
+    if (!virtual_camera_) {
+        STRM_LOG(MARLO_LOG_ERROR, "close with null vcam");
+        return;
+    }
+
+    {
+        std::vector<std::shared_ptr<HalCamera>> cameras = virtual_camera_->getHalCameras();
+        for (const std::shared_ptr<HalCamera>& hal : cameras) {
+            hal->DisownVirtualCamera(virtual_camera_);
+            ClientStopStream();
+            if (hal->clientCount() != 0)
+                continue;
+            {
+                std::lock_guard<std::mutex> lock(active_cameras_mutex_);
+                /* The list still holds the camera, so erasing destroys nothing under the lock. */
+                active_cameras_.erase(hal->deviceId());
+            }
+            hal->clientStreamclosing();
+            STRM_LOG(MARLO_LOG_INFO, "stream state %d", static_cast<int>(state_.load()));
+        }
+        /* Releasing the list here destroys a camera whose registry entry went above. */
+    }
+
+    virtual_camera_.reset();
+    {
+        std::lock_guard<std::mutex> lock(callback_mutex_);
+        frame_callback_ = nullptr;
+    }
+    client_id_ = -1;
+}
+
+int V4l2Stream::ClientStartStream(
+    std::function<void(std::vector<std::shared_ptr<FrameBuffer>>)> callback) {
+    if (!virtual_camera_) {
+        STRM_LOG(MARLO_LOG_ERROR, "start with null vcam");
+        return kFailed;
+    }
+
+    /* Stored before the state check: a refused start still replaces the callback. */
+    {
+        std::lock_guard<std::mutex> lock(callback_mutex_);
+        frame_callback_ = std::move(callback);
+    }
+
+    uint32_t state = state_.load();
+    if (state != 0) {
+        STRM_LOG(MARLO_LOG_ERROR, "stream state %d wrong", static_cast<int>(state));
+        return kFailed;
+    }
+
+    if (!virtual_camera_->openVideoStream(width_, height_, format_)) {
+        STRM_LOG(MARLO_LOG_ERROR, "failed to open vcam");
+        return kFailed;
+    }
+
+    state_ = 1;
+    STRM_LOG(MARLO_LOG_INFO, "stream state %d", static_cast<int>(state_.load()));
+
+    V4l2Stream* self = this;
+    auto wrapper = [self](std::vector<std::shared_ptr<FrameBuffer>> frames) {
+        self->ClientDeliverFrame(frames);
+    };
+    if (virtual_camera_->startVideoStream(wrapper) != 0) {
+        /* The state stays 1: a later ClientStopStream undoes the half-made start. */
+        STRM_LOG(MARLO_LOG_ERROR, "startVideoStream failed");
+        return kFailed;
+    }
+    STRM_LOG(MARLO_LOG_INFO, "open a vcam succeed");
+    return 0;
+}
+
+void V4l2Stream::ClientStopStream() {
+    if (!virtual_camera_) {
+        STRM_LOG(MARLO_LOG_ERROR, "failed stopping null vcam");
+        return;
+    }
+    STRM_LOG(MARLO_LOG_INFO, "stream state %d", static_cast<int>(state_.load()));
+    if (state_.load() != 1)
+        return;
+    virtual_camera_->stopVideoStream();
+    state_ = 0;
+    STRM_LOG(MARLO_LOG_INFO, "stream state %d", static_cast<int>(state_.load()));
+}
+
+void V4l2Stream::ClientDeliverFrame(std::vector<std::shared_ptr<FrameBuffer>> frames) {
+    FrameCallback callback;
+    {
+        std::lock_guard<std::mutex> lock(callback_mutex_);
+        callback = frame_callback_;
+    }
+    /* Without a callback the set is neither delivered nor given back. */
+    if (!callback)
+        return;
+    std::vector<std::shared_ptr<FrameBuffer>> copy = frames;
+    callback(copy);
+}
+
+int V4l2Stream::ClientReturnFrame(std::vector<std::shared_ptr<FrameBuffer>> frames) {
+    if (!virtual_camera_) {
+        STRM_LOG(MARLO_LOG_ERROR, "failed with null vcam");
+        return kFailed;
+    }
+    std::vector<std::shared_ptr<FrameBuffer>> copy = frames;
+    virtual_camera_->doneWithFrame(copy);
+    return 0;
+}
+
+int V4l2Stream::ClientSetBufferInfo(std::vector<std::shared_ptr<FrameBuffer>>& buffers) {
+    if (!virtual_camera_) {
+        STRM_LOG(MARLO_LOG_ERROR, "failed with null vcam");
+        return kFailed;
+    }
+    return virtual_camera_->setFrameInfo(buffers);
+}
+
+int V4l2Stream::ClientPauseStream() {
+    STRM_LOG(MARLO_LOG_ERROR, "not implemented");
+    return 0;
+}
+
+int V4l2Stream::ClientResumeStream() {
+    STRM_LOG(MARLO_LOG_ERROR, "not implemented");
+    return 0;
+}
+
+int V4l2Stream::ClientSetParams(marlo_param_t /*id*/, marlo_param_value_t* /*value*/) {
+    STRM_LOG(MARLO_LOG_ERROR, "not implemented");
+    return 0;
+}
+
+int V4l2Stream::ClientGetParams(marlo_param_t id, marlo_param_value_t* value) {
+    switch (id) {
+        case MARLO_PARAM_COLOR_FORMAT:
+        case MARLO_PARAM_RESOLUTION:
+        case MARLO_PARAM_LOCATION:
+        case MARLO_PARAM_LENS_FACING:
+            break;
+        default:
+            STRM_LOG(MARLO_LOG_ERROR, "invaild param");
+            return kFailed;
+    }
+    if (!value) {
+        /* Nowhere to write the answer. */
+        STRM_LOG(MARLO_LOG_ERROR, "param %d with null value", static_cast<int>(id));
+        return kFailed;
+    }
+
+    if (id == MARLO_PARAM_COLOR_FORMAT) {
+        auto it = kColorFormats.find(static_cast<FourccFormat>(static_cast<uint32_t>(format_)));
+        uint32_t color = it != kColorFormats.end() ? it->second : MARLO_COLOR_FMT_UYVY;
+        WriteWords(value, &color, 1);
+        return 0;
+    }
+    if (id == MARLO_PARAM_RESOLUTION) {
+        marlo_resolution_t resolution = {width_, height_, kFrameRate};
+        WriteWords(value, &resolution, 3);
+        return 0;
+    }
+    return AnswerPlacement(id, value);
+}
+
+int V4l2Stream::AnswerPlacement(marlo_param_t id, marlo_param_value_t* value) {
+    GlobalCameraConfig::BoardConfig config = GlobalCameraConfig::Creat();
+
+    const GlobalCameraConfig::CameraParam* param = nullptr;
+    auto own = config.cameraParams.find(client_id_);
+    if (own != config.cameraParams.end()) {
+        param = &own->second;
+    } else {
+        GlobalCameraConfig::InputSrc src;
+        auto mapped = config.inputMap.find(client_id_);
+        if (mapped != config.inputMap.end())
+            src = mapped->second;
+        /* An unmapped client or a position outside the board has no record to answer from. */
+        if (src.cameraId < 0 || static_cast<size_t>(src.cameraId) >= config.cameras.size() ||
+            src.channelId < 0 ||
+            static_cast<size_t>(src.channelId) >=
+                config.cameras[static_cast<size_t>(src.cameraId)].channels.size()) {
+            STRM_LOG(MARLO_LOG_ERROR, "no camera for client %d in the configuration (%d, %d)",
+                     client_id_, src.cameraId, src.channelId);
+            return kFailed;
+        }
+        param = &config.cameras[static_cast<size_t>(src.cameraId)]
+                     .channels[static_cast<size_t>(src.channelId)]
+                     .cameraParam;
+    }
+
+    int32_t answer = 0;
+    if (id == MARLO_PARAM_LOCATION) {
+        auto map = LocationMap();
+        auto it = map.find(param->location);
+        answer = it != map.end() ? it->second : 0;
+    } else {
+        auto map = LensFacingMap();
+        auto it = map.find(param->lensFacing);
+        answer = it != map.end() ? it->second : 0;
+    }
+    WriteWords(value, &answer, 1);
+    return 0;
+}
+
+namespace detail {
+
+size_t StreamRegistryAccess::Size() {
+    std::lock_guard<std::mutex> lock(V4l2Stream::active_cameras_mutex_);
+    return V4l2Stream::active_cameras_.size();
+}
+
+std::shared_ptr<HalCamera> StreamRegistryAccess::Find(const std::string& deviceId) {
+    std::lock_guard<std::mutex> lock(V4l2Stream::active_cameras_mutex_);
+    auto it = V4l2Stream::active_cameras_.find(deviceId);
+    return it == V4l2Stream::active_cameras_.end() ? nullptr : it->second;
+}
+
+float StreamRegistryAccess::MaxLoadFactor() {
+    std::lock_guard<std::mutex> lock(V4l2Stream::active_cameras_mutex_);
+    return V4l2Stream::active_cameras_.max_load_factor();
+}
+
+}  // namespace detail
+
+}  // namespace tessaro::marlo
