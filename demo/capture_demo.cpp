@@ -1,0 +1,635 @@
+#include "capture_demo.h"
+
+#include <android/sync.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <fstream>
+#include <iomanip>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <marlo/base/unique_fd.h>
+#include <marlo/buffer/frame_buffer.h>
+#include <marlo/buffer/frame_buffer_allocator.h>
+#include <marlo/buffer/pixel_format.h>
+#include <marlo/stream/v4l2_stream.h>
+#include <nax/nax.h>
+
+namespace marlo_demo {
+
+namespace {
+
+using tessaro::marlo::FourccFormat;
+using tessaro::marlo::FrameBuffer;
+using tessaro::marlo::FrameBufferInfo;
+using tessaro::marlo::FrameBufferRect;
+using tessaro::marlo::GrallocFrameBufferAllocator;
+using tessaro::marlo::V4l2Stream;
+using FrameSet = std::vector<std::shared_ptr<FrameBuffer>>;
+using Clock = std::chrono::steady_clock;
+
+/* CPU read and write often: the demo reads the frames it writes to files. */
+constexpr uint64_t kCpuUsage = 0x33;
+/* Bound of the wait for a conversion still running when a set arrives. */
+constexpr int kFenceWaitMs = 1000;
+
+/* What the second buffer of every set of a client shows. */
+enum class Variant { kCrop, kRot90, kRot180, kRot270, kFlip };
+
+struct ClientSpec {
+    uint32_t width = 0;
+    uint32_t height = 0;
+    uint32_t fourcc = 0;
+    Variant variant = Variant::kCrop;
+};
+
+struct Options {
+    std::string device = "/dev/video0";
+    uint32_t width = 1280;
+    uint32_t height = 720;
+    uint32_t fourcc = tessaro::marlo::FOURCC_YUYV;
+    std::vector<ClientSpec> clients;
+    int firstClientId = 0;
+    int sets = 3;
+    int frames = 60;
+    int seconds = 10;
+    std::string outDir = ".";
+};
+
+const char* VariantName(Variant variant) {
+    switch (variant) {
+        case Variant::kCrop:
+            return "crop";
+        case Variant::kRot90:
+            return "rot90";
+        case Variant::kRot180:
+            return "rot180";
+        case Variant::kRot270:
+            return "rot270";
+        case Variant::kFlip:
+            return "flip";
+    }
+    return "?";
+}
+
+std::string FourccText(uint32_t code) {
+    std::string text;
+    for (int i = 0; i < 4; ++i) {
+        char c = static_cast<char>((code >> (8 * i)) & 0xff);
+        text.push_back(c >= 0x20 && c < 0x7f ? c : '.');
+    }
+    return text;
+}
+
+/* Formats the 2D engine reads from a capture buffer. */
+bool IsCaptureFormat(uint32_t code) {
+    using namespace tessaro::marlo;
+    static const uint32_t formats[] = {
+        FOURCC_RGB3, FOURCC_BGR3, FOURCC_RGBP, FOURCC_AB24, FOURCC_XB24, FOURCC_RA24, FOURCC_RX24,
+        FOURCC_BA24, FOURCC_AR24, FOURCC_XR24, FOURCC_NV12, FOURCC_NV21, FOURCC_NV16, FOURCC_NV61,
+        FOURCC_YU12, FOURCC_YV12, FOURCC_YUYV, FOURCC_YVYU, FOURCC_UYVY, FOURCC_VYUY,
+    };
+    for (uint32_t format : formats) {
+        if (format == code)
+            return true;
+    }
+    return false;
+}
+
+/* Formats a client buffer can have: the engine writes them and gralloc allocates them. */
+bool IsClientFormat(uint32_t code) {
+    using namespace tessaro::marlo;
+    static const uint32_t formats[] = {
+        FOURCC_RGB3, FOURCC_RGBP, FOURCC_AB24, FOURCC_XB24, FOURCC_RA24,
+        FOURCC_NV12, FOURCC_NV21, FOURCC_NV16, FOURCC_NV61, FOURCC_YU12,
+        FOURCC_YV12, FOURCC_YUYV, FOURCC_YVYU, FOURCC_UYVY, FOURCC_VYUY,
+    };
+    for (uint32_t format : formats) {
+        if (format == code)
+            return true;
+    }
+    return false;
+}
+
+bool ParseFourcc(const std::string& text, uint32_t* code) {
+    if (text.size() != 4)
+        return false;
+    uint32_t value = 0;
+    for (int i = 0; i < 4; ++i)
+        value |= static_cast<uint32_t>(static_cast<unsigned char>(text[i])) << (8 * i);
+    *code = value;
+    return true;
+}
+
+bool ParseNumber(const std::string& text, int minimum, int* value) {
+    char* end = nullptr;
+    long parsed = strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || parsed < minimum || parsed > 1000000)
+        return false;
+    *value = static_cast<int>(parsed);
+    return true;
+}
+
+bool ParseSize(const std::string& text, uint32_t* width, uint32_t* height) {
+    size_t x = text.find('x');
+    int w = 0;
+    int h = 0;
+    if (x == std::string::npos || !ParseNumber(text.substr(0, x), 2, &w) ||
+        !ParseNumber(text.substr(x + 1), 2, &h) || w > 16384 || h > 16384)
+        return false;
+    *width = static_cast<uint32_t>(w);
+    *height = static_cast<uint32_t>(h);
+    return true;
+}
+
+/* WxH:FOURCC[:crop|rot90|rot180|rot270|flip] */
+bool ParseClient(const std::string& text, ClientSpec* spec) {
+    std::vector<std::string> parts;
+    std::stringstream in(text);
+    for (std::string part; std::getline(in, part, ':');)
+        parts.push_back(part);
+    if (parts.size() < 2 || parts.size() > 3)
+        return false;
+    if (!ParseSize(parts[0], &spec->width, &spec->height) ||
+        !ParseFourcc(parts[1], &spec->fourcc) || !IsClientFormat(spec->fourcc))
+        return false;
+    if (parts.size() == 2)
+        return true;
+    static const std::map<std::string, Variant> variants = {
+        {"crop", Variant::kCrop},     {"rot90", Variant::kRot90}, {"rot180", Variant::kRot180},
+        {"rot270", Variant::kRot270}, {"flip", Variant::kFlip},
+    };
+    auto it = variants.find(parts[2]);
+    if (it == variants.end())
+        return false;
+    spec->variant = it->second;
+    return true;
+}
+
+void Usage(std::ostream& out) {
+    out << "usage: marlo_capture_demo [options]\n"
+           "  --device PATH     capture device id (default /dev/video0)\n"
+           "  --size WxH        capture size (default 1280x720)\n"
+           "  --format FOURCC   capture format, a V4L2 code such as YUYV, UYVY, NV12 (default "
+           "YUYV)\n"
+           "  --client SPEC     add a client WxH:FOURCC[:crop|rot90|rot180|rot270|flip]; every\n"
+           "                    set of it holds the whole frame and the frame so changed\n"
+           "                    (default: 640x360:NV12:crop and 360x640:AB24:rot90)\n"
+           "  --client-id N     id of the first client, the next ones count up (default 0)\n"
+           "  --sets N          buffer sets lent per client (default 3)\n"
+           "  --frames N        stop once every client received N frames (default 60)\n"
+           "  --seconds S       stop after S seconds in any case (default 10)\n"
+           "  --out DIR         where the first frame of each client is written (default .)\n";
+}
+
+/* 0 to run, 1 when help was asked for, -1 for a bad option. */
+int ParseOptions(int argc, char** argv, Options* options, std::ostream& err) {
+    for (int i = 1; i < argc; ++i) {
+        std::string name = argv[i];
+        if (name == "--help" || name == "-h")
+            return 1;
+        if (i + 1 >= argc) {
+            err << "option " << name << " needs a value\n";
+            return -1;
+        }
+        std::string value = argv[++i];
+        bool ok = true;
+        if (name == "--device") {
+            options->device = value;
+        } else if (name == "--size") {
+            ok = ParseSize(value, &options->width, &options->height);
+        } else if (name == "--format") {
+            ok = ParseFourcc(value, &options->fourcc) && IsCaptureFormat(options->fourcc);
+        } else if (name == "--client") {
+            ClientSpec spec;
+            ok = ParseClient(value, &spec);
+            options->clients.push_back(spec);
+        } else if (name == "--client-id") {
+            ok = ParseNumber(value, 0, &options->firstClientId);
+        } else if (name == "--sets") {
+            ok = ParseNumber(value, 1, &options->sets);
+        } else if (name == "--frames") {
+            ok = ParseNumber(value, 1, &options->frames);
+        } else if (name == "--seconds") {
+            ok = ParseNumber(value, 1, &options->seconds);
+        } else if (name == "--out") {
+            options->outDir = value;
+        } else {
+            err << "unknown option " << name << "\n";
+            return -1;
+        }
+        if (!ok) {
+            err << "bad value '" << value << "' for " << name << "\n";
+            return -1;
+        }
+    }
+    if (options->clients.empty()) {
+        options->clients.push_back({640, 360, tessaro::marlo::FOURCC_NV12, Variant::kCrop});
+        options->clients.push_back({360, 640, tessaro::marlo::FOURCC_AB24, Variant::kRot90});
+    }
+    return 0;
+}
+
+/* Bytes of one image of \a fourcc with a row stride of \a stride pixels. */
+size_t ImageBytes(uint32_t fourcc, uint32_t stride, uint32_t height) {
+    size_t pixels = static_cast<size_t>(stride) * height;
+    switch (fourcc) {
+        case tessaro::marlo::FOURCC_NV12:
+        case tessaro::marlo::FOURCC_NV21:
+        case tessaro::marlo::FOURCC_YU12:
+        case tessaro::marlo::FOURCC_YV12:
+            return pixels * 3 / 2;
+        case tessaro::marlo::FOURCC_RGB3:
+        case tessaro::marlo::FOURCC_BGR3:
+            return pixels * 3;
+        case tessaro::marlo::FOURCC_AB24:
+        case tessaro::marlo::FOURCC_XB24:
+        case tessaro::marlo::FOURCC_RA24:
+        case tessaro::marlo::FOURCC_RX24:
+        case tessaro::marlo::FOURCC_BA24:
+        case tessaro::marlo::FOURCC_AR24:
+        case tessaro::marlo::FOURCC_XR24:
+            return pixels * 4;
+        default:
+            /* The 4:2:2 formats and RGB565. */
+            return pixels * 2;
+    }
+}
+
+std::string LocationName(int32_t value) {
+    static const char* const names[] = {
+        "interior",      "exterior_other", "exterior_front", "exterior_rear",
+        "exterior_left", "exterior_right", "extra_other",    "extra_front",
+        "extra_rear",    "extra_left",     "extra_right",
+    };
+    return value >= 0 && value <= 10 ? names[value] : "unknown";
+}
+
+std::string LensFacingName(int32_t value) {
+    static const char* const names[] = {
+        "exterior_other",
+        "exterior_front",
+        "exterior_rear",
+        "exterior_left",
+        "exterior_right",
+        "interior_other",
+        "interior_seat_row_1_left",
+        "interior_seat_row_1_center",
+        "interior_seat_row_1_right",
+        "interior_seat_row_2_left",
+        "interior_seat_row_2_center",
+        "interior_seat_row_2_right",
+        "interior_seat_row_3_left",
+        "interior_seat_row_3_center",
+        "interior_seat_row_3_right",
+    };
+    return value >= 0 && value <= 14 ? names[value] : "unknown";
+}
+
+/* One client: its stream, its buffers and what its callback saw. */
+class DemoClient {
+  public:
+    DemoClient(int id, const ClientSpec& spec, GrallocFrameBufferAllocator* allocator)
+        : id_(id), spec_(spec), allocator_(allocator) {}
+
+    ~DemoClient() {
+        if (open_)
+            stream_.CloseCamera();
+        for (auto& entry : mappings_)
+            allocator_->UnMap(entry.first);
+    }
+
+    DemoClient(const DemoClient&) = delete;
+    DemoClient& operator=(const DemoClient&) = delete;
+
+    int id() const { return id_; }
+    const ClientSpec& spec() const { return spec_; }
+
+    bool Open(const Options& options, std::ostream& err) {
+        if (stream_.OpenCamera(id_, options.device, static_cast<int>(options.width),
+                               static_cast<int>(options.height),
+                               static_cast<int>(options.fourcc)) != 0) {
+            err << "client " << id_ << ": OpenCamera(" << options.device << ") failed\n";
+            return false;
+        }
+        open_ = true;
+        return true;
+    }
+
+    /* Allocates every set, lends the first and queues the rest behind it. */
+    bool LendBuffers(const Options& options, std::ostream& err) {
+        for (int s = 0; s < options.sets; ++s) {
+            FrameSet set;
+            for (int b = 0; b < 2; ++b) {
+                std::shared_ptr<FrameBuffer> buffer = Allocate(options, s, b, err);
+                if (!buffer)
+                    return false;
+                set.push_back(buffer);
+            }
+            sets_.push_back(set);
+        }
+        if (stream_.ClientSetBufferInfo(sets_[0]) != 0) {
+            err << "client " << id_ << ": ClientSetBufferInfo failed\n";
+            return false;
+        }
+        for (size_t s = 1; s < sets_.size(); ++s) {
+            if (stream_.ClientReturnFrame(sets_[s]) != 0) {
+                err << "client " << id_ << ": lending set " << s << " failed\n";
+                return false;
+            }
+        }
+        return true;
+    }
+
+    bool Start(std::ostream& err) {
+        int status = stream_.ClientStartStream(
+            [this](std::vector<std::shared_ptr<FrameBuffer>> frames) { OnFrames(frames); });
+        if (status != 0) {
+            err << "client " << id_ << ": ClientStartStream failed (" << status << ")\n";
+            return false;
+        }
+        return true;
+    }
+
+    /* Waits until \a count frames arrived or \a deadline passed. */
+    bool WaitFor(int count, Clock::time_point deadline) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return cond_.wait_until(lock, deadline, [&] { return frames_ >= count; });
+    }
+
+    /* The stream parameters, one line; asked while the stream is open. */
+    std::string Params() {
+        std::ostringstream out;
+        marlo_param_value_t value;
+        if (stream_.ClientGetParams(MARLO_PARAM_COLOR_FORMAT, &value) == 0)
+            out << "colour " << FourccText(value.color_format);
+        if (stream_.ClientGetParams(MARLO_PARAM_RESOLUTION, &value) == 0)
+            out << ", resolution " << value.resolution.width << "x" << value.resolution.height
+                << " @ " << std::fixed << std::setprecision(1) << value.resolution.frame_rate
+                << " fps";
+        if (stream_.ClientGetParams(MARLO_PARAM_LOCATION, &value) == 0)
+            out << ", location " << LocationName(value.location) << " (" << value.location << ")";
+        else
+            out << ", location not in the configuration";
+        if (stream_.ClientGetParams(MARLO_PARAM_LENS_FACING, &value) == 0)
+            out << ", lens facing " << LensFacingName(value.lens_facing) << " ("
+                << value.lens_facing << ")";
+        else
+            out << ", lens facing not in the configuration";
+        return out.str();
+    }
+
+    void Stop() {
+        stream_.ClientStopStream();
+        stream_.CloseCamera();
+        open_ = false;
+    }
+
+    /* Prints the counts and writes the first frame's buffers under \a dir. */
+    void Report(const std::string& dir, const std::string& params, std::ostream& out) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        out << "client " << id_ << ": " << spec_.width << "x" << spec_.height << " "
+            << FourccText(spec_.fourcc) << " + " << VariantName(spec_.variant) << ", "
+            << sets_.size() << " sets of 2 buffers\n";
+        out << "  params: " << params << "\n";
+        if (frames_ == 0) {
+            out << "  frames 0\n";
+            return;
+        }
+        int64_t span = static_cast<int64_t>(last_sequence_) - first_sequence_ + 1;
+        int64_t gaps = span > frames_ ? span - frames_ : 0;
+        out << "  frames " << frames_ << ", sequence " << first_sequence_ << ".." << last_sequence_
+            << ", dropped " << gaps;
+        if (frames_ > 1 && last_timestamp_ > first_timestamp_) {
+            double seconds = static_cast<double>(last_timestamp_ - first_timestamp_) / 1e9;
+            out << ", " << std::fixed << std::setprecision(1) << (frames_ - 1) / seconds
+                << " fps by timestamps";
+        }
+        out << "\n";
+        for (size_t b = 0; b < first_.size(); ++b) {
+            const FrameInfo& info = first_info_[b];
+            std::ostringstream name;
+            name << dir << "/client" << id_ << "_buf" << b << "_" << info.width << "x"
+                 << info.height << "_stride" << info.stride << "_" << FourccText(info.fourcc)
+                 << "_seq" << first_sequence_ << ".raw";
+            std::ofstream file(name.str(), std::ios::binary | std::ios::trunc);
+            file.write(reinterpret_cast<const char*>(first_[b].data()),
+                       static_cast<std::streamsize>(first_[b].size()));
+            file.close();
+            if (file)
+                out << "  first frame: " << name.str() << " (" << first_[b].size() << " bytes)\n";
+            else
+                out << "  first frame: could not write " << name.str() << "\n";
+        }
+    }
+
+    int frames() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return frames_;
+    }
+
+  private:
+    struct FrameInfo {
+        uint32_t width;
+        uint32_t height;
+        uint32_t stride;
+        uint32_t fourcc;
+    };
+
+    std::shared_ptr<FrameBuffer> Allocate(const Options& options, int set, int index,
+                                          std::ostream& err) {
+        FrameBufferInfo info;
+        info.fourcc = static_cast<FourccFormat>(spec_.fourcc);
+        info.width = spec_.width;
+        info.height = spec_.height;
+        info.flags = kCpuUsage;
+        if (index == 1)
+            ApplyVariant(options, &info);
+        FrameBuffer* raw = nullptr;
+        if (allocator_->Allocate(info, &raw) != 0 || raw == nullptr) {
+            err << "client " << id_ << ": allocating " << info.width << "x" << info.height << " "
+                << FourccText(spec_.fourcc) << " failed\n";
+            return nullptr;
+        }
+        std::shared_ptr<FrameBuffer> buffer(raw);
+        buffer->SetCookies(static_cast<unsigned long>(id_ * 100 + set * 10 + index));
+        void* address = allocator_->Map(buffer.get());
+        if (address == nullptr) {
+            err << "client " << id_ << ": mapping a buffer failed\n";
+            return nullptr;
+        }
+        mappings_[buffer.get()] = address;
+        return buffer;
+    }
+
+    void ApplyVariant(const Options& options, FrameBufferInfo* info) const {
+        switch (spec_.variant) {
+            case Variant::kCrop: {
+                /* The middle of the captured frame, half its size, on even positions. */
+                int32_t w = static_cast<int32_t>(options.width / 2) & ~1;
+                int32_t h = static_cast<int32_t>(options.height / 2) & ~1;
+                int32_t x = static_cast<int32_t>(options.width / 4) & ~1;
+                int32_t y = static_cast<int32_t>(options.height / 4) & ~1;
+                info->sourceCrop = FrameBufferRect{x, y, w, h};
+                break;
+            }
+            case Variant::kRot90:
+            case Variant::kRot270:
+                /* The client gives the upright size; the rotated buffer is its transpose. */
+                std::swap(info->width, info->height);
+                info->transform =
+                    spec_.variant == Variant::kRot90 ? NAX_TRANSFORM_ROT_90 : NAX_TRANSFORM_ROT_270;
+                break;
+            case Variant::kRot180:
+                info->transform = NAX_TRANSFORM_ROT_180;
+                break;
+            case Variant::kFlip:
+                info->transform = NAX_TRANSFORM_FLIP_H;
+                break;
+        }
+    }
+
+    /* Runs on the camera's IO thread. */
+    void OnFrames(std::vector<std::shared_ptr<FrameBuffer>> frames) {
+        if (frames.empty())
+            return;
+        /* The conversions may still run on the engine: their fences tell. */
+        for (const auto& frame : frames) {
+            if (frame && frame->fence() >= 0)
+                sync_wait(frame->fence(), kFenceWaitMs);
+        }
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            uint32_t sequence = frames[0]->sequence();
+            uint64_t timestamp = frames[0]->timestamp();
+            if (frames_ == 0) {
+                first_sequence_ = sequence;
+                first_timestamp_ = timestamp;
+                KeepFirst(frames);
+            }
+            last_sequence_ = sequence;
+            last_timestamp_ = timestamp;
+            ++frames_;
+        }
+        cond_.notify_all();
+        stream_.ClientReturnFrame(frames);
+    }
+
+    void KeepFirst(const FrameSet& frames) {
+        for (const auto& frame : frames) {
+            auto it = mappings_.find(frame.get());
+            if (it == mappings_.end())
+                continue;
+            FrameInfo info = {frame->width(), frame->height(), frame->stride(),
+                              static_cast<uint32_t>(frame->fourcc())};
+            size_t bytes = ImageBytes(info.fourcc, info.stride, info.height);
+            if (bytes > frame->size())
+                bytes = frame->size();
+            const uint8_t* data = static_cast<const uint8_t*>(it->second);
+            first_.emplace_back(data, data + bytes);
+            first_info_.push_back(info);
+        }
+    }
+
+    int id_;
+    ClientSpec spec_;
+    bool open_ = false;
+    GrallocFrameBufferAllocator* allocator_;
+    /* Written before the start, only read by the callback. */
+    std::map<FrameBuffer*, void*> mappings_;
+    std::vector<FrameSet> sets_;
+
+    std::mutex mutex_;
+    std::condition_variable cond_;
+    int frames_ = 0;
+    uint32_t first_sequence_ = 0;
+    uint32_t last_sequence_ = 0;
+    uint64_t first_timestamp_ = 0;
+    uint64_t last_timestamp_ = 0;
+    std::vector<std::vector<uint8_t>> first_;
+    std::vector<FrameInfo> first_info_;
+
+    /* Last: closed before the buffers it was lent go away. */
+    V4l2Stream stream_;
+};
+
+}  // namespace
+
+int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) {
+    Options options;
+    int parsed = ParseOptions(argc, argv, &options, err);
+    if (parsed != 0) {
+        Usage(parsed > 0 ? out : err);
+        return parsed > 0 ? 0 : 2;
+    }
+
+    out << "marlo_capture_demo: " << options.device << " " << options.width << "x" << options.height
+        << " " << FourccText(options.fourcc) << ", " << options.clients.size()
+        << " client(s), until " << options.frames << " frames each or " << options.seconds
+        << " s\n";
+
+    /*
+     * The library reports a device it cannot open only in its log, once the
+     * stream starts; asking the device first gives the user a plain answer.
+     */
+    {
+        tessaro::marlo::UniqueFd probe(open(options.device.c_str(), O_RDWR | O_CLOEXEC));
+        if (probe.get() < 0) {
+            int error = errno;
+            err << "cannot open " << options.device << ": " << strerror(error)
+                << "\n(without a camera, load the kernel's virtual video driver: "
+                   "sudo modprobe vivid, then pass its node with --device)\n";
+            return 2;
+        }
+    }
+
+    GrallocFrameBufferAllocator allocator;
+    std::vector<std::unique_ptr<DemoClient>> clients;
+    for (size_t i = 0; i < options.clients.size(); ++i) {
+        clients.push_back(std::make_unique<DemoClient>(options.firstClientId + static_cast<int>(i),
+                                                       options.clients[i], &allocator));
+        DemoClient& client = *clients.back();
+        if (!client.Open(options, err) || !client.LendBuffers(options, err))
+            return 2;
+    }
+
+    std::vector<std::string> params;
+    for (auto& client : clients)
+        params.push_back(client->Params());
+
+    for (auto& client : clients) {
+        if (!client->Start(err))
+            return 2;
+    }
+
+    Clock::time_point deadline = Clock::now() + std::chrono::seconds(options.seconds);
+    for (auto& client : clients)
+        client->WaitFor(options.frames, deadline);
+
+    for (auto& client : clients)
+        client->Stop();
+
+    int status = 0;
+    for (size_t i = 0; i < clients.size(); ++i) {
+        clients[i]->Report(options.outDir, params[i], out);
+        if (clients[i]->frames() == 0)
+            status = 1;
+    }
+    if (status != 0)
+        err << "a client received no frame within " << options.seconds << " s: is "
+            << options.device
+            << " a streaming capture device that takes the capture size and format?\n";
+    return status;
+}
+
+}  // namespace marlo_demo
