@@ -573,25 +573,26 @@ int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) 
         return parsed > 0 ? 0 : 2;
     }
 
-    out << "marlo_capture_demo: " << options.device << " " << options.width << "x" << options.height
-        << " " << FourccText(options.fourcc) << ", " << options.clients.size()
-        << " client(s), until " << options.frames << " frames each or " << options.seconds
-        << " s\n";
-
     /*
      * The library reports a device it cannot open only in its log, once the
      * stream starts; asking the device first gives the user a plain answer.
      */
     {
-        tessaro::marlo::UniqueFd probe(open(options.device.c_str(), O_RDWR | O_CLOEXEC));
+        int fd = open(options.device.c_str(), O_RDWR | O_CLOEXEC);
+        int error = errno;
+        tessaro::marlo::UniqueFd probe(fd);
         if (probe.get() < 0) {
-            int error = errno;
             err << "cannot open " << options.device << ": " << strerror(error)
                 << "\n(without a camera, load the kernel's virtual video driver: "
                    "sudo modprobe vivid, then pass its node with --device)\n";
             return 2;
         }
     }
+
+    out << "marlo_capture_demo: " << options.device << " " << options.width << "x" << options.height
+        << " " << FourccText(options.fourcc) << ", " << options.clients.size()
+        << " client(s), until " << options.frames << " frames each or " << options.seconds
+        << " s\n";
 
     GrallocFrameBufferAllocator allocator;
     std::vector<std::unique_ptr<DemoClient>> clients;
