@@ -178,6 +178,18 @@ void V4l2Stream::CloseCamera() {
         /* Releasing the list here destroys a camera whose registry entry went above. */
     }
 
+    uint32_t state = state_.load();
+    if (state != 0) {
+        /*
+         * Only a camera in the list stops the stream; one that went away first
+         * (another stream took this client id) would leave the state stuck
+         * and refuse every later start of this stream.
+         */
+        STRM_LOG(MARLO_LOG_WARN, "stream state %d with no camera left to stop it, now 0",
+                 static_cast<int>(state));
+        state_ = 0;
+    }
+
     virtual_camera_.reset();
     {
         std::lock_guard<std::mutex> lock(callback_mutex_);

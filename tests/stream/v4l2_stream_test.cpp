@@ -643,3 +643,46 @@ TEST_F(V4l2StreamTest, UnknownDeviceNodeDeliversNothing) {
     EXPECT_EQ(Registry::Size(), 0u);
     EXPECT_EQ(client.count(), 0u);
 }
+
+TEST_F(V4l2StreamTest, SameClientIdTwiceOnOneDeviceReplacesTheEarlierClientCamera) {
+    V4l2Stream first;
+    V4l2Stream second;
+    ASSERT_EQ(Open(first, 5), 0);
+    Client client;
+    ASSERT_EQ(first.ClientStartStream(client.callback()), 0);
+    ASSERT_TRUE(node_->Streaming());
+
+    marlo_test::LogCapture log;
+    ASSERT_EQ(Open(second, 5), 0);
+    EXPECT_EQ(CountLines(log, ANDROID_LOG_ERROR, Cam(kNode0), "operator()",
+                         "WARNING! Adding virtual camera already exits!!!!!"),
+              1u)
+        << log.dump();
+    /* The earlier client camera was the last entry: it is stopped as well. */
+    EXPECT_EQ(CountLines(log, ANDROID_LOG_ERROR, Cam(kNode0), "MakeVirtualCamera",
+                         "WARNING! virtual camera 5 in wrong state 1"),
+              1u);
+    std::shared_ptr<HalCamera> hal = Registry::Find(kNode0);
+    ASSERT_NE(hal, nullptr);
+    EXPECT_EQ(hal->clientCount(), 1u);
+    EXPECT_FALSE(node_->Streaming());
+    hal.reset();
+
+    /* Closing the newer one ends the camera; the older one then closes on its own. */
+    second.CloseCamera();
+    EXPECT_EQ(Registry::Size(), 0u);
+    log.clear();
+    first.CloseCamera();
+    EXPECT_EQ(Count(log, ANDROID_LOG_WARN, kNode0, 5, "CloseCamera",
+                    "stream state 1 with no camera left to stop it, now 0"),
+              1u)
+        << log.dump();
+    EXPECT_EQ(first.state(), 0u);
+    EXPECT_EQ(first.clientId(), -1);
+    /* The stream is usable again. */
+    ASSERT_EQ(Open(first, 5), 0);
+    EXPECT_EQ(first.ClientStartStream(client.callback()), 0);
+    EXPECT_TRUE(node_->Streaming());
+    first.CloseCamera();
+    EXPECT_EQ(node_->OpenDescriptors(), 0u);
+}
