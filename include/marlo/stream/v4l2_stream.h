@@ -141,7 +141,11 @@ class V4l2Stream {
     /* Both do nothing and return 0. */
     int ClientPauseStream();
     int ClientResumeStream();
-    /* Answers MARLO_PARAM_* ids into \a value: 0, or -2 for a refused id. */
+    /*
+     * Answers MARLO_PARAM_* ids into \a value: 0, or -2 for a refused id, a
+     * null \a value, or a location or lens facing asked for a client id the
+     * configuration places nowhere.
+     */
     int ClientGetParams(marlo_param_t id, marlo_param_value_t* value);
     /* Accepts nothing: logs and returns 0. */
     int ClientSetParams(marlo_param_t id, marlo_param_value_t* value);
