@@ -7,6 +7,7 @@
 #include <nax/nax.h>
 #include <sys/epoll.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -421,4 +422,28 @@ TEST_F(FrameFanOutTest, StartStopCloseCyclesLeakNoDescriptorAndNoThread) {
     }
     EXPECT_TRUE(fds->unchanged()) << fds->before() << " -> " << marlo_test::OpenFdCount();
     EXPECT_EQ(ThreadCount(), threads);
+}
+
+TEST_F(FrameFanOutTest, TraceSectionsNameEachConversion) {
+    auto vc = Client(1);
+    MemFrame out(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight, {}, 0, 77);
+    FrameSet set{out.buffer()};
+    vc->setFrameInfo(set);
+    FrameSink sink;
+    ASSERT_EQ(vc->startVideoStream(sink.callback()), 0);
+    std::vector<std::string> names;
+    {
+        TraceRecorder trace;
+        Produce(4);
+        ASSERT_TRUE(sink.waitFor(1));
+        ExpectReturned();
+        names = trace.names();
+    }
+    std::string fd = std::to_string(out.fd());
+    auto has = [&names](const std::string& name) {
+        return std::find(names.begin(), names.end(), name) != names.end();
+    };
+    EXPECT_TRUE(has("NAX processing (sequence 4, cookies 77, fd = " + fd + ")"));
+    EXPECT_TRUE(has("forwardFrame (vcam 1, sequence 4, cookies 77, fd = " + fd + ")"));
+    vc->stopVideoStream();
 }
