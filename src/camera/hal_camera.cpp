@@ -52,6 +52,7 @@ bool HalCamera::clientStreamOpening(int width, int height, int format) {
 
     if (!hw_camera_) {
         hw_camera_ = std::make_unique<V4l2Camera>(device_id_);
+        /* Handle cache off: client buffers come and go, so no handle outlives its job. */
         int cacheHandle = 0;
         nax_operator_.control("SetCacheHandle", &cacheHandle);
         if (!hw_camera_) {

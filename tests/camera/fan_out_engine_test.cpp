@@ -139,6 +139,8 @@ TEST_F(FanOutEngineTest, ProcessGetsTheStoredGeometryAndTheBuffersCropAndTransfo
     for (const auto& import : engine_.callsOf("nax_import_fd"))
         importedDst |= import.address == static_cast<uint64_t>(out.fd());
     EXPECT_TRUE(importedDst);
+    /* The first opening turned the handle cache off: every handle went with its job. */
+    EXPECT_EQ(engine_.liveHandles(), 0u);
 }
 
 TEST_F(FanOutEngineTest, FencesGoToTheBuffersAndAreMergedUnderRawByteNames) {
