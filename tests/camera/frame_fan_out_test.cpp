@@ -3,9 +3,11 @@
  * known pixels and stamps, the IO thread runs the handler, and the software
  * engine converts each frame into the clients' memory-file buffers.
  */
+#include <fcntl.h>
 #include <linux/videodev2.h>
 #include <nax/nax.h>
 #include <sys/epoll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
@@ -17,6 +19,7 @@
 #include "camera/frame_fan_out.h"
 #include "camera_test_util.h"
 #include "fake_v4l2.h"
+#include "marlo/base/unique_fd.h"
 #include "marlo/camera/hal_camera.h"
 #include "marlo/camera/virtual_camera.h"
 #include "support/fd_count.h"
@@ -446,4 +449,33 @@ TEST_F(FrameFanOutTest, TraceSectionsNameEachConversion) {
     EXPECT_TRUE(has("NAX processing (sequence 4, cookies 77, fd = " + fd + ")"));
     EXPECT_TRUE(has("forwardFrame (vcam 1, sequence 4, cookies 77, fd = " + fd + ")"));
     vc->stopVideoStream();
+}
+
+TEST(ReportsOnlyError, IsTrueForAnErrorOrHangUpWithNothingToRead) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+    tessaro::marlo::UniqueFd readEnd(fds[0]);
+    tessaro::marlo::UniqueFd writeEnd(fds[1]);
+    /* Nothing ready: no error either. */
+    EXPECT_FALSE(tessaro::marlo::detail::ReportsOnlyError(readEnd.get()));
+    ASSERT_EQ(write(writeEnd.get(), "x", 1), 1);
+    EXPECT_FALSE(tessaro::marlo::detail::ReportsOnlyError(readEnd.get()));
+    /* A pipe's write end whose reader went reports an error only. */
+    readEnd.reset();
+    EXPECT_TRUE(tessaro::marlo::detail::ReportsOnlyError(writeEnd.get()));
+    EXPECT_FALSE(tessaro::marlo::detail::ReportsOnlyError(-1));
+}
+
+TEST(ReportsOnlyError, IsTrueForAHangUpWithNothingLeft) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+    tessaro::marlo::UniqueFd readEnd(fds[0]);
+    tessaro::marlo::UniqueFd writeEnd(fds[1]);
+    ASSERT_EQ(write(writeEnd.get(), "x", 1), 1);
+    writeEnd.reset();
+    /* Data left to read still counts as readable. */
+    EXPECT_FALSE(tessaro::marlo::detail::ReportsOnlyError(readEnd.get()));
+    char byte;
+    ASSERT_EQ(read(readEnd.get(), &byte, 1), 1);
+    EXPECT_TRUE(tessaro::marlo::detail::ReportsOnlyError(readEnd.get()));
 }
