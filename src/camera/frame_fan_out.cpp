@@ -1,6 +1,8 @@
 #include "camera/frame_fan_out.h"
 
 #include <android/sync.h>
+#include <errno.h>
+#include <poll.h>
 
 #include <chrono>
 #include <string>
@@ -174,6 +176,18 @@ void FrameFanOut::waitForFences(const std::vector<int>& fences, uint32_t sequenc
     if (running >= 0 && sync_wait(running, kFenceWaitMs) != 0)
         FANOUT_LOG(MARLO_LOG_ERROR, "Timeout waiting fence");
     /* merged closes every merge result; the conversion fences belong to their buffers. */
+}
+
+bool ReportsOnlyError(int fd) {
+    if (fd < 0)
+        return false;
+    struct pollfd entry = {fd, POLLIN | POLLPRI, 0};
+    int ready;
+    do {
+        ready = poll(&entry, 1, 0);
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0 && (entry.revents & (POLLERR | POLLHUP)) != 0 &&
+           (entry.revents & (POLLIN | POLLPRI)) == 0;
 }
 
 }  // namespace tessaro::marlo::detail

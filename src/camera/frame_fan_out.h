@@ -40,5 +40,12 @@ class FrameFanOut {
     HalCamera* camera_;
 };
 
+/*
+ * Whether \a fd reports an error or hang-up and nothing to read. A vb2
+ * capture queue that does not stream answers so; the IO thread does not
+ * dispatch such events, so a handler left on it would have the loop spin.
+ */
+bool ReportsOnlyError(int fd);
+
 }  // namespace detail
 }  // namespace tessaro::marlo

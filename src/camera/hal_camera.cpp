@@ -52,6 +52,7 @@ bool HalCamera::clientStreamOpening(int width, int height, int format) {
 
     if (!hw_camera_) {
         hw_camera_ = std::make_unique<V4l2Camera>(device_id_);
+        /* Handle cache off: client buffers come and go, so no handle outlives its job. */
         int cacheHandle = 0;
         nax_operator_.control("SetCacheHandle", &cacheHandle);
         if (!hw_camera_) {
@@ -85,6 +86,18 @@ int HalCamera::clientStreamStarting() {
         io_thread_.AddHandler(hw_camera_->Fd(), detail::FrameFanOut(this), kCaptureEvents);
         io_thread_.Start();
         result = hw_camera_->StartVideoStream();
+        if (detail::ReportsOnlyError(hw_camera_->Fd())) {
+            /*
+             * Stream-on failed inside the capture camera (it answers 0 all the
+             * same): the node reports only an error, which the IO thread does
+             * not dispatch, so it would spin. The loop is stopped instead;
+             * clientStreamEnding still ends the capture as usual.
+             */
+            CAM_LOG(MARLO_LOG_ERROR,
+                    "capture node reports an error after start, IO thread stopped");
+            io_thread_.Stop();
+            io_thread_.RemoveHandler(hw_camera_->Fd());
+        }
         /* Recorded as running even when the start failed: clientStreamEnding undoes it. */
         capture_state_ = 1;
         DebugHelper::getInstance().updateCameraState(device_id_, "RUNNING");

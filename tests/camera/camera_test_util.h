@@ -23,6 +23,7 @@
 
 #include <gtest/gtest.h>
 
+#include <marlo_host/hooks.h>
 #include "config/board_configs_access.h"
 #include "config/temp_sysroot.h"
 #include "fake_v4l2.h"
@@ -221,6 +222,37 @@ class FrameSink {
     std::mutex mutex_;
     std::condition_variable cond_;
     std::vector<FrameSet> sets_;
+};
+
+/* Records trace section names while the camera trace tag is on. */
+class TraceRecorder {
+  public:
+    TraceRecorder() : tags_("debug.atrace.tags.enableflags", "0x400") {
+        marlo_host_set_trace_hook(&TraceRecorder::Hook, this);
+    }
+    ~TraceRecorder() { marlo_host_set_trace_hook(nullptr, nullptr); }
+    std::vector<std::string> names() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return names_;
+    }
+    size_t ends() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return ends_;
+    }
+
+  private:
+    static void Hook(const char* name, void* ctx) {
+        auto* self = static_cast<TraceRecorder*>(ctx);
+        std::lock_guard<std::mutex> lock(self->mutex_);
+        if (name)
+            self->names_.emplace_back(name);
+        else
+            ++self->ends_;
+    }
+    marlo_test::ScopedProperty tags_;
+    std::mutex mutex_;
+    std::vector<std::string> names_;
+    size_t ends_ = 0;
 };
 
 /* Threads of this process right now. */

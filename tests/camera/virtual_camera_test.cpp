@@ -53,37 +53,6 @@ std::shared_ptr<MemFrame> Grey(uint64_t cookies) {
                                       tessaro::marlo::FrameBufferRect{}, 0, cookies);
 }
 
-/* Records trace section names while the camera trace tag is on. */
-class TraceRecorder {
-  public:
-    TraceRecorder() : tags_("debug.atrace.tags.enableflags", "0x400") {
-        marlo_host_set_trace_hook(&TraceRecorder::Hook, this);
-    }
-    ~TraceRecorder() { marlo_host_set_trace_hook(nullptr, nullptr); }
-    std::vector<std::string> names() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return names_;
-    }
-    size_t ends() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return ends_;
-    }
-
-  private:
-    static void Hook(const char* name, void* ctx) {
-        auto* self = static_cast<TraceRecorder*>(ctx);
-        std::lock_guard<std::mutex> lock(self->mutex_);
-        if (name)
-            self->names_.emplace_back(name);
-        else
-            ++self->ends_;
-    }
-    marlo_test::ScopedProperty tags_;
-    std::mutex mutex_;
-    std::vector<std::string> names_;
-    size_t ends_ = 0;
-};
-
 }  // namespace
 
 TEST_F(VirtualCameraTest, ConstructionKeepsAWeakReferenceToItsCamera) {

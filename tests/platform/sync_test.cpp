@@ -10,29 +10,14 @@
 #include <string.h>
 #include <chrono>
 
+#include "support/sw_sync.h"
+
 using namespace std::chrono_literals;
 
 namespace {
 
-// The kernel's software timeline for testing fences (debugfs).
-struct sw_sync_create_fence_data {
-    __u32 value;
-    char name[32];
-    __s32 fence;
-};
-#define SW_SYNC_IOC_CREATE_FENCE _IOWR('W', 0, struct sw_sync_create_fence_data)
-#define SW_SYNC_IOC_INC _IOW('W', 1, __u32)
-
-constexpr char kSwSync[] = "/sys/kernel/debug/sync/sw_sync";
-
-int CreateFence(int timeline, __u32 value) {
-    struct sw_sync_create_fence_data data = {};
-    data.value = value;
-    strncpy(data.name, "marlo_test", sizeof(data.name) - 1);
-    if (ioctl(timeline, SW_SYNC_IOC_CREATE_FENCE, &data) != 0)
-        return -1;
-    return data.fence;
-}
+using marlo_test::CreateFence;
+using marlo_test::kSwSync;
 
 }  // namespace
 

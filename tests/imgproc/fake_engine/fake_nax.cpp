@@ -5,6 +5,7 @@
  */
 #include "fake_nax.h"
 
+#include <fcntl.h>
 #include <string.h>
 
 #include <mutex>
@@ -21,6 +22,8 @@ struct State {
     uint32_t nextHandle = 1;
     int opResult = 0;
     int releaseFence = -1;
+    /* Hand out a duplicate of releaseFence per call, so each caller owns its own. */
+    bool duplicateFence = false;
 };
 
 State& state() {
@@ -40,7 +43,9 @@ fake_nax_call NewCall(const char* name) {
     std::lock_guard<std::mutex> lock(s.mutex);
     s.calls.push_back(call);
     if (releaseFence)
-        *releaseFence = s.releaseFence;
+        *releaseFence = s.duplicateFence && s.releaseFence >= 0
+                            ? fcntl(s.releaseFence, F_DUPFD_CLOEXEC, 0)
+                            : s.releaseFence;
     return s.opResult;
 }
 
@@ -271,6 +276,7 @@ void fake_nax_reset(void) {
     s.nextHandle = 1;
     s.opResult = 0;
     s.releaseFence = -1;
+    s.duplicateFence = false;
 }
 
 size_t fake_nax_call_count(void) {
@@ -304,6 +310,12 @@ void fake_nax_set_release_fence(int fence) {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.releaseFence = fence;
+}
+
+void fake_nax_set_release_fence_dup(int on) {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.duplicateFence = on != 0;
 }
 
 size_t fake_nax_live_handles(void) {

@@ -53,6 +53,11 @@ void fake_nax_set_import_result(int64_t result);
 void fake_nax_set_op_result(int result);
 /* What the operations store through a non-null release fence (default -1). */
 void fake_nax_set_release_fence(int fence);
+/*
+ * With \a on, every operation stores a fresh duplicate of the release fence
+ * (the caller owns it) instead of the descriptor itself.
+ */
+void fake_nax_set_release_fence_dup(int on);
 /* Imported handles not released yet. */
 size_t fake_nax_live_handles(void);
 
@@ -63,5 +68,6 @@ typedef void (*fake_nax_set_import_result_t)(int64_t);
 typedef void (*fake_nax_set_op_result_t)(int);
 typedef void (*fake_nax_set_release_fence_t)(int);
 typedef size_t (*fake_nax_live_handles_t)(void);
+typedef void (*fake_nax_set_release_fence_dup_t)(int);
 
 }  // extern "C"
