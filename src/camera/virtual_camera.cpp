@@ -60,7 +60,7 @@ bool VirtualCamera::openVideoStream(int width, int height, int format) {
 
 int VirtualCamera::startVideoStream(FrameCallback callback) {
     std::lock_guard<std::mutex> lock(stream_mutex_);
-    callback_ = std::move(callback);
+    setCallback(std::move(callback));
 
     int32_t state = state_.load();
     if (state != kStopped) {
@@ -125,7 +125,7 @@ void VirtualCamera::stopVideoStream() {
     }
 
     state_ = kStopped;
-    callback_ = nullptr;
+    setCallback(nullptr);
     std::lock_guard<std::mutex> queueLock(queue_mutex_);
     free_sets_.clear();
 }
@@ -170,9 +170,20 @@ void VirtualCamera::forwardFrame(std::vector<std::shared_ptr<FrameBuffer>> frame
                                      id_, sequence, cookies, fd))
             detail::EndCameraTrace();
     }
-    if (!callback_)
+    FrameCallback callback;
+    {
+        std::lock_guard<std::mutex> lock(callback_mutex_);
+        callback = callback_;
+    }
+    if (!callback)
         return;
-    callback_(frames);
+    callback(frames);
+}
+
+void VirtualCamera::setCallback(FrameCallback callback) {
+    /* The old callback is destroyed outside the lock: it may own anything. */
+    std::lock_guard<std::mutex> lock(callback_mutex_);
+    std::swap(callback_, callback);
 }
 
 void VirtualCamera::doneWithFrame(std::vector<std::shared_ptr<FrameBuffer>> frames) {

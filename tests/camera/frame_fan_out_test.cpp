@@ -10,8 +10,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -23,6 +25,7 @@
 #include "marlo/camera/hal_camera.h"
 #include "marlo/camera/virtual_camera.h"
 #include "support/fd_count.h"
+#include "support/gate.h"
 #include "support/log_capture.h"
 #include "sync_recorder.h"
 
@@ -448,6 +451,86 @@ TEST_F(FrameFanOutTest, TraceSectionsNameEachConversion) {
     };
     EXPECT_TRUE(has("NAX processing (sequence 4, cookies 77, fd = " + fd + ")"));
     EXPECT_TRUE(has("forwardFrame (vcam 1, sequence 4, cookies 77, fd = " + fd + ")"));
+    vc->stopVideoStream();
+}
+
+TEST_F(FrameFanOutTest, StopWaitsForAFrameBeingDeliveredToTheStoppingClient) {
+    auto leaving = Client(1);
+    auto staying = Client(2);
+    MemFrame outL(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    MemFrame outS(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    FrameSet setL{outL.buffer()}, setS{outS.buffer()};
+    leaving->setFrameInfo(setL);
+    staying->setFrameInfo(setS);
+    marlo_test::Gate entered;
+    marlo_test::Gate release;
+    std::atomic<bool> delivering{false};
+    ASSERT_EQ(leaving->startVideoStream([&](FrameSet) {
+        delivering = true;
+        entered.open();
+        release.wait();
+        delivering = false;
+    }),
+              0);
+    FrameSink sink;
+    ASSERT_EQ(staying->startVideoStream(sink.callback()), 0);
+
+    Produce(1);
+    entered.wait();
+    /* The other client keeps capture (and the IO thread) running, so only the barrier waits. */
+    std::atomic<bool> stopped{false};
+    std::atomic<bool> deliveringAtReturn{true};
+    std::thread stopper([&] {
+        leaving->stopVideoStream();
+        deliveringAtReturn = delivering.load();
+        stopped = true;
+    });
+    EXPECT_TRUE(WaitUntil([&] { return leaving->state() != 1; }));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_FALSE(stopped);
+    release.open();
+    stopper.join();
+    EXPECT_TRUE(stopped);
+    EXPECT_FALSE(deliveringAtReturn);
+    EXPECT_EQ(leaving->state(), 0);
+    ASSERT_TRUE(sink.waitFor(1));
+    ExpectReturned();
+    EXPECT_EQ(camera_->captureState(), 1);
+    staying->stopVideoStream();
+    EXPECT_EQ(camera_->captureState(), 0);
+}
+
+TEST_F(FrameFanOutTest, ReplacingTheCallbackWhileFramesFlowLosesNoFrame) {
+    auto vc = Client(1);
+    MemFrame out(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    FrameSet set{out.buffer()};
+    vc->setFrameInfo(set);
+    std::atomic<int> delivered{0};
+    std::weak_ptr<VirtualCamera> weak = vc;
+    auto make = [&delivered, weak]() {
+        return [&delivered, weak](FrameSet frames) {
+            if (auto self = weak.lock())
+                self->doneWithFrame(frames);
+            ++delivered;
+        };
+    };
+    ASSERT_EQ(vc->startVideoStream(make()), 0);
+    std::atomic<bool> done{false};
+    std::thread replacer([&] {
+        while (!done)
+            vc->startVideoStream(make());
+    });
+    constexpr int kFrames = 20;
+    bool flowing = true;
+    for (int64_t seq = 0; seq < kFrames && flowing; ++seq) {
+        Produce(seq);
+        flowing = WaitUntil([&] { return delivered.load() == seq + 1; });
+    }
+    done = true;
+    replacer.join();
+    ASSERT_TRUE(flowing) << delivered.load();
+    ExpectReturned();
+    EXPECT_EQ(delivered.load(), kFrames);
     vc->stopVideoStream();
 }
 

@@ -64,11 +64,18 @@ class VirtualCamera {
     size_t freeSetCount();
 
   private:
+    void setCallback(FrameCallback callback);
+
     std::unordered_map<std::string, std::weak_ptr<HalCamera>> hal_cameras_;
     std::atomic<int32_t> state_{kStopped};
     std::mutex stream_mutex_;
-    /* Read by forwardFrame on the IO thread without a lock; see stopVideoStream. */
+    /*
+     * Replaced by a start while frames flow, read by forwardFrame on the IO
+     * thread: callback_mutex_ guards the swap and the copy forwardFrame
+     * calls, never the call itself.
+     */
     FrameCallback callback_;
+    std::mutex callback_mutex_;
     /* Kept for layout compatibility; nothing fills them. */
     std::vector<std::shared_ptr<FrameBuffer>> spare_;
     ImageBuffer spare_images_[10];
