@@ -168,6 +168,7 @@ TEST_F(FanOutEngineTest, FencesGoToTheBuffersAndAreMergedUnderRawByteNames) {
     ASSERT_TRUE(sinkA.waitFor(1));
     ASSERT_TRUE(sinkB.waitFor(1));
     ASSERT_TRUE(node_->WaitQueued(3, kWait));
+    std::vector<sync_recorder::Wait> waits = sync_recorder::Waits();
     std::vector<sync_recorder::Merge> merges = sync_recorder::Stop();
 
     /* Each buffer owns its own fence. */
@@ -192,6 +193,10 @@ TEST_F(FanOutEngineTest, FencesGoToTheBuffersAndAreMergedUnderRawByteNames) {
     EXPECT_EQ(merges[1].fd2, fb1);
     EXPECT_EQ(merges[2].fd1, merges[1].result);
     EXPECT_EQ(merges[2].fd2, fb2);
+    /* One bounded wait, on the last merge result. */
+    ASSERT_EQ(waits.size(), 1u);
+    EXPECT_EQ(waits[0].fd, merges[2].result);
+    EXPECT_EQ(waits[0].timeoutMs, 100);
     EXPECT_EQ(Count(log, ANDROID_LOG_VERBOSE, "fence " + std::to_string(fa)), 1u) << log.dump();
     EXPECT_FALSE(log.containsText("Timeout waiting fence")) << log.dump();
     /* The merge results are closed; the three buffer fences remain. */
@@ -218,7 +223,57 @@ TEST_F(FanOutEngineTest, AnUnsignalledFenceTimesOutAndTheFrameGoesOn) {
     EXPECT_TRUE(WaitUntil([&] {
         return Count(log, ANDROID_LOG_ERROR, "Timeout waiting fence") == 1;
     })) << log.dump();
-    EXPECT_EQ(sync_recorder::Stop().size(), 1u);
+    std::vector<sync_recorder::Wait> waits = sync_recorder::Waits();
+    std::vector<sync_recorder::Merge> merges = sync_recorder::Stop();
+    ASSERT_EQ(merges.size(), 1u);
+    ASSERT_EQ(waits.size(), 1u);
+    EXPECT_EQ(waits[0].fd, merges[0].result);
+    EXPECT_EQ(waits[0].timeoutMs, 100);
+    EXPECT_NE(waits[0].result, 0);
+    vc->stopVideoStream();
+}
+
+/*
+ * The first merge joins -1 with the first fence. The platform's merge (the
+ * libsync contract, here over the Linux sync_file request) refuses a
+ * negative first descriptor, so the running fence stays -1 and no wait is
+ * made: the frame goes on at once even with a fence that never signals.
+ */
+TEST_F(FanOutEngineTest, ThePlatformMergeRefusesTheFirstJoinSoNoWaitIsMade) {
+    UniqueFd fence(eventfd(0, EFD_CLOEXEC));
+    ASSERT_TRUE(fence.isValid());
+    HandOutFences(fence.get());
+    auto vc = Client(1);
+    MemFrame a(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    MemFrame b(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    FrameSet set{a.buffer(), b.buffer()};
+    vc->setFrameInfo(set);
+    FrameSink sink;
+    ASSERT_EQ(vc->startVideoStream(sink.callback()), 0);
+    ASSERT_TRUE(node_->WaitQueued(3, kWait));
+    size_t fdsBefore = marlo_test::OpenFdCount();
+    sync_recorder::StartPassThrough();
+    marlo_test::LogCapture log;
+    Produce(0x205);
+    ASSERT_TRUE(sink.waitFor(1));
+    ASSERT_TRUE(node_->WaitQueued(3, kWait));
+    std::vector<sync_recorder::Wait> waits = sync_recorder::Waits();
+    std::vector<sync_recorder::Merge> merges = sync_recorder::Stop();
+
+    ASSERT_EQ(merges.size(), 2u);
+    const std::string id = kNode0;
+    EXPECT_EQ(merges[0].name, id + "\x05");
+    EXPECT_EQ(merges[1].name, id + "\x05\x01");
+    for (const sync_recorder::Merge& merge : merges) {
+        EXPECT_EQ(merge.fd1, -1);
+        EXPECT_EQ(merge.result, -1);
+    }
+    EXPECT_EQ(merges[0].fd2, a.buffer()->fence());
+    EXPECT_EQ(merges[1].fd2, b.buffer()->fence());
+    EXPECT_TRUE(waits.empty());
+    EXPECT_FALSE(log.containsText("Timeout waiting fence")) << log.dump();
+    /* Only the two buffer fences are new; the refused merges left nothing open. */
+    EXPECT_EQ(marlo_test::OpenFdCount(), fdsBefore + 2);
     vc->stopVideoStream();
 }
 
@@ -281,10 +336,19 @@ TEST_F(FanOutEngineTest, RealSyncFilesFromTheSoftwareTimeline) {
     ASSERT_EQ(vc->startVideoStream(sink.callback()), 0);
     ASSERT_TRUE(node_->WaitQueued(3, kWait));
     size_t fdsBefore = marlo_test::OpenFdCount();
+    sync_recorder::StartPassThrough();
     marlo_test::LogCapture log;
     Produce(1);
     ASSERT_TRUE(sink.waitFor(1));
     ASSERT_TRUE(node_->WaitQueued(3, kWait));
+    std::vector<sync_recorder::Wait> waits = sync_recorder::Waits();
+    std::vector<sync_recorder::Merge> merges = sync_recorder::Stop();
+    /* Real sync_files too: the first join with -1 is refused, so no wait is made. */
+    ASSERT_EQ(merges.size(), 2u);
+    EXPECT_EQ(merges[0].result, -1);
+    EXPECT_EQ(merges[1].fd1, -1);
+    EXPECT_EQ(merges[1].result, -1);
+    EXPECT_TRUE(waits.empty());
     /* Both buffers hold their own signalled sync_file; every merge result was closed. */
     EXPECT_EQ(sync_wait(a.buffer()->fence(), 0), 0);
     EXPECT_EQ(sync_wait(b.buffer()->fence(), 0), 0);

@@ -338,6 +338,7 @@ TEST_F(FrameFanOutTest, WithoutAValidFenceNothingIsMergedOrWaitedFor) {
     Produce(1);
     ASSERT_TRUE(sink.waitFor(1));
     ExpectReturned();
+    EXPECT_TRUE(sync_recorder::Waits().empty());
     EXPECT_TRUE(sync_recorder::Stop().empty());
     EXPECT_FALSE(log.containsText("Timeout waiting fence"));
     vc->stopVideoStream();

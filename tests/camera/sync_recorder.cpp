@@ -10,8 +10,10 @@ namespace {
 struct Recorder {
     std::mutex mutex;
     bool recording = false;
+    bool passThrough = false;
     bool signalled = true;
     std::vector<sync_recorder::Merge> merges;
+    std::vector<sync_recorder::Wait> waits;
 };
 
 Recorder& recorder() {
@@ -20,17 +22,38 @@ Recorder& recorder() {
 }
 
 using MergeFn = int (*)(const char*, int, int);
+using WaitFn = int (*)(int, int);
+
+int PlatformMerge(const char* name, int fd1, int fd2) {
+    static MergeFn next = reinterpret_cast<MergeFn>(dlsym(RTLD_NEXT, "sync_merge"));
+    return next ? next(name, fd1, fd2) : -1;
+}
+
+int PlatformWait(int fd, int timeout) {
+    static WaitFn next = reinterpret_cast<WaitFn>(dlsym(RTLD_NEXT, "sync_wait"));
+    return next ? next(fd, timeout) : -1;
+}
+
+void Begin(bool passThrough, bool signalled) {
+    Recorder& r = recorder();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.recording = true;
+    r.passThrough = passThrough;
+    r.signalled = signalled;
+    r.merges.clear();
+    r.waits.clear();
+}
 
 }  // namespace
 
 namespace sync_recorder {
 
 void Start(bool signalled) {
-    Recorder& r = recorder();
-    std::lock_guard<std::mutex> lock(r.mutex);
-    r.recording = true;
-    r.signalled = signalled;
-    r.merges.clear();
+    Begin(false, signalled);
+}
+
+void StartPassThrough() {
+    Begin(true, true);
 }
 
 std::vector<Merge> Stop() {
@@ -46,18 +69,30 @@ size_t Count() {
     return r.merges.size();
 }
 
+std::vector<Wait> Waits() {
+    Recorder& r = recorder();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    return r.waits;
+}
+
 }  // namespace sync_recorder
 
 extern "C" int sync_merge(const char* name, int fd1, int fd2) {
     Recorder& r = recorder();
-    {
-        std::lock_guard<std::mutex> lock(r.mutex);
-        if (r.recording) {
-            int fd = eventfd(r.signalled ? 1 : 0, EFD_CLOEXEC);
-            r.merges.push_back({name ? name : "", fd1, fd2, fd});
-            return fd;
-        }
-    }
-    static MergeFn next = reinterpret_cast<MergeFn>(dlsym(RTLD_NEXT, "sync_merge"));
-    return next ? next(name, fd1, fd2) : -1;
+    std::lock_guard<std::mutex> lock(r.mutex);
+    if (!r.recording)
+        return PlatformMerge(name, fd1, fd2);
+    int fd = r.passThrough ? PlatformMerge(name, fd1, fd2)
+                           : eventfd(r.signalled ? 1 : 0, EFD_CLOEXEC);
+    r.merges.push_back({name ? name : "", fd1, fd2, fd});
+    return fd;
+}
+
+extern "C" int sync_wait(int fd, int timeout) {
+    int result = PlatformWait(fd, timeout);
+    Recorder& r = recorder();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    if (r.recording)
+        r.waits.push_back({fd, timeout, result});
+    return result;
 }
