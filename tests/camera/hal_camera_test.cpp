@@ -209,6 +209,24 @@ TEST_F(HalCameraTest, StartingWithoutAnOpeningIsRefused) {
     EXPECT_EQ(camera_->captureState(), 0);
 }
 
+TEST_F(HalCameraTest, StartingAfterAFailedOpeningIsRecordedAsRunningAndEndsCleanly) {
+    node_->InjectError(marlo_fake::kOpenRequest, ENOENT);
+    ASSERT_FALSE(camera_->clientStreamOpening(64, 48, V4L2_PIX_FMT_GREY));
+    size_t threads = ThreadCount();
+    marlo_test::LogCapture log;
+    /* The capture camera exists but has no node: its start only logs, as it does. */
+    EXPECT_EQ(camera_->clientStreamStarting(), 0);
+    EXPECT_EQ(camera_->captureState(), 1);
+    EXPECT_EQ(CameraState(kNode0), "RUNNING");
+    EXPECT_EQ(node_->CountRequests(VIDIOC_STREAMON), 0u);
+    camera_->clientStreamEnding();
+    EXPECT_EQ(camera_->captureState(), 0);
+    EXPECT_EQ(camera_->streamingClients(), 0);
+    EXPECT_EQ(CameraState(kNode0), "STOPPED");
+    EXPECT_EQ(ThreadCount(), threads);
+    EXPECT_EQ(node_->OpenDescriptors(), 0u);
+}
+
 TEST_F(HalCameraTest, ClosingLogsTheCountsAndKeepsTheDeviceOpenWithoutStreamingClients) {
     ASSERT_TRUE(camera_->clientStreamOpening(64, 48, V4L2_PIX_FMT_GREY));
     marlo_test::LogCapture log;
