@@ -167,16 +167,28 @@ TEST_F(VirtualCameraTest, StartWithACameraThatHasGoneFails) {
     auto vc = std::make_shared<VirtualCamera>(3, lonely);
     lonely.reset();
     marlo_test::LogCapture log;
-    EXPECT_EQ(vc->startVideoStream(nullptr), -2);
+    FrameSink sink;
+    /* Trying the gone entry again could only repeat forever: the start fails once instead. */
+    EXPECT_EQ(vc->startVideoStream(sink.callback()), -2);
     EXPECT_EQ(CountLines(log, ANDROID_LOG_ERROR, Vcam(3), "startVideoStream",
                          "Failed to start a video stream"),
               1u)
         << log.dump();
     EXPECT_EQ(vc->state(), 0);
+    /* The callback was stored before anything else, the failure notwithstanding. */
+    auto a = Grey(1);
+    vc->forwardFrame({a->buffer()});
+    EXPECT_EQ(sink.count(), 1u);
 }
 
 TEST_F(VirtualCameraTest, StartWithoutCamerasSucceeds) {
+    marlo_test::LogCapture log;
     VirtualCamera vc(11, nullptr);
+    EXPECT_EQ(CountLines(log, ANDROID_LOG_ERROR, Vcam(11), "VirtualCamera",
+                         "created without a hw camera"),
+              1u)
+        << log.dump();
+    EXPECT_TRUE(vc.getHalCameras().empty());
     EXPECT_EQ(vc.startVideoStream(nullptr), 0);
     EXPECT_EQ(vc.state(), 1);
     vc.stopVideoStream();
