@@ -82,8 +82,8 @@ extern "C" int sync_merge(const char* name, int fd1, int fd2) {
     std::lock_guard<std::mutex> lock(r.mutex);
     if (!r.recording)
         return PlatformMerge(name, fd1, fd2);
-    int fd = r.passThrough ? PlatformMerge(name, fd1, fd2)
-                           : eventfd(r.signalled ? 1 : 0, EFD_CLOEXEC);
+    int fd =
+        r.passThrough ? PlatformMerge(name, fd1, fd2) : eventfd(r.signalled ? 1 : 0, EFD_CLOEXEC);
     r.merges.push_back({name ? name : "", fd1, fd2, fd});
     return fd;
 }
