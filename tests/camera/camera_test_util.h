@@ -19,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -255,8 +256,18 @@ class TraceRecorder {
     size_t ends_ = 0;
 };
 
-/* Threads of this process right now. */
+/*
+ * Threads of this process right now. The first thread a process creates can
+ * bring a sanitizer's helper thread with it, so one throwaway thread is run
+ * first: counts taken before and after the code under test then differ only
+ * by that code's threads.
+ */
 inline size_t ThreadCount() {
+    static const bool settled = [] {
+        std::thread([] {}).join();
+        return true;
+    }();
+    (void)settled;
     size_t n = 0;
     if (DIR* dir = opendir("/proc/self/task")) {
         while (dirent* entry = readdir(dir))
