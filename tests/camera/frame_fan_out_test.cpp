@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -310,15 +311,14 @@ TEST_F(FrameFanOutTest, PerFrameDetailIsLoggedAtVerbose) {
     Produce(1);
     ASSERT_TRUE(sink.waitFor(1));
     EXPECT_EQ(Count(log, ANDROID_LOG_VERBOSE, "get virtCam size = 1"), 1u) << log.dump();
-    bool src = false;
-    for (const auto& record : log.records()) {
-        /* The captured buffer's descriptor is the library's; the rest is fixed. */
-        const std::string& m = record.message;
-        size_t at = m.find("src : ");
-        if (record.priority == ANDROID_LOG_VERBOSE && at != std::string::npos)
-            src = m.size() > at && m.substr(m.find('-', at)) == "-64-48-64-48-59455247";
-    }
-    EXPECT_TRUE(src) << log.dump();
+    /* The captured buffer's descriptor is the library's; the rest is fixed. */
+    const std::regex srcLine(std::string("CAM\\(") + kNode0 +
+                             "\\) operator\\(\\):[0-9]+ src : [0-9]+-64-48-64-48-59455247");
+    size_t src = 0;
+    for (const auto& record : log.records())
+        src += record.priority == ANDROID_LOG_VERBOSE && record.tag == kTag &&
+               std::regex_match(record.message, srcLine);
+    EXPECT_EQ(src, 1u) << log.dump();
     std::string dst = "dst : " + std::to_string(out.fd()) + "-32-24-32-24-3231564e";
     EXPECT_EQ(Count(log, ANDROID_LOG_VERBOSE, dst), 1u) << log.dump();
     EXPECT_EQ(Count(log, ANDROID_LOG_VERBOSE, "fence -1"), 1u) << log.dump();
