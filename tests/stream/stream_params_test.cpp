@@ -138,6 +138,14 @@ TEST_F(StreamParamsTest, NullValueIsRefused) {
     EXPECT_EQ(
         Count(log, ANDROID_LOG_ERROR, kDevice, 2, "ClientGetParams", "param 4 with null value"), 1u)
         << log.dump();
+    /* The id is judged first: an unknown one is refused as such, pointer or not. */
+    log.clear();
+    EXPECT_EQ(stream.ClientGetParams(static_cast<marlo_param_t>(5), nullptr), -2);
+    EXPECT_EQ(Count(log, ANDROID_LOG_ERROR, kDevice, 2, "ClientGetParams", "invaild param"), 1u)
+        << log.dump();
+    for (marlo_param_t id :
+         {MARLO_PARAM_COLOR_FORMAT, MARLO_PARAM_LOCATION, MARLO_PARAM_LENS_FACING})
+        EXPECT_EQ(stream.ClientGetParams(id, nullptr), -2) << id;
     stream.CloseCamera();
 }
 
