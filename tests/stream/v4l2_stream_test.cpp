@@ -744,3 +744,31 @@ TEST_F(V4l2StreamTest, ReturningAnEmptySetSucceedsWhateverTheCameraDid) {
         << log.dump();
     stream.CloseCamera();
 }
+
+TEST_F(V4l2StreamTest, ReopeningAsTheSameClientBesideAnotherKeepsTheSharedCamera) {
+    V4l2Stream stream;
+    V4l2Stream other;
+    ASSERT_EQ(Open(stream, 1), 0);
+    ASSERT_EQ(Open(other, 2), 0);
+    std::shared_ptr<HalCamera> hal = Registry::Find(kNode0);
+    ASSERT_NE(hal, nullptr);
+
+    marlo_test::LogCapture log;
+    ASSERT_EQ(Open(stream, 1), 0);
+    EXPECT_EQ(Count(log, ANDROID_LOG_WARN, kNode0, 1, "OpenCamera",
+                    "opened again while open, closing the earlier camera first"),
+              1u)
+        << log.dump();
+    /* The earlier client camera left before the new one came: no duplicate to remove. */
+    EXPECT_EQ(CountLines(log, ANDROID_LOG_ERROR, Cam(kNode0), "operator()",
+                         "WARNING! Adding virtual camera already exits!!!!!"),
+              0u);
+    EXPECT_EQ(Count(log, ANDROID_LOG_INFO, kNode0, 1, "OpenCamera",
+                    std::string("find deviceId ") + kNode0 + " in list"),
+              1u);
+    EXPECT_EQ(Registry::Find(kNode0), hal);
+    EXPECT_EQ(hal->clientCount(), 2u);
+    hal.reset();
+    stream.CloseCamera();
+    other.CloseCamera();
+}
