@@ -496,7 +496,11 @@ class DemoClient {
         }
     }
 
-    /* Runs on the camera's IO thread. */
+    /*
+     * Runs on the camera's IO thread, which serves every client of the
+     * camera: keep it short, and never open, start, stop or close a stream
+     * of this camera from here.
+     */
     void OnFrames(std::vector<std::shared_ptr<FrameBuffer>> frames) {
         if (frames.empty())
             return;
