@@ -302,11 +302,10 @@ class DemoClient {
     DemoClient(int id, const ClientSpec& spec, GrallocFrameBufferAllocator* allocator)
         : id_(id), spec_(spec), allocator_(allocator) {}
 
+    /* The stream lets go of the lent buffers before they are freed. */
     ~DemoClient() {
         if (open_)
             stream_.CloseCamera();
-        for (auto& entry : mappings_)
-            allocator_->UnMap(entry.first);
     }
 
     DemoClient(const DemoClient&) = delete;
@@ -416,12 +415,15 @@ class DemoClient {
                 << " fps by timestamps";
         }
         out << "\n";
+        if (incomplete_ > 0)
+            out << "  " << incomplete_ << " set(s) not converted within " << kFenceWaitMs
+                << " ms\n";
         for (size_t b = 0; b < first_.size(); ++b) {
             const FrameInfo& info = first_info_[b];
             std::ostringstream name;
             name << dir << "/client" << id_ << "_buf" << b << "_" << info.width << "x"
                  << info.height << "_stride" << info.stride << "_" << FourccText(info.fourcc)
-                 << "_seq" << first_sequence_ << ".raw";
+                 << "_seq" << kept_sequence_ << ".raw";
             std::ofstream file(name.str(), std::ios::binary | std::ios::trunc);
             file.write(reinterpret_cast<const char*>(first_[b].data()),
                        static_cast<std::streamsize>(first_[b].size()));
@@ -461,14 +463,9 @@ class DemoClient {
                 << FourccText(spec_.fourcc) << " failed\n";
             return nullptr;
         }
+        /* Destroying the buffer gives its memory back through the allocator. */
         std::shared_ptr<FrameBuffer> buffer(raw);
         buffer->SetCookies(static_cast<unsigned long>(id_ * 100 + set * 10 + index));
-        void* address = allocator_->Map(buffer.get());
-        if (address == nullptr) {
-            err << "client " << id_ << ": mapping a buffer failed\n";
-            return nullptr;
-        }
-        mappings_[buffer.get()] = address;
         return buffer;
     }
 
@@ -499,22 +496,36 @@ class DemoClient {
         }
     }
 
-    /* Runs on the camera's IO thread. */
+    /*
+     * Runs on the camera's IO thread, which serves every client of the
+     * camera: keep it short, and never open, start, stop or close a stream
+     * of this camera from here.
+     */
     void OnFrames(std::vector<std::shared_ptr<FrameBuffer>> frames) {
         if (frames.empty())
             return;
-        /* The conversions may still run on the engine: their fences tell. */
+        /*
+         * The conversions may still run on the engine when the set arrives;
+         * the fences, owned by the buffers, tell when they are done.
+         */
+        bool complete = true;
         for (const auto& frame : frames) {
-            if (frame && frame->fence() >= 0)
-                sync_wait(frame->fence(), kFenceWaitMs);
+            if (frame && frame->fence() >= 0 && sync_wait(frame->fence(), kFenceWaitMs) != 0)
+                complete = false;
         }
         {
             std::lock_guard<std::mutex> lock(mutex_);
             uint32_t sequence = frames[0]->sequence();
             uint64_t timestamp = frames[0]->timestamp();
+            if (!complete)
+                ++incomplete_;
             if (frames_ == 0) {
                 first_sequence_ = sequence;
                 first_timestamp_ = timestamp;
+            }
+            /* The first set the engine finished in time is the one written out. */
+            if (complete && first_.empty()) {
+                kept_sequence_ = sequence;
                 KeepFirst(frames);
             }
             last_sequence_ = sequence;
@@ -522,22 +533,28 @@ class DemoClient {
             ++frames_;
         }
         cond_.notify_all();
+        /* Done with the set: it goes back to the library for a later frame. */
         stream_.ClientReturnFrame(frames);
     }
 
+    /*
+     * Copies the set's images. Each buffer is locked for the CPU only while
+     * it is read, once the engine is done with it.
+     */
     void KeepFirst(const FrameSet& frames) {
         for (const auto& frame : frames) {
-            auto it = mappings_.find(frame.get());
-            if (it == mappings_.end())
+            const void* address = allocator_->Map(frame.get());
+            if (address == nullptr)
                 continue;
             FrameInfo info = {frame->width(), frame->height(), frame->stride(),
                               static_cast<uint32_t>(frame->fourcc())};
             size_t bytes = ImageBytes(info.fourcc, info.stride, info.height);
             if (bytes > frame->size())
                 bytes = frame->size();
-            const uint8_t* data = static_cast<const uint8_t*>(it->second);
+            const uint8_t* data = static_cast<const uint8_t*>(address);
             first_.emplace_back(data, data + bytes);
             first_info_.push_back(info);
+            allocator_->UnMap(frame.get());
         }
     }
 
@@ -545,14 +562,15 @@ class DemoClient {
     ClientSpec spec_;
     bool open_ = false;
     GrallocFrameBufferAllocator* allocator_;
-    /* Written before the start, only read by the callback. */
-    std::map<FrameBuffer*, void*> mappings_;
     std::vector<FrameSet> sets_;
 
     std::mutex mutex_;
     std::condition_variable cond_;
     int frames_ = 0;
+    /* Sets whose conversion had not finished within kFenceWaitMs. */
+    int incomplete_ = 0;
     uint32_t first_sequence_ = 0;
+    uint32_t kept_sequence_ = 0;
     uint32_t last_sequence_ = 0;
     uint64_t first_timestamp_ = 0;
     uint64_t last_timestamp_ = 0;

@@ -84,6 +84,42 @@ std::map<std::string, marlo_lens_facing_t> LensFacingMap() {
     };
 }
 
+/* The location value of a configuration text; 0 for a text the list lacks. */
+int32_t LocationOf(const std::string& text) {
+    std::map<std::string, marlo_location_t> map = LocationMap();
+    auto it = map.find(text);
+    return it != map.end() ? it->second : 0;
+}
+
+/* The lens-facing value of a configuration text; 0 for a text the list lacks. */
+int32_t LensFacingOf(const std::string& text) {
+    std::map<std::string, marlo_lens_facing_t> map = LensFacingMap();
+    auto it = map.find(text);
+    return it != map.end() ? it->second : 0;
+}
+
+/*
+ * The placement record of \a clientId: its own entry, else the channel its
+ * input mapping points at. An unmapped client or a position outside the
+ * board has no record: null, with the position looked at in \a src.
+ */
+const GlobalCameraConfig::CameraParam* FindCameraParam(
+    const GlobalCameraConfig::BoardConfig& config, int clientId,
+    GlobalCameraConfig::InputSrc* src) {
+    auto own = config.cameraParams.find(clientId);
+    if (own != config.cameraParams.end())
+        return &own->second;
+    auto mapped = config.inputMap.find(clientId);
+    if (mapped != config.inputMap.end())
+        *src = mapped->second;
+    if (src->cameraId < 0 || static_cast<size_t>(src->cameraId) >= config.cameras.size())
+        return nullptr;
+    const auto& channels = config.cameras[static_cast<size_t>(src->cameraId)].channels;
+    if (src->channelId < 0 || static_cast<size_t>(src->channelId) >= channels.size())
+        return nullptr;
+    return &channels[static_cast<size_t>(src->channelId)].cameraParam;
+}
+
 /* Writes \a count 32-bit words at the start of the record and nothing else. */
 void WriteWords(marlo_param_value_t* value, const void* words, size_t count) {
     memcpy(value, words, count * sizeof(uint32_t));
@@ -252,16 +288,17 @@ void V4l2Stream::ClientStopStream() {
 }
 
 void V4l2Stream::ClientDeliverFrame(std::vector<std::shared_ptr<FrameBuffer>> frames) {
-    FrameCallback callback;
-    {
-        std::lock_guard<std::mutex> lock(callback_mutex_);
-        callback = frame_callback_;
-    }
+    /*
+     * The stored callback itself is invoked, so a client's stateful callable
+     * keeps its state from frame to frame; the lock keeps a refused second
+     * start from replacing it meanwhile.
+     */
+    std::lock_guard<std::mutex> lock(callback_mutex_);
     /* Without a callback the set is neither delivered nor given back. */
-    if (!callback)
+    if (!frame_callback_)
         return;
     std::vector<std::shared_ptr<FrameBuffer>> copy = frames;
-    callback(copy);
+    frame_callback_(copy);
 }
 
 int V4l2Stream::ClientReturnFrame(std::vector<std::shared_ptr<FrameBuffer>> frames) {
@@ -325,45 +362,17 @@ int V4l2Stream::ClientGetParams(marlo_param_t id, marlo_param_value_t* value) {
         WriteWords(value, &resolution, 3);
         return 0;
     }
-    return AnswerPlacement(id, value);
-}
 
-int V4l2Stream::AnswerPlacement(marlo_param_t id, marlo_param_value_t* value) {
     GlobalCameraConfig::BoardConfig config = GlobalCameraConfig::Creat();
-
-    const GlobalCameraConfig::CameraParam* param = nullptr;
-    auto own = config.cameraParams.find(client_id_);
-    if (own != config.cameraParams.end()) {
-        param = &own->second;
-    } else {
-        GlobalCameraConfig::InputSrc src;
-        auto mapped = config.inputMap.find(client_id_);
-        if (mapped != config.inputMap.end())
-            src = mapped->second;
-        /* An unmapped client or a position outside the board has no record to answer from. */
-        if (src.cameraId < 0 || static_cast<size_t>(src.cameraId) >= config.cameras.size() ||
-            src.channelId < 0 ||
-            static_cast<size_t>(src.channelId) >=
-                config.cameras[static_cast<size_t>(src.cameraId)].channels.size()) {
-            STRM_LOG(MARLO_LOG_ERROR, "no camera for client %d in the configuration (%d, %d)",
-                     client_id_, src.cameraId, src.channelId);
-            return kFailed;
-        }
-        param = &config.cameras[static_cast<size_t>(src.cameraId)]
-                     .channels[static_cast<size_t>(src.channelId)]
-                     .cameraParam;
+    GlobalCameraConfig::InputSrc src;
+    const GlobalCameraConfig::CameraParam* param = FindCameraParam(config, client_id_, &src);
+    if (!param) {
+        STRM_LOG(MARLO_LOG_ERROR, "no camera for client %d in the configuration (%d, %d)",
+                 client_id_, src.cameraId, src.channelId);
+        return kFailed;
     }
-
-    int32_t answer = 0;
-    if (id == MARLO_PARAM_LOCATION) {
-        auto map = LocationMap();
-        auto it = map.find(param->location);
-        answer = it != map.end() ? it->second : 0;
-    } else {
-        auto map = LensFacingMap();
-        auto it = map.find(param->lensFacing);
-        answer = it != map.end() ? it->second : 0;
-    }
+    int32_t answer =
+        id == MARLO_PARAM_LOCATION ? LocationOf(param->location) : LensFacingOf(param->lensFacing);
     WriteWords(value, &answer, 1);
     return 0;
 }

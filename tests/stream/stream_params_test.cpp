@@ -1,5 +1,6 @@
 /* The client parameter queries, against configurations written by the test and the example file. */
 #include <linux/videodev2.h>
+#include <stddef.h>
 #include <string.h>
 
 #include <fstream>
@@ -137,6 +138,14 @@ TEST_F(StreamParamsTest, NullValueIsRefused) {
     EXPECT_EQ(
         Count(log, ANDROID_LOG_ERROR, kDevice, 2, "ClientGetParams", "param 4 with null value"), 1u)
         << log.dump();
+    /* The id is judged first: an unknown one is refused as such, pointer or not. */
+    log.clear();
+    EXPECT_EQ(stream.ClientGetParams(static_cast<marlo_param_t>(5), nullptr), -2);
+    EXPECT_EQ(Count(log, ANDROID_LOG_ERROR, kDevice, 2, "ClientGetParams", "invaild param"), 1u)
+        << log.dump();
+    for (marlo_param_t id :
+         {MARLO_PARAM_COLOR_FORMAT, MARLO_PARAM_LOCATION, MARLO_PARAM_LENS_FACING})
+        EXPECT_EQ(stream.ClientGetParams(id, nullptr), -2) << id;
     stream.CloseCamera();
 }
 
@@ -260,7 +269,7 @@ TEST_F(StreamParamsTest, ClientWithoutACameraInTheConfigurationIsRefused) {
             marlo_param_value_t value = Marked();
             marlo_test::LogCapture log;
             EXPECT_EQ(stream.ClientGetParams(id, &value), -2);
-            EXPECT_EQ(Count(log, ANDROID_LOG_ERROR, kDevice, c.client, "AnswerPlacement", c.text),
+            EXPECT_EQ(Count(log, ANDROID_LOG_ERROR, kDevice, c.client, "ClientGetParams", c.text),
                       1u)
                 << log.dump();
             EXPECT_EQ(Word(value, 0), 0xa5a5a5a5u);
@@ -295,4 +304,18 @@ TEST_F(StreamParamsTest, ExampleConfigurationDevkitBoardHasNoPlacement) {
     sysroot_->writeModel(std::string("Tessaro TS9100 DEVKIT V10 Board") + '\0');
     EXPECT_EQ(Location(0), 0);
     EXPECT_EQ(LensFacing(0), 0);
+}
+
+TEST(StreamParamsVocabularyTest, EveryAnswerFitsThreeWordsAndEachEnumerationIsOneWord) {
+    EXPECT_EQ(sizeof(marlo_param_value_t), 3 * sizeof(uint32_t));
+    EXPECT_EQ(sizeof(marlo_param_t), 4u);
+    EXPECT_EQ(sizeof(marlo_color_fmt_t), 4u);
+    EXPECT_EQ(sizeof(marlo_location_t), 4u);
+    EXPECT_EQ(sizeof(marlo_lens_facing_t), 4u);
+    /* The answers start at the record's first word. */
+    EXPECT_EQ(offsetof(marlo_param_value_t, color_format), 0u);
+    EXPECT_EQ(offsetof(marlo_param_value_t, location), 0u);
+    EXPECT_EQ(offsetof(marlo_param_value_t, lens_facing), 0u);
+    EXPECT_EQ(offsetof(marlo_resolution_t, height), 4u);
+    EXPECT_EQ(offsetof(marlo_resolution_t, frame_rate), 8u);
 }

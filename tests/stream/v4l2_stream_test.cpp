@@ -689,3 +689,86 @@ TEST_F(V4l2StreamTest, SameClientIdTwiceOnOneDeviceReplacesTheEarlierClientCamer
     first.CloseCamera();
     EXPECT_EQ(node_->OpenDescriptors(), 0u);
 }
+
+TEST_F(V4l2StreamTest, TheStoredCallbackItselfIsCalledSoItKeepsItsState) {
+    V4l2Stream stream;
+    ASSERT_EQ(Open(stream, 1), 0);
+    std::vector<int> seen;
+    /* A client's callable that counts the sets it was handed. */
+    auto counting = [&seen, count = 0](FrameSet) mutable { seen.push_back(++count); };
+    ASSERT_EQ(stream.ClientStartStream(counting), 0);
+    auto a = Nv12(1);
+    FrameSet set{a->buffer()};
+    for (int i = 0; i < 3; ++i)
+        stream.ClientDeliverFrame(set);
+    EXPECT_EQ(seen, (std::vector<int>{1, 2, 3}));
+    stream.CloseCamera();
+}
+
+TEST_F(V4l2StreamTest, RefusedStartsWhileFramesFlowReplaceTheCallbackSafely) {
+    V4l2Stream stream;
+    ASSERT_EQ(Open(stream, 1), 0);
+    auto a = Nv12(1);
+    auto b = Nv12(2);
+    FrameSet first{a->buffer()};
+    FrameSet second{b->buffer()};
+    ASSERT_EQ(stream.ClientSetBufferInfo(first), 0);
+    ASSERT_EQ(stream.ClientReturnFrame(second), 0);
+    Client one(&stream);
+    Client two(&stream);
+    ASSERT_EQ(stream.ClientStartStream(one.callback()), 0);
+    node_->StartFrames(std::chrono::milliseconds(2), marlo_fake::Frame(-1));
+    ASSERT_TRUE(one.waitFor(1));
+
+    /* The IO thread keeps calling the callback while it is replaced here. */
+    for (int i = 0; i < 200; ++i) {
+        Client& next = i % 2 == 0 ? two : one;
+        EXPECT_EQ(stream.ClientStartStream(next.callback()), -2);
+    }
+    /* The last refused start left "one" in place: it goes on receiving. */
+    size_t before = one.count();
+    EXPECT_TRUE(one.waitFor(before + 2));
+    node_->StopFrames();
+    EXPECT_EQ(stream.state(), 1u);
+    stream.CloseCamera();
+    one.clear();
+    two.clear();
+}
+
+TEST_F(V4l2StreamTest, ReturningAnEmptySetSucceedsWhateverTheCameraDid) {
+    V4l2Stream stream;
+    ASSERT_EQ(Open(stream, 1), 0);
+    marlo_test::LogCapture log;
+    EXPECT_EQ(stream.ClientReturnFrame({}), 0);
+    EXPECT_EQ(CountLines(log, ANDROID_LOG_INFO, Vcam(1), "doneWithFrame", "doneWithFrame null"), 1u)
+        << log.dump();
+    stream.CloseCamera();
+}
+
+TEST_F(V4l2StreamTest, ReopeningAsTheSameClientBesideAnotherKeepsTheSharedCamera) {
+    V4l2Stream stream;
+    V4l2Stream other;
+    ASSERT_EQ(Open(stream, 1), 0);
+    ASSERT_EQ(Open(other, 2), 0);
+    std::shared_ptr<HalCamera> hal = Registry::Find(kNode0);
+    ASSERT_NE(hal, nullptr);
+
+    marlo_test::LogCapture log;
+    ASSERT_EQ(Open(stream, 1), 0);
+    EXPECT_EQ(Count(log, ANDROID_LOG_WARN, kNode0, 1, "OpenCamera",
+                    "opened again while open, closing the earlier camera first"),
+              1u)
+        << log.dump();
+    /* The earlier client camera left before the new one came: no duplicate to remove. */
+    EXPECT_EQ(CountLines(log, ANDROID_LOG_ERROR, Cam(kNode0), "operator()",
+                         "WARNING! Adding virtual camera already exits!!!!!"),
+              0u);
+    EXPECT_EQ(Count(log, ANDROID_LOG_INFO, kNode0, 1, "OpenCamera",
+                    std::string("find deviceId ") + kNode0 + " in list"),
+              1u);
+    EXPECT_EQ(Registry::Find(kNode0), hal);
+    EXPECT_EQ(hal->clientCount(), 2u);
+    hal.reset();
+    stream.CloseCamera();
+    other.CloseCamera();
+}

@@ -128,7 +128,9 @@ class V4l2Stream {
     void CloseCamera();
     /*
      * Opens the hardware on first use and starts the stream; frames reach
-     * \a callback on the camera's IO thread. 0 or -2.
+     * \a callback on the camera's IO thread. The callback may return sets
+     * and query parameters, but must not open, start, stop or close streams
+     * of the same camera. 0 or -2.
      */
     int ClientStartStream(std::function<void(std::vector<std::shared_ptr<FrameBuffer>>)> callback);
     void ClientStopStream();
@@ -159,8 +161,6 @@ class V4l2Stream {
   private:
     friend struct detail::StreamRegistryAccess;
 
-    int AnswerPlacement(marlo_param_t id, marlo_param_value_t* value);
-
     std::atomic<uint32_t> state_{0};
     std::string device_id_;
     std::shared_ptr<VirtualCamera> virtual_camera_;
@@ -170,8 +170,9 @@ class V4l2Stream {
     int32_t format_ = 0;
     int32_t client_id_ = -1;
     /*
-     * The IO thread reads the callback while a refused second start may
-     * replace it on the client's thread; this keeps the two apart.
+     * The IO thread runs the callback while a refused second start may
+     * replace it on the client's thread; this keeps the two apart. Held for
+     * the whole call of the callback.
      */
     std::mutex callback_mutex_;
 
