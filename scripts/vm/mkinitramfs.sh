@@ -81,8 +81,9 @@ done | sort -u | while read -r library; do
     cp -L "$library" "$root$library"
 done
 
-# The example camera configuration, found through MARLO_SYSROOT.
-mkdir -p "$root/opt/marlo/sysroot/vendor/etc"
+# The example camera configuration and the debug report directory, found
+# through MARLO_SYSROOT.
+mkdir -p "$root/opt/marlo/sysroot/vendor/etc" "$root/opt/marlo/sysroot/data/vendor/camera"
 cp "$source_dir/config/marlo_config.xml" "$root/opt/marlo/sysroot/vendor/etc/"
 
 (cd "$root" && find . | LC_ALL=C sort | cpio -o -H newc --quiet) | gzip -1 >"$cache/initramfs.cpio.gz.tmp"
