@@ -24,8 +24,9 @@ cmake --build "$build" -j "$(nproc)" --target marlo_capture_demo nax
 
 scripts/vm/mkinitramfs.sh "$cache" "$build"
 
-# vivid's first input is a webcam that offers 640x480 YUYV among others.
-options="--size 640x480 --format YUYV --frames 30 --seconds 30"
+# vivid's first input is a webcam that offers 640x480 YUYV among others; it
+# starts at 5 frames per second unless asked for more.
+options="--size 640x480 --format YUYV --fps 30 --frames 60 --seconds 30"
 if [ $# -gt 0 ]; then
     options=$(printf "'%s' " "$@")
 fi
@@ -37,8 +38,12 @@ node=\$(capture-node) || exit 2
 mkdir -p /tmp/frames && cd /tmp/frames
 MARLO_SYSROOT=/opt/marlo/sysroot /opt/marlo/bin/marlo_capture_demo --device \$node --out /tmp/frames $options
 status=\$?
-echo '== frames written (md5sum) =='
-md5sum *.raw 2>/dev/null
+echo '== frames written: md5sum, then the first 16 bytes =='
+for file in *.raw; do
+    [ -f \$file ] || continue
+    md5sum \$file
+    od -An -tx1 -N16 \$file
+done
 exit \$status
 "
 status=$?

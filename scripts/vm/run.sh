@@ -78,6 +78,7 @@ is_up() {
 }
 
 log="$work/console.log"
+: >"$log"
 qemu_status=1
 # Some (nested) KVM hosts refuse to run the guest or reject MSRs of their own
 # CPU model: fall back to the emulator when the guest did not come up.
