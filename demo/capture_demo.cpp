@@ -577,33 +577,66 @@ class DemoClient {
  * left at (vivid's webcam input starts at 5 fps); the driver picks the
  * nearest rate it offers, and a refusal only costs the rate.
  */
-void SetDeviceRate(const Options& options, std::ostream& out) {
-    tessaro::marlo::UniqueFd fd(open(options.device.c_str(), O_RDWR | O_CLOEXEC));
-    v4l2_streamparm parm = {};
-    int result = -1;
+/*
+ * Runs VIDIOC_G_PARM or VIDIOC_S_PARM (\a request) on \a device, as a single
+ * or multi-planar capture device. Returns 0 or the errno value.
+ */
+int StreamParm(const std::string& device, unsigned long request, uint32_t fps,
+               v4l2_streamparm* parm) {
+    tessaro::marlo::UniqueFd fd(open(device.c_str(), O_RDWR | O_CLOEXEC));
+    if (fd.get() < 0)
+        return errno;
+    int error = EINVAL;
     for (uint32_t type : {V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE}) {
-        parm = {};
-        parm.type = type;
-        parm.parm.capture.timeperframe = {1, static_cast<uint32_t>(options.fps)};
-        if (fd.get() < 0)
-            break;
-        result = ioctl(fd.get(), VIDIOC_S_PARM, &parm);
-        if (result == 0 || errno != EINVAL)
+        *parm = {};
+        parm->type = type;
+        parm->parm.capture.timeperframe = {1, fps};
+        error = ioctl(fd.get(), request, parm) == 0 ? 0 : errno;
+        if (error != EINVAL)
             break;
     }
-    int error = errno;
-    const v4l2_fract& chosen = parm.parm.capture.timeperframe;
-    if (result != 0) {
+    return error;
+}
+
+/* "25.0 fps" for the interval 1/25; an interval with a zero term has no rate. */
+std::string RateText(const v4l2_fract& interval) {
+    if (interval.numerator == 0 || interval.denominator == 0)
+        return "no frame interval";
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(1)
+         << static_cast<double>(interval.denominator) / interval.numerator << " fps";
+    return text.str();
+}
+
+/*
+ * Asks the device for options.fps frames per second. The stream session
+ * leaves the frame interval alone, so a device runs at whatever rate it was
+ * left at (vivid's webcam input starts at 5 fps); the driver picks the
+ * nearest rate it offers, and a refusal only costs the rate.
+ */
+void SetDeviceRate(const Options& options, std::ostream& out) {
+    v4l2_streamparm parm;
+    int error =
+        StreamParm(options.device, VIDIOC_S_PARM, static_cast<uint32_t>(options.fps), &parm);
+    if (error != 0)
         out << "device rate: " << options.device << " refused " << options.fps << " fps ("
             << strerror(error) << "), keeping its own\n";
-    } else if (chosen.numerator == 0 || chosen.denominator == 0) {
-        out << "device rate: " << options.device << " took " << options.fps
-            << " fps but reports no frame interval\n";
-    } else {
-        out << "device rate: asked " << options.fps << " fps, the device chose " << std::fixed
-            << std::setprecision(1) << static_cast<double>(chosen.denominator) / chosen.numerator
-            << " fps\n";
-    }
+    else
+        out << "device rate: asked " << options.fps << " fps, the device chose "
+            << RateText(parm.parm.capture.timeperframe) << "\n";
+}
+
+/*
+ * The rate once streaming: setting the capture format at the start may
+ * change the interval again (vivid offers fewer rates for larger frames).
+ */
+void PrintStreamingRate(const Options& options, std::ostream& out) {
+    v4l2_streamparm parm;
+    int error = StreamParm(options.device, VIDIOC_G_PARM, 0, &parm);
+    if (error != 0)
+        out << "device rate while streaming: not reported (" << strerror(error) << ")\n";
+    else
+        out << "device rate while streaming: " << RateText(parm.parm.capture.timeperframe) << "\n";
 }
 
 }  // namespace
@@ -658,6 +691,8 @@ int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) 
         if (!client->Start(err))
             return 2;
     }
+    if (options.fps > 0)
+        PrintStreamingRate(options, out);
 
     Clock::time_point deadline = Clock::now() + std::chrono::seconds(options.seconds);
     for (auto& client : clients)

@@ -182,6 +182,10 @@ TEST_F(CaptureDemoTest, DeviceThatRefusesTheRateKeepsItsOwnAndStillCaptures) {
                               std::string(strerror(ENOTTY)) + "), keeping its own\n"),
               std::string::npos)
         << result.out;
+    EXPECT_NE(result.out.find("device rate while streaming: not reported (" +
+                              std::string(strerror(ENOTTY)) + ")\n"),
+              std::string::npos)
+        << result.out;
     EXPECT_NE(result.out.find("  frames "), std::string::npos) << result.out;
     EXPECT_EQ(result.out.find("  frames 0"), std::string::npos) << result.out;
     EXPECT_EQ(node->OpenDescriptors(), 0u);
