@@ -56,8 +56,11 @@ if [ ! -f "$cache/kernel/boot/vmlinuz-$version" ]; then
     rm -rf "$cache/deb" "$cache/kernel"
     mkdir -p "$cache/deb"
     # apt's sandbox user may not write here; the download still works.
-    (cd "$cache/deb" && apt-get download -q "$image" 2>&1 | grep -v '^W: Download is performed unsandboxed' || true)
-    deb=$(ls "$cache"/deb/"$image"_*.deb 2>/dev/null | head -n 1)
+    if ! (cd "$cache/deb" && apt-get download -q "$image" 2>&1) |
+        grep -v '^W: Download is performed unsandboxed'; then
+        : # nothing left to show
+    fi
+    deb=$(find "$cache/deb" -name "${image}_*.deb" | head -n 1)
     if [ -z "$deb" ]; then
         echo "vm: could not download $image" >&2
         exit 1

@@ -29,6 +29,7 @@ if [ -z "$version" ] || [ ! -f "$kernel" ] || [ ! -f "$initramfs" ]; then
 fi
 
 work=$(mktemp -d)
+# shellcheck disable=SC2317 # run by the trap
 cleanup() {
     # A QEMU still running (the script was interrupted) goes with it.
     [ -f "$work/qemu.pid" ] && kill "$(cat "$work/qemu.pid")" 2>/dev/null
@@ -70,6 +71,7 @@ boot() {
         waited=$((waited + 1))
     done
     wait "$pipeline" || true
+    rm -f "$work/qemu.pid"
     qemu_status=$(cat "$work/qemu.status" 2>/dev/null || echo 1)
 }
 
