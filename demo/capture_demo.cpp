@@ -639,6 +639,45 @@ void PrintStreamingRate(const Options& options, std::ostream& out) {
         out << "device rate while streaming: " << RateText(parm.parm.capture.timeperframe) << "\n";
 }
 
+/*
+ * Prints the format the device captures in once streaming. The session
+ * converts from the size and format it asked for, so a driver that chose
+ * another (vivid's webcam has a few fixed sizes) leaves every conversion
+ * failing; this says so plainly. Returns false on such a difference.
+ */
+bool CheckStreamingFormat(const Options& options, std::ostream& out, std::ostream& err) {
+    tessaro::marlo::UniqueFd fd(open(options.device.c_str(), O_RDWR | O_CLOEXEC));
+    v4l2_format format = {};
+    int error = fd.get() < 0 ? errno : EINVAL;
+    for (uint32_t type : {V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE}) {
+        if (fd.get() < 0)
+            break;
+        format = {};
+        format.type = type;
+        error = ioctl(fd.get(), VIDIOC_G_FMT, &format) == 0 ? 0 : errno;
+        if (error != EINVAL)
+            break;
+    }
+    if (error != 0) {
+        out << "device format while streaming: not reported (" << strerror(error) << ")\n";
+        return true;
+    }
+    bool mplane = format.type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    uint32_t width = mplane ? format.fmt.pix_mp.width : format.fmt.pix.width;
+    uint32_t height = mplane ? format.fmt.pix_mp.height : format.fmt.pix.height;
+    uint32_t fourcc = mplane ? format.fmt.pix_mp.pixelformat : format.fmt.pix.pixelformat;
+    out << "device format while streaming: " << width << "x" << height << " " << FourccText(fourcc)
+        << "\n";
+    if (width == options.width && height == options.height && fourcc == options.fourcc)
+        return true;
+    err << options.device << " captures " << width << "x" << height << " " << FourccText(fourcc)
+        << ", not the " << options.width << "x" << options.height << " "
+        << FourccText(options.fourcc)
+        << " asked for: conversions from the asked format cannot work; pass a size and format "
+           "the device offers\n";
+    return false;
+}
+
 }  // namespace
 
 int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) {
@@ -693,6 +732,7 @@ int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) 
     }
     if (options.fps > 0)
         PrintStreamingRate(options, out);
+    bool formatKept = CheckStreamingFormat(options, out, err);
 
     Clock::time_point deadline = Clock::now() + std::chrono::seconds(options.seconds);
     for (auto& client : clients)
@@ -701,16 +741,18 @@ int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) 
     for (auto& client : clients)
         client->Stop();
 
-    int status = 0;
+    bool noFrames = false;
     for (size_t i = 0; i < clients.size(); ++i) {
         clients[i]->Report(options.outDir, params[i], out);
         if (clients[i]->frames() == 0)
-            status = 1;
+            noFrames = true;
     }
-    if (status != 0)
+    if (noFrames)
         err << "a client received no frame within " << options.seconds << " s: is "
             << options.device
             << " a streaming capture device that takes the capture size and format?\n";
+    /* Frames converted from a format the device does not deliver are no success either. */
+    int status = noFrames || !formatKept ? 1 : 0;
     return status;
 }
 
