@@ -13,16 +13,28 @@ cd "$(dirname "$0")/.."
 build=${MARLO_DEMO_BUILD_DIR:-build-demo}
 cache="$build/vm-cache"
 started=$(date +%s)
+phase_start=$started
+timings=""
+# phase NAME: adds the time since the previous phase to the summary.
+phase() {
+    local now
+    now=$(date +%s)
+    timings="$timings $1 $((now - phase_start)) s,"
+    phase_start=$now
+}
 
 scripts/setup.sh
 scripts/vm/fetch.sh "$cache"
+phase setup
 
 echo "== building (release) in $build =="
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DMARLO_BUILD_TESTS=OFF -DMARLO_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build "$build" -j "$(nproc)" --target marlo_capture_demo nax
+phase build
 
 scripts/vm/mkinitramfs.sh "$cache" "$build"
+phase initramfs
 
 # vivid's first input is a webcam that offers 640x480 YUYV among others; it
 # starts at 5 frames per second unless asked for more.
@@ -48,5 +60,6 @@ exit \$status
 "
 status=$?
 set -e
-echo "== demo exit status $status, $(($(date +%s) - started)) s in all =="
+phase vm
+echo "== demo exit status $status; timings:$timings $(($(date +%s) - started)) s in all =="
 exit $status
