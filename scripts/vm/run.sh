@@ -52,12 +52,14 @@ boot() {
     rm -f "$work/qemu.pid" "$work/qemu.status"
     : >"$log"
     {
+        local status=0
         timeout "$timeout_s" qemu-system-x86_64 \
             "$@" -m "$memory" -smp 2 \
             -nographic -no-reboot -nic none -pidfile "$work/qemu.pid" \
             -kernel "$kernel" -initrd "$work/initramfs.cpio.gz" \
-            -append "console=ttyS0 quiet loglevel=3 panic=-1 rdinit=/init" </dev/null
-        echo $? >"$work/qemu.status"
+            -append "console=ttyS0 quiet loglevel=3 panic=-1 rdinit=/init" </dev/null ||
+            status=$?
+        echo "$status" >"$work/qemu.status"
     } | tee "$log" &
     local pipeline=$!
     local waited=0
