@@ -78,7 +78,7 @@ boot() {
 }
 
 is_up() {
-    tr -d '\r' <"$log" | grep -q '^vm: up'
+    tr -d '\r' <"$log" | grep -q '^vm: up after'
 }
 
 log="$work/console.log"
