@@ -3,7 +3,9 @@
 #include <android/sync.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/videodev2.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -63,6 +65,8 @@ struct Options {
     int sets = 3;
     int frames = 60;
     int seconds = 10;
+    /* 0: the device keeps the rate it has. */
+    int fps = 0;
     std::string outDir = ".";
 };
 
@@ -189,6 +193,8 @@ void Usage(std::ostream& out) {
            "  --sets N          buffer sets lent per client (default 3)\n"
            "  --frames N        stop once every client received N frames (default 60)\n"
            "  --seconds S       stop after S seconds in any case (default 10)\n"
+           "  --fps N           ask the device for N frames per second before the start\n"
+           "                    (default: keep the device's own rate)\n"
            "  --out DIR         where the first frame of each client is written (default .)\n";
 }
 
@@ -222,6 +228,8 @@ int ParseOptions(int argc, char** argv, Options* options, std::ostream& err) {
             ok = ParseNumber(value, 1, &options->frames);
         } else if (name == "--seconds") {
             ok = ParseNumber(value, 1, &options->seconds);
+        } else if (name == "--fps") {
+            ok = ParseNumber(value, 1, &options->fps);
         } else if (name == "--out") {
             options->outDir = value;
         } else {
@@ -581,6 +589,113 @@ class DemoClient {
     V4l2Stream stream_;
 };
 
+/*
+ * Asks the device for options.fps frames per second. The stream session
+ * leaves the frame interval alone, so a device runs at whatever rate it was
+ * left at (vivid's webcam input starts at 5 fps); the driver picks the
+ * nearest rate it offers, and a refusal only costs the rate.
+ */
+/*
+ * Runs VIDIOC_G_PARM or VIDIOC_S_PARM (\a request) on \a device, as a single
+ * or multi-planar capture device. Returns 0 or the errno value.
+ */
+int StreamParm(const std::string& device, unsigned long request, uint32_t fps,
+               v4l2_streamparm* parm) {
+    tessaro::marlo::UniqueFd fd(open(device.c_str(), O_RDWR | O_CLOEXEC));
+    if (fd.get() < 0)
+        return errno;
+    int error = EINVAL;
+    for (uint32_t type : {V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE}) {
+        *parm = {};
+        parm->type = type;
+        parm->parm.capture.timeperframe = {1, fps};
+        error = ioctl(fd.get(), request, parm) == 0 ? 0 : errno;
+        if (error != EINVAL)
+            break;
+    }
+    return error;
+}
+
+/* "25.0 fps" for the interval 1/25; an interval with a zero term has no rate. */
+std::string RateText(const v4l2_fract& interval) {
+    if (interval.numerator == 0 || interval.denominator == 0)
+        return "no frame interval";
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(1)
+         << static_cast<double>(interval.denominator) / interval.numerator << " fps";
+    return text.str();
+}
+
+/*
+ * Asks the device for options.fps frames per second. The stream session
+ * leaves the frame interval alone, so a device runs at whatever rate it was
+ * left at (vivid's webcam input starts at 5 fps); the driver picks the
+ * nearest rate it offers, and a refusal only costs the rate.
+ */
+void SetDeviceRate(const Options& options, std::ostream& out) {
+    v4l2_streamparm parm;
+    int error =
+        StreamParm(options.device, VIDIOC_S_PARM, static_cast<uint32_t>(options.fps), &parm);
+    if (error != 0)
+        out << "device rate: " << options.device << " refused " << options.fps << " fps ("
+            << strerror(error) << "), keeping its own\n";
+    else
+        out << "device rate: asked " << options.fps << " fps, the device chose "
+            << RateText(parm.parm.capture.timeperframe) << "\n";
+}
+
+/*
+ * The rate once streaming: setting the capture format at the start may
+ * change the interval again (vivid offers fewer rates for larger frames).
+ */
+void PrintStreamingRate(const Options& options, std::ostream& out) {
+    v4l2_streamparm parm;
+    int error = StreamParm(options.device, VIDIOC_G_PARM, 0, &parm);
+    if (error != 0)
+        out << "device rate while streaming: not reported (" << strerror(error) << ")\n";
+    else
+        out << "device rate while streaming: " << RateText(parm.parm.capture.timeperframe) << "\n";
+}
+
+/*
+ * Prints the format the device captures in once streaming. The session
+ * converts from the size and format it asked for, so a driver that chose
+ * another (vivid's webcam has a few fixed sizes) leaves every conversion
+ * failing; this says so plainly. Returns false on such a difference.
+ */
+bool CheckStreamingFormat(const Options& options, std::ostream& out, std::ostream& err) {
+    tessaro::marlo::UniqueFd fd(open(options.device.c_str(), O_RDWR | O_CLOEXEC));
+    v4l2_format format = {};
+    int error = fd.get() < 0 ? errno : EINVAL;
+    for (uint32_t type : {V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE}) {
+        if (fd.get() < 0)
+            break;
+        format = {};
+        format.type = type;
+        error = ioctl(fd.get(), VIDIOC_G_FMT, &format) == 0 ? 0 : errno;
+        if (error != EINVAL)
+            break;
+    }
+    if (error != 0) {
+        out << "device format while streaming: not reported (" << strerror(error) << ")\n";
+        return true;
+    }
+    bool mplane = format.type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    uint32_t width = mplane ? format.fmt.pix_mp.width : format.fmt.pix.width;
+    uint32_t height = mplane ? format.fmt.pix_mp.height : format.fmt.pix.height;
+    uint32_t fourcc = mplane ? format.fmt.pix_mp.pixelformat : format.fmt.pix.pixelformat;
+    out << "device format while streaming: " << width << "x" << height << " " << FourccText(fourcc)
+        << "\n";
+    if (width == options.width && height == options.height && fourcc == options.fourcc)
+        return true;
+    err << options.device << " captures " << width << "x" << height << " " << FourccText(fourcc)
+        << ", not the " << options.width << "x" << options.height << " "
+        << FourccText(options.fourcc)
+        << " asked for: conversions from the asked format cannot work; pass a size and format "
+           "the device offers\n";
+    return false;
+}
+
 }  // namespace
 
 int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) {
@@ -626,10 +741,16 @@ int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) 
     for (auto& client : clients)
         params.push_back(client->Params());
 
+    if (options.fps > 0)
+        SetDeviceRate(options, out);
+
     for (auto& client : clients) {
         if (!client->Start(err))
             return 2;
     }
+    if (options.fps > 0)
+        PrintStreamingRate(options, out);
+    bool formatKept = CheckStreamingFormat(options, out, err);
 
     Clock::time_point deadline = Clock::now() + std::chrono::seconds(options.seconds);
     for (auto& client : clients)
@@ -638,16 +759,18 @@ int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) 
     for (auto& client : clients)
         client->Stop();
 
-    int status = 0;
+    bool noFrames = false;
     for (size_t i = 0; i < clients.size(); ++i) {
         clients[i]->Report(options.outDir, params[i], out);
         if (clients[i]->frames() == 0)
-            status = 1;
+            noFrames = true;
     }
-    if (status != 0)
+    if (noFrames)
         err << "a client received no frame within " << options.seconds << " s: is "
             << options.device
             << " a streaming capture device that takes the capture size and format?\n";
+    /* Frames converted from a format the device does not deliver are no success either. */
+    int status = noFrames || !formatKept ? 1 : 0;
     return status;
 }
 

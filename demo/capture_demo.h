@@ -14,8 +14,9 @@ namespace marlo_demo {
 /*
  * Runs the demo with command-line arguments \a argc / \a argv, printing the
  * report to \a out and problems to \a err. Returns the process exit status:
- * 0 when every client received frames, 1 when one received none, 2 for bad
- * options or a failed open, start or allocation.
+ * 0 when every client received frames, 1 when one received none or the
+ * device captures in another size or format than asked, 2 for bad options or
+ * a failed open, start or allocation.
  */
 int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err);
 

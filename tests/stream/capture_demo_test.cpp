@@ -1,5 +1,7 @@
 /* The capture demo, run for real against the fake V4L2 kernel and the software engine. */
+#include <errno.h>
 #include <linux/videodev2.h>
+#include <string.h>
 
 #include <chrono>
 #include <filesystem>
@@ -110,6 +112,9 @@ void CaptureGrey(const std::string& format, bool checkAlpha) {
                                   "configuration, lens facing not in the configuration\n"),
                   std::string::npos)
             << result.out;
+        EXPECT_NE(result.out.find("device format while streaming: 640x480 " + format + "\n"),
+                  std::string::npos)
+            << result.out;
         EXPECT_NE(result.out.find("  frames "), std::string::npos) << result.out;
         EXPECT_EQ(result.out.find("  frames 0"), std::string::npos) << result.out;
         EXPECT_EQ(node->OpenDescriptors(), 0u);
@@ -166,6 +171,62 @@ TEST_F(CaptureDemoTest, DeviceThatDeliversNothingEndsWithStatusOne) {
     EXPECT_EQ(node->OpenDescriptors(), 0u);
 }
 
+TEST_F(CaptureDemoTest, DeviceThatRefusesTheRateKeepsItsOwnAndStillCaptures) {
+    /* The fake node knows no frame interval ioctl, as some capture drivers. */
+    TempDir dir;
+    auto node = marlo_fake::AddVideoNode(kNode);
+    node->StartFrames(5ms, marlo_fake::Frame(-1, {0, 0}, 0x80));
+    Result result =
+        RunDemo({"--device", kNode, "--size", "64x48", "--format", "NV12", "--client", "32x24:NV12",
+                 "--fps", "30", "--frames", "2", "--seconds", "60", "--out", dir.path()});
+    node->StopFrames();
+    EXPECT_EQ(result.status, 0) << result.out << result.err;
+    EXPECT_NE(result.out.find("device rate: /dev/video-demo0 refused 30 fps (" +
+                              std::string(strerror(ENOTTY)) + "), keeping its own\n"),
+              std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find("device rate while streaming: not reported (" +
+                              std::string(strerror(ENOTTY)) + ")\n"),
+              std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find("  frames "), std::string::npos) << result.out;
+    EXPECT_EQ(result.out.find("  frames 0"), std::string::npos) << result.out;
+    EXPECT_EQ(node->OpenDescriptors(), 0u);
+}
+
+TEST_F(CaptureDemoTest, WithoutARateTheDeviceIsNotAsked) {
+    TempDir dir;
+    auto node = marlo_fake::AddVideoNode(kNode);
+    node->StartFrames(5ms, marlo_fake::Frame(-1, {0, 0}, 0x80));
+    Result result =
+        RunDemo({"--device", kNode, "--size", "64x48", "--format", "NV12", "--client", "32x24:NV12",
+                 "--frames", "1", "--seconds", "60", "--out", dir.path()});
+    node->StopFrames();
+    EXPECT_EQ(result.status, 0) << result.out << result.err;
+    EXPECT_EQ(result.out.find("device rate:"), std::string::npos) << result.out;
+}
+
+TEST_F(CaptureDemoTest, DeviceThatChoosesAnotherSizeEndsWithStatusOne) {
+    /* Like vivid's webcam input: a few fixed sizes, the nearest taken instead of the asked one. */
+    marlo_fake::VideoNodeConfig config;
+    config.frameSizes[V4L2_PIX_FMT_NV12] = {marlo_fake::DiscreteSize(64, 48)};
+    TempDir dir;
+    auto node = marlo_fake::AddVideoNode(kNode, config);
+    node->StartFrames(5ms, marlo_fake::Frame(-1, {0, 0}, 0x80));
+    Result result = RunDemo({"--device", kNode, "--size", "80x60", "--format", "NV12", "--client",
+                             "32x24:NV12", "--frames", "1", "--seconds", "2", "--out", dir.path()});
+    node->StopFrames();
+    EXPECT_EQ(result.status, 1) << result.out << result.err;
+    EXPECT_NE(result.out.find("device format while streaming: 64x48 NV12\n"), std::string::npos)
+        << result.out;
+    EXPECT_NE(result.err.find("/dev/video-demo0 captures 64x48 NV12, not the 80x60 NV12 asked "
+                              "for: conversions from the asked format cannot work; pass a size "
+                              "and format the device offers\n"),
+              std::string::npos)
+        << result.err;
+    EXPECT_EQ(node->OpenDescriptors(), 0u);
+}
+
 TEST_F(CaptureDemoTest, MissingDeviceIsReportedBeforeAnythingStarts) {
     Result result = RunDemo({"--device", "/dev/video-demo-missing"});
     EXPECT_EQ(result.status, 2);
@@ -182,6 +243,8 @@ TEST_F(CaptureDemoTest, BadOptionsPrintTheUsage) {
                                                {"--client", "320x240:NV12:spin"},
                                                {"--size", "640"},
                                                {"--frames", "0"},
+                                               {"--fps", "0"},
+                                               {"--fps", "fast"},
                                                {"--bogus", "1"},
                                                {"--device"}}) {
         Result result = RunDemo(args);
@@ -191,4 +254,5 @@ TEST_F(CaptureDemoTest, BadOptionsPrintTheUsage) {
     Result help = RunDemo({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.out.find("--client SPEC"), std::string::npos);
+    EXPECT_NE(help.out.find("--fps N"), std::string::npos);
 }
