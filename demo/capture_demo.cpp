@@ -48,7 +48,7 @@ constexpr int kFenceWaitMs = 1000;
 /* What the second buffer of every set of a client shows. */
 enum class Variant { kCrop, kRot90, kRot180, kRot270, kFlip };
 
-struct ClientSpec {
+struct ClientLayout {
     uint32_t width = 0;
     uint32_t height = 0;
     uint32_t fourcc = 0;
@@ -60,7 +60,7 @@ struct Options {
     uint32_t width = 1280;
     uint32_t height = 720;
     uint32_t fourcc = tessaro::marlo::FOURCC_YUYV;
-    std::vector<ClientSpec> clients;
+    std::vector<ClientLayout> clients;
     int firstClientId = 0;
     int sets = 3;
     int frames = 60;
@@ -157,15 +157,15 @@ bool ParseSize(const std::string& text, uint32_t* width, uint32_t* height) {
 }
 
 /* WxH:FOURCC[:crop|rot90|rot180|rot270|flip] */
-bool ParseClient(const std::string& text, ClientSpec* spec) {
+bool ParseClient(const std::string& text, ClientLayout* layout) {
     std::vector<std::string> parts;
     std::stringstream in(text);
     for (std::string part; std::getline(in, part, ':');)
         parts.push_back(part);
     if (parts.size() < 2 || parts.size() > 3)
         return false;
-    if (!ParseSize(parts[0], &spec->width, &spec->height) ||
-        !ParseFourcc(parts[1], &spec->fourcc) || !IsClientFormat(spec->fourcc))
+    if (!ParseSize(parts[0], &layout->width, &layout->height) ||
+        !ParseFourcc(parts[1], &layout->fourcc) || !IsClientFormat(layout->fourcc))
         return false;
     if (parts.size() == 2)
         return true;
@@ -176,7 +176,7 @@ bool ParseClient(const std::string& text, ClientSpec* spec) {
     auto it = variants.find(parts[2]);
     if (it == variants.end())
         return false;
-    spec->variant = it->second;
+    layout->variant = it->second;
     return true;
 }
 
@@ -186,7 +186,7 @@ void Usage(std::ostream& out) {
            "  --size WxH        capture size (default 1280x720)\n"
            "  --format FOURCC   capture format, a V4L2 code such as YUYV, UYVY, NV12 (default "
            "YUYV)\n"
-           "  --client SPEC     add a client WxH:FOURCC[:crop|rot90|rot180|rot270|flip]; every\n"
+           "  --client LAYOUT   add a client WxH:FOURCC[:crop|rot90|rot180|rot270|flip]; every\n"
            "                    set of it holds the whole frame and the frame so changed\n"
            "                    (default: 640x360:NV12:crop and 360x640:AB24:rot90)\n"
            "  --client-id N     id of the first client, the next ones count up (default 0)\n"
@@ -217,9 +217,9 @@ int ParseOptions(int argc, char** argv, Options* options, std::ostream& err) {
         } else if (name == "--format") {
             ok = ParseFourcc(value, &options->fourcc) && IsCaptureFormat(options->fourcc);
         } else if (name == "--client") {
-            ClientSpec spec;
-            ok = ParseClient(value, &spec);
-            options->clients.push_back(spec);
+            ClientLayout layout;
+            ok = ParseClient(value, &layout);
+            options->clients.push_back(layout);
         } else if (name == "--client-id") {
             ok = ParseNumber(value, 0, &options->firstClientId);
         } else if (name == "--sets") {
@@ -307,8 +307,8 @@ std::string LensFacingName(int32_t value) {
 /* One client: its stream, its buffers and what its callback saw. */
 class DemoClient {
   public:
-    DemoClient(int id, const ClientSpec& spec, GrallocFrameBufferAllocator* allocator)
-        : id_(id), spec_(spec), allocator_(allocator) {}
+    DemoClient(int id, const ClientLayout& layout, GrallocFrameBufferAllocator* allocator)
+        : id_(id), layout_(layout), allocator_(allocator) {}
 
     /* The stream lets go of the lent buffers before they are freed. */
     ~DemoClient() {
@@ -320,7 +320,7 @@ class DemoClient {
     DemoClient& operator=(const DemoClient&) = delete;
 
     int id() const { return id_; }
-    const ClientSpec& spec() const { return spec_; }
+    const ClientLayout& layout() const { return layout_; }
 
     bool Open(const Options& options, std::ostream& err) {
         if (stream_.OpenCamera(id_, options.device, static_cast<int>(options.width),
@@ -405,8 +405,8 @@ class DemoClient {
     /* Prints the counts and writes the first frame's buffers under \a dir. */
     void Report(const std::string& dir, const std::string& params, std::ostream& out) {
         std::lock_guard<std::mutex> lock(mutex_);
-        out << "client " << id_ << ": " << spec_.width << "x" << spec_.height << " "
-            << FourccText(spec_.fourcc) << " + " << VariantName(spec_.variant) << ", "
+        out << "client " << id_ << ": " << layout_.width << "x" << layout_.height << " "
+            << FourccText(layout_.fourcc) << " + " << VariantName(layout_.variant) << ", "
             << sets_.size() << " sets of 2 buffers\n";
         out << "  params: " << params << "\n";
         if (frames_ == 0) {
@@ -459,16 +459,16 @@ class DemoClient {
     std::shared_ptr<FrameBuffer> Allocate(const Options& options, int set, int index,
                                           std::ostream& err) {
         FrameBufferInfo info;
-        info.fourcc = static_cast<FourccFormat>(spec_.fourcc);
-        info.width = spec_.width;
-        info.height = spec_.height;
+        info.fourcc = static_cast<FourccFormat>(layout_.fourcc);
+        info.width = layout_.width;
+        info.height = layout_.height;
         info.flags = kCpuUsage;
         if (index == 1)
             ApplyVariant(options, &info);
         FrameBuffer* raw = nullptr;
         if (allocator_->Allocate(info, &raw) != 0 || raw == nullptr) {
             err << "client " << id_ << ": allocating " << info.width << "x" << info.height << " "
-                << FourccText(spec_.fourcc) << " failed\n";
+                << FourccText(layout_.fourcc) << " failed\n";
             return nullptr;
         }
         /* Destroying the buffer gives its memory back through the allocator. */
@@ -478,7 +478,7 @@ class DemoClient {
     }
 
     void ApplyVariant(const Options& options, FrameBufferInfo* info) const {
-        switch (spec_.variant) {
+        switch (layout_.variant) {
             case Variant::kCrop: {
                 /* The middle of the captured frame, half its size, on even positions. */
                 int32_t w = static_cast<int32_t>(options.width / 2) & ~1;
@@ -492,8 +492,8 @@ class DemoClient {
             case Variant::kRot270:
                 /* The client gives the upright size; the rotated buffer is its transpose. */
                 std::swap(info->width, info->height);
-                info->transform =
-                    spec_.variant == Variant::kRot90 ? NAX_TRANSFORM_ROT_90 : NAX_TRANSFORM_ROT_270;
+                info->transform = layout_.variant == Variant::kRot90 ? NAX_TRANSFORM_ROT_90
+                                                                     : NAX_TRANSFORM_ROT_270;
                 break;
             case Variant::kRot180:
                 info->transform = NAX_TRANSFORM_ROT_180;
@@ -567,7 +567,7 @@ class DemoClient {
     }
 
     int id_;
-    ClientSpec spec_;
+    ClientLayout layout_;
     bool open_ = false;
     GrallocFrameBufferAllocator* allocator_;
     std::vector<FrameSet> sets_;

@@ -253,6 +253,6 @@ TEST_F(CaptureDemoTest, BadOptionsPrintTheUsage) {
     }
     Result help = RunDemo({"--help"});
     EXPECT_EQ(help.status, 0);
-    EXPECT_NE(help.out.find("--client SPEC"), std::string::npos);
+    EXPECT_NE(help.out.find("--client LAYOUT"), std::string::npos);
     EXPECT_NE(help.out.find("--fps N"), std::string::npos);
 }
