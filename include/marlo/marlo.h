@@ -14,9 +14,13 @@
 #include <marlo/buffer/frame_buffer.h>
 #include <marlo/buffer/frame_buffer_allocator.h>
 #include <marlo/buffer/pixel_format.h>
+#include <marlo/camera/hal_camera.h>
+#include <marlo/camera/safe_list.h>
+#include <marlo/camera/virtual_camera.h>
 #include <marlo/config/config.h>
 #include <marlo/debug/debug_helper.h>
 #include <marlo/imgproc/nax_image_operator.h>
+#include <marlo/stream/v4l2_stream.h>
 #include <marlo/v4l2/media_device.h>
 #include <marlo/v4l2/v4l2_camera.h>
 #include <marlo/v4l2/v4l2_device.h>
