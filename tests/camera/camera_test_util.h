@@ -289,4 +289,10 @@ bool WaitUntil(F done) {
     return true;
 }
 
+/* Waits (bounded) until the process has \a expected threads: a joined
+ * thread leaves /proc/self/task a moment after the join returns. */
+inline bool ThreadCountReaches(size_t expected) {
+    return WaitUntil([expected] { return ThreadCount() == expected; });
+}
+
 }  // namespace camera_test
