@@ -563,3 +563,40 @@ TEST(ReportsOnlyError, IsTrueForAHangUpWithNothingLeft) {
     ASSERT_EQ(read(readEnd.get(), &byte, 1), 1);
     EXPECT_TRUE(tessaro::marlo::detail::ReportsOnlyError(readEnd.get()));
 }
+
+TEST_F(FrameFanOutTest, AClientStartsAndStopsWhileFramesFlowToAnother) {
+    auto steady = Client(1);
+    auto flaky = Client(2);
+    MemFrame a(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    MemFrame b(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    FrameSet setA{a.buffer()};
+    steady->setFrameInfo(setA);
+    FrameSink sinkA;
+    auto toSinkA = sinkA.callback();
+    std::weak_ptr<VirtualCamera> weak = steady;
+    ASSERT_EQ(steady->startVideoStream([toSinkA, weak](FrameSet frames) {
+        if (auto vc = weak.lock())
+            vc->doneWithFrame(frames);
+        toSinkA(frames);
+    }),
+              0);
+    node_->StartFrames(std::chrono::milliseconds(2), PatternFrame(-1, {0, 0}));
+
+    FrameSink sinkB;
+    for (int round = 0; round < 20; ++round) {
+        FrameSet setB{b.buffer()};
+        flaky->setFrameInfo(setB);
+        ASSERT_EQ(flaky->startVideoStream(sinkB.callback()), 0);
+        size_t seen = sinkA.count();
+        ASSERT_TRUE(sinkA.waitFor(seen + 1));
+        flaky->stopVideoStream();
+        /* The steady client keeps the capture running. */
+        ASSERT_EQ(camera_->captureState(), 1);
+    }
+    size_t seen = sinkA.count();
+    EXPECT_TRUE(sinkA.waitFor(seen + 2));
+    node_->StopFrames();
+    steady->stopVideoStream();
+    EXPECT_EQ(camera_->captureState(), 0);
+    EXPECT_FALSE(node_->Streaming());
+}
