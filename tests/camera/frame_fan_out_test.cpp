@@ -600,3 +600,43 @@ TEST_F(FrameFanOutTest, AClientStartsAndStopsWhileFramesFlowToAnother) {
     EXPECT_EQ(camera_->captureState(), 0);
     EXPECT_FALSE(node_->Streaming());
 }
+
+TEST_F(FrameFanOutTest, TwoDevicesFanOutIndependently) {
+    marlo_fake::VideoNodeConfig config;
+    config.formats = {{V4L2_PIX_FMT_GREY, "Grey"}};
+    auto otherNode = marlo_fake::AddVideoNode(kNode1, config);
+    auto otherCamera = std::make_shared<HalCamera>(kNode1);
+    auto here = Client(1);
+    std::shared_ptr<VirtualCamera> there = otherCamera->MakeVirtualCamera(1);
+    ASSERT_TRUE(there->openVideoStream(kWidth, kHeight, V4L2_PIX_FMT_GREY));
+    MemFrame a(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    MemFrame b(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    FrameSet setA{a.buffer()}, setB{b.buffer()};
+    here->setFrameInfo(setA);
+    there->setFrameInfo(setB);
+    FrameSink sinkA, sinkB;
+    ASSERT_EQ(here->startVideoStream(sinkA.callback()), 0);
+    ASSERT_EQ(there->startVideoStream(sinkB.callback()), 0);
+    EXPECT_EQ(CameraState(kNode0), "RUNNING");
+    EXPECT_EQ(CameraState(kNode1), "RUNNING");
+
+    ASSERT_TRUE(otherNode->WaitQueued(3, kWait));
+    ASSERT_GE(otherNode->ProduceFrame(marlo_fake::Frame(21, {2, 0}, 0x33)), 0);
+    Produce(11);
+    ASSERT_TRUE(sinkA.waitFor(1));
+    ASSERT_TRUE(sinkB.waitFor(1));
+    EXPECT_EQ(a.buffer()->sequence(), 11u);
+    EXPECT_EQ(b.buffer()->sequence(), 21u);
+    EXPECT_EQ(a.data()[kWidth + 2], Pixel(2, 1));
+    EXPECT_EQ(b.data()[kWidth + 2], 0x33);
+    ExpectReturned();
+    EXPECT_TRUE(otherNode->WaitQueued(3, kWait));
+
+    here->stopVideoStream();
+    EXPECT_EQ(CameraState(kNode0), "STOPPED");
+    EXPECT_EQ(CameraState(kNode1), "RUNNING");
+    there->stopVideoStream();
+    EXPECT_EQ(CameraState(kNode1), "STOPPED");
+    there.reset();
+    otherCamera.reset();
+}
