@@ -15,7 +15,7 @@
 #include <marlo/debug/debug_helper.h>
 #include <marlo/v4l2/v4l2_video_device.h>
 
-#include "camera/camera_trace.h"
+#include "base/camera_trace.h"
 
 namespace tessaro::marlo::detail {
 

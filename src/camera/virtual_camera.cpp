@@ -3,7 +3,7 @@
 #include <marlo/base/logger.h>
 #include <marlo/camera/hal_camera.h>
 
-#include "camera/camera_trace.h"
+#include "base/camera_trace.h"
 
 namespace tessaro::marlo {
 

@@ -12,15 +12,15 @@
 #include <marlo/base/error.h>
 #include <marlo/base/logger.h>
 
+#include "base/camera_trace.h"
+
 namespace tessaro::marlo {
 
 namespace {
 
-constexpr char kTag[] = "marlo_v4l2";
+using detail::CameraTraceEnabled;
 
-bool CameraTraceEnabled() {
-    return (atrace_get_enabled_tags() & ATRACE_TAG_CAMERA) != 0;
-}
+constexpr char kTag[] = "marlo_v4l2";
 
 /* A trace section that is only opened while the camera tag is enabled. */
 class TraceSection {
@@ -47,14 +47,10 @@ class FormattedTraceSection {
     : enabled_(CameraTraceEnabled()) {
         if (!enabled_)
             return;
-        char* name = nullptr;
         va_list args;
         va_start(args, fmt);
-        int len = vasprintf(&name, fmt, args);
+        detail::BeginFormattedTrace(fmt, args);
         va_end(args);
-        atrace_begin_body(len >= 0 ? name : fmt);
-        if (len >= 0)
-            free(name);
     }
     ~FormattedTraceSection() {
         if (enabled_)

@@ -199,11 +199,12 @@ class MemFrame {
 class FrameSink {
   public:
     tessaro::marlo::VirtualCamera::FrameCallback callback() {
-        return [this](FrameSet frames) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            sets_.push_back(std::move(frames));
-            cond_.notify_all();
-        };
+        return [this](FrameSet frames) { record(std::move(frames)); };
+    }
+    void record(FrameSet frames) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        sets_.push_back(std::move(frames));
+        cond_.notify_all();
     }
     /* Waits until \a count sets have arrived in all; false when the bound passed. */
     bool waitFor(size_t count) {
@@ -217,6 +218,10 @@ class FrameSink {
     FrameSet at(size_t index) {
         std::lock_guard<std::mutex> lock(mutex_);
         return index < sets_.size() ? sets_[index] : FrameSet();
+    }
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        sets_.clear();
     }
 
   private:

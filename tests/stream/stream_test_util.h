@@ -35,44 +35,20 @@ inline size_t Count(const marlo_test::LogCapture& log, int priority, const std::
  * A client callback: records each set and, when asked, hands it straight
  * back through the stream the way a client does.
  */
-class Client {
+class Client : public camera_test::FrameSink {
   public:
     explicit Client(tessaro::marlo::V4l2Stream* returnTo = nullptr) : return_to_(returnTo) {}
 
     tessaro::marlo::V4l2Stream::FrameCallback callback() {
         return [this](FrameSet frames) {
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                sets_.push_back(frames);
-                cond_.notify_all();
-            }
+            record(frames);
             if (return_to_)
                 return_to_->ClientReturnFrame(frames);
         };
     }
 
-    bool waitFor(size_t count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return cond_.wait_for(lock, camera_test::kWait, [&] { return sets_.size() >= count; });
-    }
-    size_t count() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return sets_.size();
-    }
-    FrameSet at(size_t index) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return index < sets_.size() ? sets_[index] : FrameSet();
-    }
-    void clear() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        sets_.clear();
-    }
-
   private:
     tessaro::marlo::V4l2Stream* return_to_;
-    std::mutex mutex_;
-    std::condition_variable cond_;
-    std::vector<FrameSet> sets_;
 };
 
 }  // namespace stream_test
