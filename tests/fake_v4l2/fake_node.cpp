@@ -1,7 +1,6 @@
 /* The part every fake node shares: descriptors, injections and the request record. */
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -28,6 +27,8 @@ std::string RequestName(unsigned long request) {
         {VIDIOC_STREAMON, "VIDIOC_STREAMON"},
         {VIDIOC_STREAMOFF, "VIDIOC_STREAMOFF"},
         {VIDIOC_ENUM_FRAMESIZES, "VIDIOC_ENUM_FRAMESIZES"},
+        {VIDIOC_G_PARM, "VIDIOC_G_PARM"},
+        {VIDIOC_S_PARM, "VIDIOC_S_PARM"},
         {VIDIOC_G_SELECTION, "VIDIOC_G_SELECTION"},
         {VIDIOC_S_SELECTION, "VIDIOC_S_SELECTION"},
         {VIDIOC_SUBSCRIBE_EVENT, "VIDIOC_SUBSCRIBE_EVENT"},
@@ -137,14 +138,44 @@ FakeNode::OpenFile* FakeNode::FindFile(int fd) {
 }
 
 void FakeNode::UpdateReadiness() {
+    /* An unplugged node has closed every write end: it only hangs up. */
+    if (disconnected_)
+        return;
     const bool readable = Readable();
-    for (const auto& file : files_) {
-        eventfd_t value;
-        while (eventfd_read(file.fd, &value) == 0) {
+    for (auto& file : files_) {
+        if (readable == file.ready)
+            continue;
+        char byte = 0;
+        if (readable) {
+            file.ready = write(file.signal, &byte, 1) == 1;
+        } else {
+            /* The read end is the caller's descriptor; nothing else reads it. */
+            file.ready = read(file.fd, &byte, 1) != 1;
         }
-        if (readable)
-            eventfd_write(file.fd, 1);
     }
+}
+
+void FakeNode::Disconnect() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (disconnected_)
+        return;
+    disconnected_ = true;
+    for (auto& file : files_) {
+        char byte;
+        if (file.ready && read(file.fd, &byte, 1) == 1)
+            file.ready = false;
+        if (file.signal >= 0)
+            detail::RealClose(file.signal);
+        file.signal = -1;
+    }
+    OnDisconnect();
+    /* Wakes a blocking dequeue, which now answers ENODEV. */
+    cond_.notify_all();
+}
+
+bool FakeNode::Disconnected() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return disconnected_;
 }
 
 int FakeNode::HandleOpen(int flags, unsigned mode) {
@@ -157,14 +188,19 @@ int FakeNode::HandleOpen(int flags, unsigned mode) {
     lastOpenFlags_ = flags;
     lastOpenMode_ = mode;
 
-    int err = TakeInjection(kOpenRequest);
+    int err = disconnected_ ? ENODEV : TakeInjection(kOpenRequest);
     int fd = -1;
+    int signal = -1;
     if (err == 0) {
-        /* Internal reads and writes of the eventfd never block; the open
+        /* Internal reads and writes of the pipe never block; the open
          * file's own blocking mode is kept in files_. */
-        fd = eventfd(0, EFD_NONBLOCK | ((flags & O_CLOEXEC) ? EFD_CLOEXEC : 0));
-        if (fd < 0)
+        int ends[2];
+        if (pipe2(ends, O_NONBLOCK | ((flags & O_CLOEXEC) ? O_CLOEXEC : 0)) != 0) {
             err = errno;
+        } else {
+            fd = ends[0];
+            signal = ends[1];
+        }
     }
     record.result = err ? -1 : 0;
     record.error = err;
@@ -173,13 +209,16 @@ int FakeNode::HandleOpen(int flags, unsigned mode) {
         errno = err;
         return -1;
     }
-    files_.push_back({fd, flags});
+    files_.push_back({fd, flags, signal, false});
     UpdateReadiness();
     return fd;
 }
 
 void FakeNode::HandleClose(int fd) {
     std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& file : files_)
+        if (file.fd == fd && file.signal >= 0)
+            detail::RealClose(file.signal);
     files_.erase(std::remove_if(files_.begin(), files_.end(),
                                 [fd](const OpenFile& file) { return file.fd == fd; }),
                  files_.end());
@@ -202,7 +241,8 @@ int FakeNode::HandleIoctl(int fd, unsigned long request, void* arg) {
     if (arg != nullptr)
         Describe(request, arg, record);
 
-    int err = TakeInjection(request);
+    /* An unplugged device refuses everything, as the V4L2 core does. */
+    int err = disconnected_ ? ENODEV : TakeInjection(request);
     int result = 0;
     auto injected = results_.find(request);
     if (err == 0 && injected != results_.end()) {

@@ -7,8 +7,9 @@
  * node; every other call goes to the real C library (found with
  * dlsym(RTLD_NEXT)), so files, sockets and the like work as usual.
  *
- * A fake node's descriptor is a real eventfd: it is readable while a filled
- * buffer waits to be dequeued, so epoll-based code works unchanged.
+ * A fake node's descriptor is the read end of a real pipe: it is readable
+ * while a filled buffer waits to be dequeued, so epoll-based code works
+ * unchanged, and it reports a hang-up once the node is unplugged.
  *
  * Nodes:
  *  - FakeVideoNode: a capture driver with capabilities, formats, frame sizes,
@@ -87,6 +88,8 @@ struct RequestRecord {
     uint64_t offset = 0;    /* mmap offset */
     uint32_t bytesused = 0; /* QBUF: single-planar field or plane 0's */
     int fd = -1;            /* QBUF with DMABUF memory: m.fd or plane 0's */
+    uint32_t numerator = 0; /* S_PARM: the frame interval asked for */
+    uint32_t denominator = 0;
 };
 
 /* The name used in RequestRecord::name ("unknown" for other codes). */
@@ -126,6 +129,15 @@ class FakeNode : public std::enable_shared_from_this<FakeNode> {
     unsigned LastOpenMode() const;
     size_t OpenDescriptors() const;
 
+    /*
+     * Unplugs the device, as a driver does when its hardware goes: every
+     * later request and open answers ENODEV, a waiting dequeue ends with
+     * ENODEV, and every open descriptor reports a hang-up and nothing to
+     * read from then on. The path stays registered until RemoveNode().
+     */
+    void Disconnect();
+    bool Disconnected() const;
+
     /* --- called by the interposed C functions --- */
     int HandleOpen(int flags, unsigned mode); /* descriptor, or -1 with errno */
     void HandleClose(int fd);
@@ -133,9 +145,16 @@ class FakeNode : public std::enable_shared_from_this<FakeNode> {
     virtual void* HandleMmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset);
 
   protected:
+    /*
+     * One open descriptor. The caller's descriptor is the read end of a pipe
+     * whose write end the node keeps: one byte in it makes the descriptor
+     * readable, and closing the write end makes it report a hang-up.
+     */
     struct OpenFile {
         int fd;
         int flags;
+        int signal = -1;
+        bool ready = false;
     };
 
     /* Handles one request under mutex_; 0 or an errno value. */
@@ -145,6 +164,8 @@ class FakeNode : public std::enable_shared_from_this<FakeNode> {
     virtual void Describe(unsigned long request, const void* arg, RequestRecord& record) const;
     /* Called under mutex_ when descriptor \a fd is closed. */
     virtual void OnClose(int /*fd*/) {}
+    /* Called under mutex_ when the device is unplugged. */
+    virtual void OnDisconnect() {}
     /* Whether a descriptor of this node is readable now. */
     virtual bool Readable() const { return false; }
     /* Makes each descriptor readable exactly when Readable() says so. */
@@ -157,6 +178,8 @@ class FakeNode : public std::enable_shared_from_this<FakeNode> {
     mutable std::mutex mutex_;
     std::condition_variable cond_;
     std::vector<OpenFile> files_;
+    /* Set by Disconnect(); guarded by mutex_. */
+    bool disconnected_ = false;
 
   private:
     struct Injection {
@@ -200,6 +223,12 @@ struct VideoNodeConfig {
     uint32_t maxBuffers = 32;
     uint32_t width = 640;
     uint32_t height = 480;
+    /* The frame interval until S_PARM sets another. */
+    v4l2_fract frameInterval = {1, 30};
+    /* Intervals S_PARM may grant (the nearest one is); empty grants any non-zero one. */
+    std::vector<v4l2_fract> frameIntervals;
+    /* Whether G_PARM and S_PARM are supported at all (ENOTTY otherwise). */
+    bool streamParm = true;
 };
 
 /* Helpers for VideoNodeConfig::frameSizes. */
@@ -261,6 +290,8 @@ class FakeVideoNode : public FakeNode {
     size_t DoneCount() const;   /* filled, waiting for DQBUF */
     /* The current format, as G_FMT answers it. */
     v4l2_format Format() const;
+    /* The current frame interval, as G_PARM answers it. */
+    v4l2_fract FrameInterval() const;
     /* Live mappings of this node's buffers. */
     size_t LiveMappings() const;
     /* Contents of plane \a plane of buffer \a index (MMAP memory). */
@@ -277,6 +308,7 @@ class FakeVideoNode : public FakeNode {
               std::unique_lock<std::mutex>& lock) override;
     void Describe(unsigned long request, const void* arg, RequestRecord& record) const override;
     bool Readable() const override { return !done_.empty(); }
+    void OnDisconnect() override;
     /*
      * Like the kernel, closing the file that requested the buffers releases
      * the queue: stream off and free the buffers (mappings keep their memory).
@@ -325,6 +357,7 @@ class FakeVideoNode : public FakeNode {
     int DQBuf(OpenFile file, v4l2_buffer* buf, std::unique_lock<std::mutex>& lock);
     int StreamOnOff(const int* type, bool on);
     int Selection(v4l2_selection* sel, bool set);
+    int StreamParm(v4l2_streamparm* parm, bool set);
     int Subscribe(v4l2_event_subscription* sub, bool subscribe);
     int DQEvent(v4l2_event* event);
     void FillBufferRecord(const Buffer& buffer, v4l2_buffer* buf) const;
@@ -339,6 +372,7 @@ class FakeVideoNode : public FakeNode {
     bool streaming_ = false;
     int ownerFd_ = -1; /* the descriptor that requested the buffers */
     uint32_t nextSequence_ = 0;
+    v4l2_fract interval_ = {1, 30};
     std::map<uint32_t, v4l2_rect> selections_;
     std::set<uint32_t> subscribed_;
     std::deque<v4l2_event> events_;

@@ -782,3 +782,121 @@ TEST_F(FakeV4l2Test, RemovedNodeKeepsOpenDescriptorsWorking) {
 }
 
 }  // namespace
+
+namespace {
+
+/* The poll bits of \a fd now, asking for input only (as the camera does). */
+short PollEvents(int fd) {
+    pollfd pfd = {fd, POLLIN, 0};
+    return poll(&pfd, 1, 0) == 1 ? pfd.revents : 0;
+}
+
+}  // namespace
+
+TEST_F(FakeV4l2Test, AnUnpluggedNodeHangsUpAndRefusesEverything) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo();
+    StartStreaming(fd, 2);
+    ASSERT_GE(node->ProduceFrame(Frame(0)), 0);
+    ASSERT_TRUE(Readable(fd));
+
+    node->Disconnect();
+    EXPECT_TRUE(node->Disconnected());
+    /* A hang-up with nothing to read, whatever was waiting before. */
+    EXPECT_EQ(PollEvents(fd), POLLHUP);
+    v4l2_buffer buf;
+    v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+    EXPECT_EQ(Dequeue(fd, buf, planes), -1);
+    EXPECT_EQ(errno, ENODEV);
+    v4l2_capability caps = {};
+    EXPECT_EQ(ioctl(fd, VIDIOC_QUERYCAP, &caps), -1);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_FALSE(node->Streaming());
+    EXPECT_EQ(node->ProduceFrame(Frame(1)), -1);
+    EXPECT_EQ(open(kVideo, O_RDWR), -1);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_EQ(mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0), MAP_FAILED);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_EQ(close(fd), 0);
+    EXPECT_EQ(node->OpenDescriptors(), 0u);
+}
+
+TEST_F(FakeV4l2Test, UnpluggingEndsABlockedDequeue) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo();
+    StartStreaming(fd, 2);
+    int result = 0;
+    int error = 0;
+    std::thread waiter([&] {
+        v4l2_buffer buf;
+        v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+        result = Dequeue(fd, buf, planes);
+        error = errno;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    node->Disconnect();
+    waiter.join();
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, ENODEV);
+    close(fd);
+}
+
+TEST_F(FakeV4l2Test, ANodeAddedAgainAtThePathWorksBesideTheUnpluggedOne) {
+    auto gone = marlo_fake::AddVideoNode(kVideo);
+    int oldFd = OpenVideo();
+    gone->Disconnect();
+    marlo_fake::RemoveNode(kVideo);
+    EXPECT_EQ(open(kVideo, O_RDWR), -1);
+    EXPECT_EQ(errno, ENOENT);
+
+    auto back = marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo();
+    StartStreaming(fd, 2);
+    ASSERT_GE(back->ProduceFrame(Frame(0)), 0);
+    EXPECT_TRUE(Readable(fd));
+    EXPECT_EQ(PollEvents(oldFd), POLLHUP);
+    close(fd);
+    close(oldFd);
+}
+
+TEST_F(FakeV4l2Test, StreamParmGrantsTheNearestOfferedInterval) {
+    marlo_fake::VideoNodeConfig config;
+    config.frameInterval = {1, 5};
+    config.frameIntervals = {{1, 5}, {1, 25}, {1, 30}};
+    auto node = marlo_fake::AddVideoNode(kVideo, config);
+    int fd = OpenVideo();
+
+    v4l2_streamparm parm = {};
+    parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    ASSERT_EQ(ioctl(fd, VIDIOC_G_PARM, &parm), 0);
+    EXPECT_EQ(parm.parm.capture.capability, static_cast<uint32_t>(V4L2_CAP_TIMEPERFRAME));
+    EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 5u);
+
+    parm = {};
+    parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    parm.parm.capture.timeperframe = {1000, 27000};
+    ASSERT_EQ(ioctl(fd, VIDIOC_S_PARM, &parm), 0);
+    EXPECT_EQ(parm.parm.capture.timeperframe.numerator, 1u);
+    EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 25u);
+    EXPECT_EQ(node->FrameInterval().denominator, 25u);
+    auto records = node->Requests(VIDIOC_S_PARM);
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].numerator, 1000u);
+    EXPECT_EQ(records[0].denominator, 27000u);
+
+    /* Output types and a node without the requests are refused. */
+    parm.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+    EXPECT_EQ(ioctl(fd, VIDIOC_S_PARM, &parm), -1);
+    EXPECT_EQ(errno, EINVAL);
+    close(fd);
+
+    marlo_fake::Reset();
+    config.streamParm = false;
+    marlo_fake::AddVideoNode(kVideo, config);
+    fd = OpenVideo();
+    parm = {};
+    parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    EXPECT_EQ(ioctl(fd, VIDIOC_G_PARM, &parm), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    close(fd);
+}

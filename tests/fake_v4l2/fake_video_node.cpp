@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include "fake_v4l2_internal.h"
 
@@ -99,6 +100,7 @@ FakeVideoNode::FakeVideoNode(std::string path, VideoNodeConfig config)
     fmt.fmt.pix_mp.pixelformat =
         config_.formats.empty() ? V4L2_PIX_FMT_NV12 : config_.formats.front().fourcc;
     ApplyFormat(fmt);
+    interval_ = config_.frameInterval;
 }
 
 FakeVideoNode::~FakeVideoNode() {
@@ -365,6 +367,10 @@ int FakeVideoNode::Ioctl(OpenFile file, unsigned long request, void* arg,
             return StreamOnOff(static_cast<const int*>(arg), true);
         case VIDIOC_STREAMOFF:
             return StreamOnOff(static_cast<const int*>(arg), false);
+        case VIDIOC_G_PARM:
+            return StreamParm(static_cast<v4l2_streamparm*>(arg), false);
+        case VIDIOC_S_PARM:
+            return StreamParm(static_cast<v4l2_streamparm*>(arg), true);
         case VIDIOC_G_SELECTION:
             return Selection(static_cast<v4l2_selection*>(arg), false);
         case VIDIOC_S_SELECTION:
@@ -598,8 +604,11 @@ int FakeVideoNode::DQBuf(OpenFile file, v4l2_buffer* buf, std::unique_lock<std::
     if (done_.empty()) {
         if (file.flags & O_NONBLOCK)
             return EAGAIN;
-        cond_.wait(lock,
-                   [&] { return !done_.empty() || !streaming_ || FindFile(file.fd) == nullptr; });
+        cond_.wait(lock, [&] {
+            return !done_.empty() || !streaming_ || disconnected_ || FindFile(file.fd) == nullptr;
+        });
+        if (disconnected_)
+            return ENODEV;
         if (FindFile(file.fd) == nullptr)
             return EBADF;
         if (done_.empty())
@@ -646,6 +655,43 @@ int FakeVideoNode::Selection(v4l2_selection* sel, bool set) {
     } else {
         sel->r = {0, 0, format_.width, format_.height};
     }
+    return 0;
+}
+
+/*
+ * Capture frame interval: the nearest interval of the configured list, or
+ * any non-zero one when there is no list. Answers with
+ * V4L2_CAP_TIMEPERFRAME, as a driver that honours S_PARM does.
+ */
+int FakeVideoNode::StreamParm(v4l2_streamparm* parm, bool set) {
+    if (!config_.streamParm)
+        return ENOTTY;
+    if (!TypeSupported(parm->type) || V4L2_TYPE_IS_OUTPUT(parm->type))
+        return EINVAL;
+    if (set) {
+        v4l2_fract asked = parm->parm.capture.timeperframe;
+        if (asked.numerator != 0 && asked.denominator != 0) {
+            if (config_.frameIntervals.empty()) {
+                interval_ = asked;
+            } else {
+                const double want = static_cast<double>(asked.numerator) / asked.denominator;
+                double best = -1;
+                for (const v4l2_fract& offered : config_.frameIntervals) {
+                    double distance = std::abs(
+                        static_cast<double>(offered.numerator) / offered.denominator - want);
+                    if (best < 0 || distance < best) {
+                        best = distance;
+                        interval_ = offered;
+                    }
+                }
+            }
+        }
+    }
+    const uint32_t type = parm->type;
+    memset(parm, 0, sizeof(*parm));
+    parm->type = type;
+    parm->parm.capture.capability = V4L2_CAP_TIMEPERFRAME;
+    parm->parm.capture.timeperframe = interval_;
     return 0;
 }
 
@@ -721,6 +767,15 @@ int FakeVideoNode::ProduceFrame(const FrameContent& content) {
     return static_cast<int>(buffer.index);
 }
 
+void FakeVideoNode::OnDisconnect() {
+    /* The queue stops; its buffers stay until the owner closes. */
+    streaming_ = false;
+    queued_.clear();
+    done_.clear();
+    for (auto& buffer : buffers_)
+        buffer.state = State::kUser;
+}
+
 void FakeVideoNode::OnClose(int fd) {
     if (fd != ownerFd_)
         return;
@@ -747,6 +802,11 @@ size_t FakeVideoNode::QueuedCount() const {
 size_t FakeVideoNode::DoneCount() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return done_.size();
+}
+
+v4l2_fract FakeVideoNode::FrameInterval() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return interval_;
 }
 
 v4l2_format FakeVideoNode::Format() const {
@@ -791,7 +851,7 @@ void* FakeVideoNode::HandleMmap(void* addr, size_t length, int prot, int flags, 
     record.length = static_cast<uint32_t>(length);
     record.flags = static_cast<uint32_t>(flags);
 
-    int err = TakeInjection(kMmapRequest);
+    int err = disconnected_ ? ENODEV : TakeInjection(kMmapRequest);
     void* result = MAP_FAILED;
     if (err == 0) {
         err = EINVAL;
@@ -918,6 +978,14 @@ void FakeVideoNode::Describe(unsigned long request, const void* arg, RequestReco
         case VIDIOC_UNSUBSCRIBE_EVENT:
             r.type = static_cast<const v4l2_event_subscription*>(arg)->type;
             break;
+        case VIDIOC_G_PARM:
+        case VIDIOC_S_PARM: {
+            auto* parm = static_cast<const v4l2_streamparm*>(arg);
+            r.type = parm->type;
+            r.numerator = parm->parm.capture.timeperframe.numerator;
+            r.denominator = parm->parm.capture.timeperframe.denominator;
+            break;
+        }
         default:
             break;
     }

@@ -172,9 +172,11 @@ TEST_F(CaptureDemoTest, DeviceThatDeliversNothingEndsWithStatusOne) {
 }
 
 TEST_F(CaptureDemoTest, DeviceThatRefusesTheRateKeepsItsOwnAndStillCaptures) {
-    /* The fake node knows no frame interval ioctl, as some capture drivers. */
+    /* A node without the frame interval requests, as some capture drivers. */
     TempDir dir;
-    auto node = marlo_fake::AddVideoNode(kNode);
+    marlo_fake::VideoNodeConfig config;
+    config.streamParm = false;
+    auto node = marlo_fake::AddVideoNode(kNode, config);
     node->StartFrames(5ms, marlo_fake::Frame(-1, {0, 0}, 0x80));
     Result result =
         RunDemo({"--device", kNode, "--size", "64x48", "--format", "NV12", "--client", "32x24:NV12",
