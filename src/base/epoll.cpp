@@ -25,12 +25,17 @@ int Epoll::Open() {
 }
 
 int Epoll::RegisterHandler(int fd, Handler handler, uint32_t events) {
+    return RegisterHandler(fd, std::move(handler), events, nullptr);
+}
+
+int Epoll::RegisterHandler(int fd, Handler handler, uint32_t events, Handler errorHandler) {
     if (events == 0) {
         marlo_log(MARLO_LOG_ERROR, kTag, "Must specify events");
         return ERR_FAILED;
     }
 
-    auto event = std::make_shared<Event>(Event{fd, events, std::move(handler)});
+    auto event =
+        std::make_shared<Event>(Event{fd, events, std::move(handler), std::move(errorHandler)});
     if (handlers_.count(fd) != 0) {
         marlo_log(MARLO_LOG_ERROR, kTag, "Cannot specify two epoll handlers for a given FD %d", fd);
         return ERR_INVALID_ARGUMENT;
@@ -50,6 +55,11 @@ int Epoll::RegisterHandler(int fd, Handler handler, uint32_t events) {
 }
 
 int Epoll::UnregisterHandler(int fd) {
+    auto it = handlers_.find(fd);
+    if (it != handlers_.end() && it->second->parked) {
+        handlers_.erase(it);
+        return OK;
+    }
     // Kernels before 2.6.9 wanted an event even for removal.
     struct epoll_event unused = {};
     if (epoll_ctl(fd_.get(), EPOLL_CTL_DEL, fd, &unused) != 0) {
@@ -62,6 +72,26 @@ int Epoll::UnregisterHandler(int fd) {
                   "Attempting to remove epoll handler for FD without an existing handler");
         return ERR_FAILED;
     }
+    return OK;
+}
+
+int Epoll::Park(int fd) {
+    auto it = handlers_.find(fd);
+    if (it == handlers_.end()) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "Cannot park fd(%d) without an existing handler", fd);
+        return ERR_FAILED;
+    }
+    if (it->second->parked)
+        return OK;
+    struct epoll_event unused = {};
+    if (epoll_ctl(fd_.get(), EPOLL_CTL_DEL, fd, &unused) != 0 && errno != ENOENT &&
+        errno != EBADF) {
+        // ENOENT and EBADF mean epoll has already forgotten it: parked all the same.
+        int err = errno;
+        marlo_log(MARLO_LOG_ERROR, kTag, "epoll_ctl failed to park fd(%d)", fd);
+        return MapSystemError(err);
+    }
+    it->second->parked = true;
     return OK;
 }
 

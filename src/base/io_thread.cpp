@@ -1,7 +1,9 @@
+#include <marlo/base/error.h>
 #include <marlo/base/io_thread.h>
 #include <marlo/base/logger.h>
 
 #include <errno.h>
+#include <pthread.h>
 #include <sched.h>
 #include <string.h>
 #include <sys/epoll.h>
@@ -38,6 +40,10 @@ void IoThread::SetTimeout(int ms) {
 
 void IoThread::AddHandler(int fd, Handler handler, uint32_t events) {
     RegisterHandler(fd, std::move(handler), events);
+}
+
+void IoThread::AddHandler(int fd, Handler handler, uint32_t events, Handler errorHandler) {
+    RegisterHandler(fd, std::move(handler), events, std::move(errorHandler));
 }
 
 int IoThread::RemoveHandler(int fd) {
@@ -84,7 +90,11 @@ void IoThread::Start() {
 
     stopped_ = false;
     try {
-        thread_.start([this] { Run(); });
+        thread_.start([this] {
+            // Named, so that top -H and traces tell it apart from the client's threads.
+            pthread_setname_np(pthread_self(), "marlo_io");
+            Run();
+        });
     } catch (const std::system_error& error) {
         // Failures are reported, never thrown, from here on up.
         marlo_log(MARLO_LOG_ERROR, kTag, "Start IO thread failed: %s, not started", error.what());
@@ -108,6 +118,17 @@ void IoThread::OnWakeup(int fd, unsigned int events) {
     stopped_ = true;
 }
 
+void IoThread::OnErrorOnly(const std::shared_ptr<Event>& event) {
+    // epoll reports this state on every wait: watching on would spin the loop.
+    marlo_log(MARLO_LOG_WARN, kTag,
+              "IO thread fd(%d) reports only error or hang-up (events %x), no longer watched",
+              event->fd, event->events);
+    if (Park(event->fd) != OK)
+        return;
+    if (event->errorHandler)
+        event->errorHandler(event->fd, event->events);
+}
+
 void IoThread::Run() {
     if (stopped_)
         return;
@@ -116,6 +137,8 @@ void IoThread::Run() {
         for (const auto& event : Wait(timeout_)) {
             if (event->events & kDispatchEvents)
                 event->handler(event->fd, event->events);
+            else if (!event->parked)
+                OnErrorOnly(event);
         }
     } while (!stopped_);
 }

@@ -425,20 +425,115 @@ TEST(IoThread, AddHandlerDropsTheResult) {
     EXPECT_EQ(io.RemoveHandler(pipe.reader()), ERR_FILE_NOT_FOUND);
 }
 
-TEST(IoThread, HangUpAloneIsNotDispatched) {
+TEST(IoThread, HangUpAloneIsNotDispatchedAndTheDescriptorIsParked) {
     IoThread io;
     Pipe pipe;
     std::atomic<int> calls{0};
+    std::atomic<int> errors{0};
+    std::atomic<unsigned> errorEvents{0};
     io.AddHandler(
-        pipe.reader(), [&](int, unsigned) { ++calls; }, EPOLLIN);
-    LogCapture capture(false);  // the level-triggered hang-up is reported on every wait
-    int before = marlo_test::Faults().epollWaitCalls;
+        pipe.reader(), [&](int, unsigned) { ++calls; }, EPOLLIN,
+        [&](int, unsigned events) {
+            ++errors;
+            errorEvents = events;
+        });
+    LogCapture capture;
     io.Start();
     pipe.closeWriter();
-    ASSERT_TRUE(WaitFor([&] { return marlo_test::Faults().epollWaitCalls > before + 10; }));
+    ASSERT_TRUE(WaitFor([&] { return errors.load() == 1; }));
+    /* Parked: the level-triggered hang-up no longer wakes the loop. */
+    int waits = marlo_test::Faults().epollWaitCalls;
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(marlo_test::Faults().epollWaitCalls, waits);
     io.Stop();
     EXPECT_EQ(calls, 0);
-    io.RemoveHandler(pipe.reader());
+    EXPECT_EQ(errors, 1);
+    EXPECT_EQ(errorEvents.load(), static_cast<unsigned>(EPOLLHUP));
+    EXPECT_TRUE(capture.contains(
+        ANDROID_LOG_WARN, kTag,
+        Text("IO thread fd(%d) reports only error or hang-up (events 10), no longer watched",
+             pipe.reader())));
+    /* A parked descriptor is forgotten without asking epoll. */
+    EXPECT_EQ(io.RemoveHandler(pipe.reader()), OK);
+    EXPECT_EQ(io.RemoveHandler(pipe.reader()), ERR_FILE_NOT_FOUND);
+}
+
+TEST(IoThread, AnErrorAloneParksTheDescriptorWithoutAnErrorHandler) {
+    IoThread io;
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+    /* A pipe's write end whose reader went reports an error only. */
+    close(fds[0]);
+    std::atomic<int> calls{0};
+    io.AddHandler(
+        fds[1], [&](int, unsigned) { ++calls; }, EPOLLIN);
+    LogCapture capture;
+    int before = marlo_test::Faults().epollWaitCalls;
+    io.Start();
+    ASSERT_TRUE(WaitFor([&] {
+        return capture.contains(
+            ANDROID_LOG_WARN, kTag,
+            Text("IO thread fd(%d) reports only error or hang-up (events 8), no longer watched",
+                 fds[1]));
+    }));
+    std::this_thread::sleep_for(100ms);
+    /* One wait reported it; the loop then slept. */
+    EXPECT_LE(marlo_test::Faults().epollWaitCalls, before + 2);
+    io.Stop();
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(io.RemoveHandler(fds[1]), OK);
+    close(fds[1]);
+}
+
+TEST(IoThread, OtherDescriptorsGoOnAfterOneIsParked) {
+    IoThread io;
+    Pipe gone;
+    Pipe live;
+    std::atomic<int> liveCalls{0};
+    std::atomic<int> errors{0};
+    io.AddHandler(
+        gone.reader(), [](int, unsigned) {}, EPOLLIN, [&](int, unsigned) { ++errors; });
+    io.AddHandler(
+        live.reader(),
+        [&](int, unsigned) {
+            live.drain();
+            ++liveCalls;
+        },
+        EPOLLIN);
+    LogCapture capture(false);
+    io.Start();
+    gone.closeWriter();
+    ASSERT_TRUE(WaitFor([&] { return errors.load() == 1; }));
+    live.signal();
+    ASSERT_TRUE(WaitFor([&] { return liveCalls.load() == 1; }));
+    io.Stop();
+    EXPECT_EQ(errors, 1);
+    io.RemoveHandler(gone.reader());
+    io.RemoveHandler(live.reader());
+}
+
+TEST(Epoll, ParkingStopsReportsAndKeepsTheRegistration) {
+    Epoll epoll;
+    ASSERT_EQ(epoll.Open(), OK);
+    Pipe pipe;
+    ASSERT_EQ(epoll.RegisterHandler(
+                  pipe.reader(), [](int, unsigned) {}, EPOLLIN),
+              OK);
+    pipe.signal();
+    EXPECT_EQ(epoll.Wait(0).size(), 1u);
+    EXPECT_EQ(epoll.Park(pipe.reader()), OK);
+    EXPECT_EQ(epoll.Park(pipe.reader()), OK);
+    EXPECT_TRUE(epoll.Wait(0).empty());
+    /* Still registered: a second handler for it is refused. */
+    LogCapture capture;
+    EXPECT_EQ(epoll.RegisterHandler(
+                  pipe.reader(), [](int, unsigned) {}, EPOLLIN),
+              ERR_INVALID_ARGUMENT);
+    EXPECT_EQ(epoll.UnregisterHandler(pipe.reader()), OK);
+    EXPECT_EQ(epoll.Park(pipe.reader()), ERR_FAILED);
+    EXPECT_TRUE(
+        capture.contains(ANDROID_LOG_ERROR, kTag,
+                         Text("Cannot park fd(%d) without an existing handler", pipe.reader())));
 }
 
 TEST(IoThread, WithoutTimeoutTheLoopSleepsUntilAnEvent) {

@@ -3,6 +3,13 @@
  * one epoll instance and returns the ready ones. IoThread runs an Epoll loop
  * on its own Thread and dispatches the handlers there, one after the other;
  * an eventfd lets another thread wake the loop up to stop it.
+ *
+ * A descriptor that reports only an error or a hang-up (a capture node whose
+ * device went away, a pipe whose writer closed) is never dispatched to its
+ * handler. Because epoll reports such a state on every wait, the loop parks
+ * the descriptor instead: it stops watching it, keeps its registration, and
+ * tells the descriptor's error handler, if it has one. The loop then sleeps
+ * until something else happens.
  */
 #pragma once
 
@@ -28,6 +35,10 @@ class Epoll {
         int fd;
         uint32_t events;
         Handler handler;
+        /* Told once when the descriptor reports only an error or hang-up; may be empty. */
+        Handler errorHandler;
+        /* No longer watched by epoll since it reported only an error or hang-up. */
+        bool parked = false;
     };
 
     Epoll() = default;
@@ -43,8 +54,18 @@ class Epoll {
      * has a handler, or the mapped system error of epoll_ctl.
      */
     int RegisterHandler(int fd, Handler handler, uint32_t events);
-    /* Stops watching \a fd. Returns 0, the mapped system error, or ERR_FAILED. */
+    /* The same, with a handler told when \a fd reports only an error or hang-up. */
+    int RegisterHandler(int fd, Handler handler, uint32_t events, Handler errorHandler);
+    /*
+     * Stops watching \a fd. Returns 0, the mapped system error, or ERR_FAILED.
+     * A parked descriptor is no longer known to epoll and is only forgotten.
+     */
     int UnregisterHandler(int fd);
+    /*
+     * Stops watching \a fd while keeping its registration (see above).
+     * Returns 0, the mapped system error, or ERR_FAILED for an unknown fd.
+     */
+    int Park(int fd);
 
     /*
      * Waits at most \a timeout milliseconds (-1: no limit) and returns the
@@ -74,6 +95,8 @@ class IoThread : public Epoll {
 
     /* Registers a handler; failures are logged only. */
     void AddHandler(int fd, Handler handler, uint32_t events);
+    /* The same, with an error handler (see Epoll::RegisterHandler). */
+    void AddHandler(int fd, Handler handler, uint32_t events, Handler errorHandler);
     int RemoveHandler(int fd);
 
     /*
@@ -95,6 +118,8 @@ class IoThread : public Epoll {
 
   private:
     void OnWakeup(int fd, unsigned int events);
+    /* Parks a descriptor that reported only an error or hang-up. */
+    void OnErrorOnly(const std::shared_ptr<Event>& event);
 
     Thread thread_;
     std::atomic<bool> stopped_{true};
