@@ -91,6 +91,10 @@ GlobalCameraConfig::StreamConfig GlobalCameraConfig::parseStreamConfig(const XML
     QueryInt(element, "width", &stream.width);
     QueryInt(element, "height", &stream.height);
     QueryInt(element, "buf_cnt", &stream.buf_cnt);
+    /* Optional: the frame rate to ask the node for; 0 leaves the driver's own. */
+    QueryFloat(element, "fps", &stream.fps);
+    if (!(stream.fps > 0))
+        stream.fps = 0;
     return stream;
 }
 

@@ -97,9 +97,14 @@ int V4l2Camera::StartVideoStream() {
         QueueBuffer(std::move(buffer));
 
     int ret = StreamOn();
+    stream_on_status_ = OK;
+    stream_on_error_ = 0;
     if (ret < 0) {
-        /* Reported only by the log; the caller sees success and the state stays running. */
+        int err = errno;
+        /* The caller sees success and the state stays running; the status tells the truth. */
         CAM_LOG(MARLO_LOG_ERROR, "StartVideoStream", 197, "stream on failed %d", ret);
+        stream_on_error_ = err;
+        stream_on_status_ = ret;
     }
     return OK;
 }

@@ -347,8 +347,11 @@ std::unique_ptr<V4l2Buffer> V4l2VideoDevice::DequeBuffer() {
 
     int ret = IoCtl(VIDIOC_DQBUF, &record);
     if (ret < 0) {
+        /* The caller tells a device that went away by the driver's answer. */
+        int err = errno;
         marlo_log(MARLO_LOG_INFO, kTag, "%s: deque bufffer ret %d err:%s\n", name_.c_str(), ret,
-                  strerror(errno));
+                  strerror(err));
+        errno = err;
         return nullptr;
     }
 
@@ -357,6 +360,8 @@ std::unique_ptr<V4l2Buffer> V4l2VideoDevice::DequeBuffer() {
     if (!buffer) {
         marlo_log(MARLO_LOG_ERROR, kTag, "%s: deque bufffer failed : forgot to queue buf first?\n",
                   name_.c_str());
+        /* The request itself succeeded. */
+        errno = 0;
         return nullptr;
     }
 
@@ -414,11 +419,15 @@ int V4l2VideoDevice::QueueBuffer(std::unique_ptr<V4l2Buffer> buffer) {
     if (multiPlanar)
         record->m.planes = nullptr;
     if (ret < 0) {
+        int err = errno;
         marlo_log(MARLO_LOG_ERROR, kTag, "%s: queue bufffer failed : %s\n", name_.c_str(),
-                  strerror(errno));
+                  strerror(err));
         buffer->SetQueued(false);
-        std::lock_guard<std::mutex> lock(unqueued_mutex_);
-        unqueued_buffers_.push_back(std::move(buffer));
+        {
+            std::lock_guard<std::mutex> lock(unqueued_mutex_);
+            unqueued_buffers_.push_back(std::move(buffer));
+        }
+        errno = err;
         return ERR_FAILED;
     }
 
@@ -433,9 +442,13 @@ int V4l2VideoDevice::QueueBuffer(std::unique_ptr<V4l2Buffer> buffer) {
 int V4l2VideoDevice::StreamOn() {
     int type = static_cast<int>(buffer_type_);
     int ret = IoCtl(VIDIOC_STREAMON, &type);
-    if (ret < 0)
+    if (ret < 0) {
+        /* Kept for the caller, which reports why the device refused. */
+        int err = errno;
         marlo_log(MARLO_LOG_ERROR, kTag, "%s: stream on failed : %s\n", name_.c_str(),
-                  strerror(errno));
+                  strerror(err));
+        errno = err;
+    }
     return ret;
 }
 
@@ -521,7 +534,66 @@ int V4l2VideoDevice::SetFormat(const V4l2Format& format) {
     /* Taken from the answer even after a failure. */
     if (multiPlanar)
         num_planes_ = fmt.fmt.pix_mp.num_planes;
+    if (ret == 0)
+        RememberGrantedFormat(fmt);
     return ret;
+}
+
+void V4l2VideoDevice::RememberGrantedFormat(const v4l2_format& fmt) {
+    granted_format_ = {};
+    if (IsMultiPlanar()) {
+        granted_format_.fourcc = fmt.fmt.pix_mp.pixelformat;
+        granted_format_.width = fmt.fmt.pix_mp.width;
+        granted_format_.height = fmt.fmt.pix_mp.height;
+        granted_format_.colorSpace = fmt.fmt.pix_mp.colorspace;
+        granted_format_.planesCount = fmt.fmt.pix_mp.num_planes;
+        for (uint32_t p = 0; p < fmt.fmt.pix_mp.num_planes && p < VIDEO_MAX_PLANES; ++p) {
+            granted_format_.planes[p].bpl = fmt.fmt.pix_mp.plane_fmt[p].bytesperline;
+            granted_format_.planes[p].size = fmt.fmt.pix_mp.plane_fmt[p].sizeimage;
+        }
+    } else {
+        granted_format_.fourcc = fmt.fmt.pix.pixelformat;
+        granted_format_.width = fmt.fmt.pix.width;
+        granted_format_.height = fmt.fmt.pix.height;
+        granted_format_.colorSpace = fmt.fmt.pix.colorspace;
+        granted_format_.planesCount = 1;
+        granted_format_.planes[0].bpl = fmt.fmt.pix.bytesperline;
+        granted_format_.planes[0].size = fmt.fmt.pix.sizeimage;
+    }
+}
+
+int V4l2VideoDevice::GrantedFormat(V4l2Format& format) const {
+    if (granted_format_.fourcc == 0)
+        return ERR_FAILED;
+    format = granted_format_;
+    return OK;
+}
+
+int V4l2VideoDevice::GetFrameInterval(v4l2_fract& interval) {
+    struct v4l2_streamparm parm = {};
+    parm.type = buffer_type_;
+    int ret = IoCtl(VIDIOC_G_PARM, &parm);
+    if (ret < 0) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: get parm failed : %s\n", name_.c_str(),
+                  strerror(errno));
+        return ret;
+    }
+    interval = parm.parm.capture.timeperframe;
+    return OK;
+}
+
+int V4l2VideoDevice::SetFrameInterval(v4l2_fract& interval) {
+    struct v4l2_streamparm parm = {};
+    parm.type = buffer_type_;
+    parm.parm.capture.timeperframe = interval;
+    int ret = IoCtl(VIDIOC_S_PARM, &parm);
+    if (ret < 0) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: set parm failed : %s\n", name_.c_str(),
+                  strerror(errno));
+        return ret;
+    }
+    interval = parm.parm.capture.timeperframe;
+    return OK;
 }
 
 int V4l2VideoDevice::SetFormat(unsigned width, unsigned height, unsigned fourcc) {

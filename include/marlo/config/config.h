@@ -33,6 +33,8 @@ class GlobalCameraConfig {
         int width = 0;
         int height = 0;
         int buf_cnt = 0;
+        /* Frames per second to ask the node for; 0 leaves the driver's own rate. */
+        float fps = 0;
     };
 
     /* Calibration and placement of one camera. */

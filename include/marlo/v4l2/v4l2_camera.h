@@ -35,9 +35,16 @@ class V4l2Camera : public V4l2VideoDevice {
 
     /*
      * Queues every free buffer and streams on. -2 while running or stopping;
-     * otherwise 0, even when stream-on fails (that is only logged).
+     * otherwise 0, even when stream-on fails (that is logged, and told by
+     * StreamOnStatus()).
      */
     int StartVideoStream();
+    /*
+     * How the last stream-on of StartVideoStream() went: 0, or ERR_FAILED
+     * when the driver refused it, with its errno in StreamOnError().
+     */
+    int StreamOnStatus() const { return stream_on_status_; }
+    int StreamOnError() const { return stream_on_error_; }
     /*
      * Streams off. After a failed stream-off the camera stays stopping:
      * starts are refused until the next successful open.
@@ -56,6 +63,8 @@ class V4l2Camera : public V4l2VideoDevice {
 
   private:
     std::atomic<uint32_t> state_{0};
+    int stream_on_status_ = 0;
+    int stream_on_error_ = 0;
 };
 
 }  // namespace tessaro::marlo

@@ -115,7 +115,13 @@ class V4l2VideoDevice : public V4l2Device {
     std::unique_ptr<V4l2Buffer> GetBuffer();
     std::unique_ptr<V4l2Buffer> GetQueuedBuffer(unsigned index);
 
+    /*
+     * The next filled buffer, or null. After a refused request errno still
+     * holds the driver's answer (ENODEV for a device that went away); it is
+     * 0 when the request succeeded but named a buffer that was not queued.
+     */
     std::unique_ptr<V4l2Buffer> DequeBuffer();
+    /* After a refused request (ERR_FAILED) errno still holds the driver's answer. */
     int QueueBuffer(std::unique_ptr<V4l2Buffer> buffer);
 
     int StreamOn();
@@ -124,6 +130,20 @@ class V4l2VideoDevice : public V4l2Device {
     int GetFormat(V4l2Format& format);
     int SetFormat(const V4l2Format& format);
     int SetFormat(unsigned width, unsigned height, unsigned fourcc);
+    /*
+     * What the driver granted at the last successful SetFormat: drivers
+     * adjust a size or format they cannot capture instead of refusing it.
+     * Returns 0, or ERR_FAILED when no format has been set.
+     */
+    int GrantedFormat(V4l2Format& format) const;
+
+    /*
+     * The capture frame interval (seconds per frame, as a fraction), read
+     * with VIDIOC_G_PARM or asked with VIDIOC_S_PARM; \a interval receives
+     * what the driver answers. Return 0 or ERR_FAILED.
+     */
+    int GetFrameInterval(v4l2_fract& interval);
+    int SetFrameInterval(v4l2_fract& interval);
 
     int GetSelection(unsigned target, V4l2Rect& rect);
     int SetSelection(unsigned target, const V4l2Rect& rect);
@@ -147,6 +167,7 @@ class V4l2VideoDevice : public V4l2Device {
     bool IsMultiPlanar() const;
     /* Destroys every buffer of both lists; both list mutexes are held. */
     void ClearBuffersLocked();
+    void RememberGrantedFormat(const v4l2_format& fmt);
 
     uint32_t memory_type_ = V4L2_MEMORY_MMAP;
     v4l2_capability caps_ = {};
@@ -154,6 +175,8 @@ class V4l2VideoDevice : public V4l2Device {
     uint32_t num_planes_ = 1;
     uint32_t num_buffers_ = 4;
     uint32_t buffer_flags_ = V4L2_BUF_FLAG_NO_CACHE_INVALIDATE | V4L2_BUF_FLAG_NO_CACHE_CLEAN;
+    /* The driver's answer to the last successful S_FMT; fourcc 0 before one. */
+    V4l2Format granted_format_ = {};
 
     /* Declared so that the queued list is destroyed before the unqueued one. */
     std::mutex unqueued_mutex_;
