@@ -2,7 +2,7 @@
 
 #include <android/sync.h>
 #include <errno.h>
-#include <poll.h>
+#include <linux/videodev2.h>
 
 #include <chrono>
 #include <string>
@@ -16,6 +16,7 @@
 #include <marlo/v4l2/v4l2_video_device.h>
 
 #include "base/camera_trace.h"
+#include "camera/capture_supervisor.h"
 
 namespace tessaro::marlo::detail {
 
@@ -64,17 +65,38 @@ void FrameFanOut::operator()(int /*fd*/, unsigned int events) const {
     V4l2Camera* hw = camera_->hw_camera_.get();
     if (!hw)
         return;
+    detail::CaptureSupervisor& supervisor = *camera_->supervisor_;
     std::unique_ptr<V4l2Buffer> buffer = hw->CollectFrames();
-    if (!buffer)
+    if (!buffer) {
+        supervisor.onDequeueFailed(errno);
         return;
+    }
+    supervisor.onFrame();
 
+    if (buffer->GetBuffer()->flags & V4L2_BUF_FLAG_ERROR) {
+        dropErroneous(*buffer);
+        if (hw->ReturnFrame(std::move(buffer)) != 0)
+            supervisor.onQueueFailed(errno);
+        return;
+    }
+
+    /*
+     * The stored geometry describes the frame, unless the driver granted
+     * another one than was asked: then conversions need what it captures.
+     */
     ImageBuffer& src = camera_->src_image_;
     src.fd = buffer->GetDmaFd(0);
-    src.width = camera_->width_.load();
-    src.height = camera_->height_.load();
+    if (camera_->adjusted_) {
+        src.width = camera_->granted_width_.load();
+        src.height = camera_->granted_height_.load();
+        src.format = camera_->granted_format_.load();
+    } else {
+        src.width = camera_->width_.load();
+        src.height = camera_->height_.load();
+        src.format = camera_->format_.load();
+    }
     src.wstride = src.width;
     src.hstride = src.height;
-    src.format = camera_->format_.load();
 
     FANOUT_LOG(MARLO_LOG_VERBOSE, "get virtCam size = %d",
                static_cast<int>(camera_->clients_.size()));
@@ -85,7 +107,21 @@ void FrameFanOut::operator()(int /*fd*/, unsigned int events) const {
     });
 
     waitForFences(fences, buffer->GetSequence());
-    hw->ReturnFrame(std::move(buffer));
+    if (hw->ReturnFrame(std::move(buffer)) != 0)
+        supervisor.onQueueFailed(errno);
+}
+
+void FrameFanOut::dropErroneous(const V4l2Buffer& buffer) const {
+    FANOUT_LOG(MARLO_LOG_WARN, "frame %u flagged as erroneous by the driver, dropped",
+               buffer.GetSequence());
+    DebugHelper::getInstance().updateCameraDropCount(camera_->device_id_);
+    StreamEvent event = camera_->makeEvent(StreamEventType::kFrameDropped);
+    event.sequence = buffer.GetSequence();
+    camera_->clients_.forEach([&event](const std::weak_ptr<VirtualCamera>& client) {
+        std::shared_ptr<VirtualCamera> virtualCamera = client.lock();
+        if (virtualCamera && virtualCamera->state() == VirtualCamera::kRunning)
+            virtualCamera->postEvent(event);
+    });
 }
 
 void FrameFanOut::serveClient(const std::weak_ptr<VirtualCamera>& client, const V4l2Buffer& buffer,
@@ -94,6 +130,11 @@ void FrameFanOut::serveClient(const std::weak_ptr<VirtualCamera>& client, const 
     if (!virtualCamera || virtualCamera->state() != VirtualCamera::kRunning)
         return;
     std::vector<std::shared_ptr<FrameBuffer>> frames = virtualCamera->getAvailableFrames();
+    if (frames.empty()) {
+        StreamEvent event = camera_->makeEvent(StreamEventType::kFrameDropped);
+        event.sequence = buffer.GetSequence();
+        virtualCamera->postEvent(event);
+    }
     for (const std::shared_ptr<FrameBuffer>& frame : frames)
         convertInto(frame, buffer, fences);
     virtualCamera->forwardFrame(frames);
@@ -176,18 +217,6 @@ void FrameFanOut::waitForFences(const std::vector<int>& fences, uint32_t sequenc
     if (running >= 0 && sync_wait(running, kFenceWaitMs) != 0)
         FANOUT_LOG(MARLO_LOG_ERROR, "Timeout waiting fence");
     /* merged closes every merge result; the conversion fences belong to their buffers. */
-}
-
-bool ReportsOnlyError(int fd) {
-    if (fd < 0)
-        return false;
-    struct pollfd entry = {fd, POLLIN | POLLPRI, 0};
-    int ready;
-    do {
-        ready = poll(&entry, 1, 0);
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0 && (entry.revents & (POLLERR | POLLHUP)) != 0 &&
-           (entry.revents & (POLLIN | POLLPRI)) == 0;
 }
 
 }  // namespace tessaro::marlo::detail

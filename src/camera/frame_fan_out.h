@@ -3,7 +3,10 @@
  * capture descriptor while capture runs. Each call takes one captured
  * buffer, converts it into a free buffer set of every running client,
  * forwards the sets, waits (bounded) for the conversions and requeues the
- * buffer. It holds only the camera's address.
+ * buffer. A frame the driver flags as erroneous is requeued unconverted, a
+ * client without a free set is told it missed the frame, and a dequeue or
+ * queue the driver refuses goes to the camera's CaptureSupervisor. It holds
+ * only the camera's address.
  */
 #pragma once
 
@@ -36,16 +39,11 @@ class FrameFanOut {
                      std::vector<int>& fences) const;
     /* Merges the frame's fences and waits for them, at most 100 ms. */
     void waitForFences(const std::vector<int>& fences, uint32_t sequence) const;
+    /* Drops a frame the driver flagged as erroneous for every running client. */
+    void dropErroneous(const V4l2Buffer& buffer) const;
 
     HalCamera* camera_;
 };
-
-/*
- * Whether \a fd reports an error or hang-up and nothing to read. A vb2
- * capture queue that does not stream answers so; the IO thread does not
- * dispatch such events, so a handler left on it would have the loop spin.
- */
-bool ReportsOnlyError(int fd);
 
 }  // namespace detail
 }  // namespace tessaro::marlo

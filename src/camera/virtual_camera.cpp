@@ -4,6 +4,7 @@
 #include <marlo/camera/hal_camera.h>
 
 #include "base/camera_trace.h"
+#include "camera/event_dispatcher.h"
 
 namespace tessaro::marlo {
 
@@ -80,24 +81,26 @@ int VirtualCamera::startVideoStream(FrameCallback callback) {
              */
             VCAM_LOG(MARLO_LOG_ERROR, "Failed to start a video stream");
             state_ = kStopped;
-            for (auto before = hal_cameras_.begin(); before != it; ++before) {
-                if (std::shared_ptr<HalCamera> started = before->second.lock())
-                    started->clientStreamEnding();
-            }
+            endStartedBefore(it);
             return -2;
         }
         VCAM_LOG(MARLO_LOG_INFO, "Starts a video stream");
-        if (camera->clientStreamStarting() != 0) {
+        if (camera->clientStreamStarting(this) != 0) {
             VCAM_LOG(MARLO_LOG_ERROR, "Failed to start a client video stream");
             state_ = kStopped;
-            for (auto before = hal_cameras_.begin(); before != it; ++before) {
-                if (std::shared_ptr<HalCamera> started = before->second.lock())
-                    started->clientStreamEnding();
-            }
+            endStartedBefore(it);
             return -2;
         }
     }
     return 0;
+}
+
+void VirtualCamera::endStartedBefore(
+    std::unordered_map<std::string, std::weak_ptr<HalCamera>>::iterator end) {
+    for (auto before = hal_cameras_.begin(); before != end; ++before) {
+        if (std::shared_ptr<HalCamera> started = before->second.lock())
+            started->clientStreamEnding();
+    }
 }
 
 void VirtualCamera::stopVideoStream() {
@@ -126,8 +129,12 @@ void VirtualCamera::stopVideoStream() {
 
     state_ = kStopped;
     setCallback(nullptr);
-    std::lock_guard<std::mutex> queueLock(queue_mutex_);
-    free_sets_.clear();
+    {
+        std::lock_guard<std::mutex> queueLock(queue_mutex_);
+        free_sets_.clear();
+    }
+    postEvent(detail::MakeStreamEvent(StreamEventType::kStreamStopped,
+                                      hal_cameras_.empty() ? "" : hal_cameras_.begin()->first));
 }
 
 int VirtualCamera::setFrameInfo(std::vector<std::shared_ptr<FrameBuffer>>& buffers) {
@@ -201,6 +208,23 @@ void VirtualCamera::doneWithFrame(std::vector<std::shared_ptr<FrameBuffer>> fram
             detail::EndCameraTrace();
         VCAM_LOG(MARLO_LOG_INFO, "doneWithFrame index %llu", cookies);
     }
+}
+
+void VirtualCamera::setEventListener(std::shared_ptr<detail::EventListenerSlot> slot) {
+    std::lock_guard<std::mutex> lock(events_mutex_);
+    events_ = std::move(slot);
+}
+
+void VirtualCamera::postEvent(StreamEvent event) {
+    std::shared_ptr<detail::EventListenerSlot> slot;
+    {
+        std::lock_guard<std::mutex> lock(events_mutex_);
+        slot = events_;
+    }
+    if (!slot)
+        return;
+    event.clientId = id_;
+    detail::EventListenerSlot::Post(slot, std::move(event));
 }
 
 size_t VirtualCamera::freeSetCount() {

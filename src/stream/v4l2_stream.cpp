@@ -4,12 +4,14 @@
 
 #include <map>
 
+#include <marlo/base/error.h>
 #include <marlo/base/logger.h>
 #include <marlo/buffer/pixel_format.h>
 #include <marlo/camera/hal_camera.h>
 #include <marlo/camera/virtual_camera.h>
 #include <marlo/config/config.h>
 
+#include "camera/event_dispatcher.h"
 #include "stream/stream_registry_access.h"
 
 namespace tessaro::marlo {
@@ -138,11 +140,13 @@ std::mutex V4l2Stream::active_cameras_mutex_;
 V4l2Stream::V4l2Stream() = default;
 
 V4l2Stream::~V4l2Stream() {
-    if (!virtual_camera_)
-        return;
-    /* The capture wrapper points at this stream; it must be gone before the stream is. */
-    STRM_LOG(MARLO_LOG_WARN, "destroyed while open, closing");
-    CloseCamera();
+    if (virtual_camera_) {
+        /* The capture wrapper points at this stream; it must be gone before the stream is. */
+        STRM_LOG(MARLO_LOG_WARN, "destroyed while open, closing");
+        CloseCamera();
+    }
+    if (events_)
+        events_->close();
 }
 
 int V4l2Stream::OpenCamera(int clientId, std::string deviceId, int width, int height, int format) {
@@ -186,6 +190,7 @@ int V4l2Stream::OpenCamera(int clientId, std::string deviceId, int width, int he
         return kFailed;
     }
     virtual_camera_ = std::move(virtualCamera);
+    virtual_camera_->setEventListener(events_);
     STRM_LOG(MARLO_LOG_INFO, "succeed");
     return 0;
 }
@@ -317,6 +322,33 @@ int V4l2Stream::ClientSetBufferInfo(std::vector<std::shared_ptr<FrameBuffer>>& b
         return kFailed;
     }
     return virtual_camera_->setFrameInfo(buffers);
+}
+
+int V4l2Stream::ClientSetEventListener(StreamEventListener listener) {
+    std::shared_ptr<detail::EventListenerSlot> slot;
+    if (listener)
+        slot = std::make_shared<detail::EventListenerSlot>(std::move(listener));
+    if (virtual_camera_)
+        virtual_camera_->setEventListener(slot);
+    std::swap(events_, slot);
+    /* The old listener: no call of it runs once this returns. */
+    if (slot)
+        slot->close();
+    return 0;
+}
+
+int V4l2Stream::ClientSetFrameRate(float fps) {
+    if (!virtual_camera_) {
+        STRM_LOG(MARLO_LOG_ERROR, "failed with null vcam");
+        return kFailed;
+    }
+    if (!(fps > 0)) {
+        STRM_LOG(MARLO_LOG_ERROR, "frame rate %f refused", static_cast<double>(fps));
+        return ERR_INVALID_ARGUMENT;
+    }
+    for (const std::shared_ptr<HalCamera>& hal : virtual_camera_->getHalCameras())
+        hal->setFrameRate(fps);
+    return 0;
 }
 
 int V4l2Stream::ClientPauseStream() {

@@ -1,9 +1,8 @@
 /*
- * Paths of the shared camera that the fake kernel cannot reach: a client
- * camera the camera fails to own, and a capture node that reports only an
- * error right after start. This executable defines the two functions the
- * library asks; the dynamic linker binds the library's calls to these
- * definitions, which hand over to the library's own unless a test asks
+ * A path of the shared camera that the fake kernel cannot reach: a client
+ * camera the camera fails to own. This executable defines the function the
+ * library asks; the dynamic linker binds the library's calls to this
+ * definition, which hands over to the library's own unless a test asks
  * otherwise.
  */
 #include <dlfcn.h>
@@ -15,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include "camera/frame_fan_out.h"
 #include "camera_test_util.h"
 #include "fake_v4l2.h"
 #include "marlo/camera/hal_camera.h"
@@ -29,8 +27,6 @@ using tessaro::marlo::VirtualCamera;
 namespace {
 
 std::atomic<bool> refuse_own{false};
-std::atomic<bool> report_error{false};
-std::atomic<int> asked_fd{-2};
 
 /* The library's definitions, found past this executable. */
 template <typename F>
@@ -51,18 +47,6 @@ bool HalCamera::OwnVirtualCamera(std::shared_ptr<VirtualCamera>& vc) {
     return real(this, vc);
 }
 
-namespace detail {
-
-bool ReportsOnlyError(int fd) {
-    using Real = bool (*)(int);
-    static Real real = Next<Real>("_ZN7tessaro5marlo6detail16ReportsOnlyErrorEi");
-    asked_fd = fd;
-    if (report_error)
-        return true;
-    return real != nullptr && real(fd);
-}
-
-}  // namespace detail
 }  // namespace tessaro::marlo
 
 namespace {
@@ -77,7 +61,6 @@ class CameraSeamTest : public ::testing::Test {
     }
     void TearDown() override {
         refuse_own = false;
-        report_error = false;
         camera_.reset();
         node_.reset();
         marlo_fake::Reset();
@@ -104,44 +87,4 @@ TEST_F(CameraSeamTest, AClientCameraThatCannotBeOwnedIsNotHandedOut) {
     std::shared_ptr<VirtualCamera> vc = camera_->MakeVirtualCamera(6);
     ASSERT_NE(vc, nullptr);
     EXPECT_EQ(camera_->clientCount(), 1u);
-}
-
-TEST_F(CameraSeamTest, ACaptureNodeReportingOnlyAnErrorAfterStartStopsTheIoThread) {
-    ASSERT_TRUE(camera_->clientStreamOpening(64, 48, V4L2_PIX_FMT_GREY));
-    size_t threads = ThreadCount();
-    report_error = true;
-    asked_fd = -2;
-    marlo_test::LogCapture log;
-    EXPECT_EQ(camera_->clientStreamStarting(), 0);
-    /* The capture node itself was asked, right after the start. */
-    EXPECT_EQ(asked_fd.load(), camera_->hwCamera()->Fd());
-    EXPECT_EQ(CountLines(log, ANDROID_LOG_ERROR, Cam(kNode0), "clientStreamStarting",
-                         "capture node reports an error after start, IO thread stopped"),
-              1u)
-        << log.dump();
-    /* No IO thread is left to spin, yet the capture counts as running ... */
-    EXPECT_TRUE(ThreadCountReaches(threads)) << ThreadCount();
-    EXPECT_EQ(camera_->captureState(), 1);
-    EXPECT_EQ(camera_->streamingClients(), 1);
-    EXPECT_EQ(CameraState(kNode0), "RUNNING");
-
-    /* ... and the usual end stops it. */
-    camera_->clientStreamEnding();
-    EXPECT_EQ(camera_->captureState(), 0);
-    EXPECT_FALSE(node_->Streaming());
-    EXPECT_EQ(CameraState(kNode0), "STOPPED");
-    EXPECT_TRUE(ThreadCountReaches(threads)) << ThreadCount();
-}
-
-TEST_F(CameraSeamTest, AHealthyCaptureNodeKeepsTheIoThread) {
-    ASSERT_TRUE(camera_->clientStreamOpening(64, 48, V4L2_PIX_FMT_GREY));
-    size_t threads = ThreadCount();
-    marlo_test::LogCapture log;
-    asked_fd = -2;
-    EXPECT_EQ(camera_->clientStreamStarting(), 0);
-    EXPECT_EQ(asked_fd.load(), camera_->hwCamera()->Fd());
-    EXPECT_FALSE(log.containsText("reports an error after start")) << log.dump();
-    EXPECT_TRUE(ThreadCountReaches(threads + 1)) << ThreadCount();
-    camera_->clientStreamEnding();
-    EXPECT_TRUE(ThreadCountReaches(threads)) << ThreadCount();
 }

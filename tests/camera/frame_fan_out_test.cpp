@@ -535,35 +535,6 @@ TEST_F(FrameFanOutTest, ReplacingTheCallbackWhileFramesFlowLosesNoFrame) {
     vc->stopVideoStream();
 }
 
-TEST(ReportsOnlyError, IsTrueForAnErrorOrHangUpWithNothingToRead) {
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    tessaro::marlo::UniqueFd readEnd(fds[0]);
-    tessaro::marlo::UniqueFd writeEnd(fds[1]);
-    /* Nothing ready: no error either. */
-    EXPECT_FALSE(tessaro::marlo::detail::ReportsOnlyError(readEnd.get()));
-    ASSERT_EQ(write(writeEnd.get(), "x", 1), 1);
-    EXPECT_FALSE(tessaro::marlo::detail::ReportsOnlyError(readEnd.get()));
-    /* A pipe's write end whose reader went reports an error only. */
-    readEnd.reset();
-    EXPECT_TRUE(tessaro::marlo::detail::ReportsOnlyError(writeEnd.get()));
-    EXPECT_FALSE(tessaro::marlo::detail::ReportsOnlyError(-1));
-}
-
-TEST(ReportsOnlyError, IsTrueForAHangUpWithNothingLeft) {
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    tessaro::marlo::UniqueFd readEnd(fds[0]);
-    tessaro::marlo::UniqueFd writeEnd(fds[1]);
-    ASSERT_EQ(write(writeEnd.get(), "x", 1), 1);
-    writeEnd.reset();
-    /* Data left to read still counts as readable. */
-    EXPECT_FALSE(tessaro::marlo::detail::ReportsOnlyError(readEnd.get()));
-    char byte;
-    ASSERT_EQ(read(readEnd.get(), &byte, 1), 1);
-    EXPECT_TRUE(tessaro::marlo::detail::ReportsOnlyError(readEnd.get()));
-}
-
 TEST_F(FrameFanOutTest, AClientStartsAndStopsWhileFramesFlowToAnother) {
     auto steady = Client(1);
     auto flaky = Client(2);

@@ -9,6 +9,12 @@
  * list has its own mutex, which the frame fan-out on the IO thread holds for
  * a whole frame. The fan-out never takes the camera mutex, because ending
  * the last stream stops the IO thread while holding it.
+ *
+ * While capture runs, the capture camera belongs to the IO thread: when the
+ * device is lost, stalls or refuses to stream, the IO thread releases it,
+ * tells the clients and opens the node again in the background until frames
+ * flow (see CaptureSupervisor); client calls touch the capture camera only
+ * while capture is stopped.
  */
 #pragma once
 
@@ -22,6 +28,7 @@
 
 #include <marlo/base/io_thread.h>
 #include <marlo/camera/safe_list.h>
+#include <marlo/camera/stream_event.h>
 #include <marlo/imgproc/nax_image_operator.h>
 #include <marlo/v4l2/v4l2_camera.h>
 
@@ -30,6 +37,7 @@ namespace tessaro::marlo {
 class VirtualCamera;
 
 namespace detail {
+class CaptureSupervisor;
 class FrameFanOut;
 }  // namespace detail
 
@@ -54,10 +62,23 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
      * capture. Only the first starter sees the capture's status.
      */
     int clientStreamStarting();
+    /*
+     * The same for \a starter, which is told how its start went: started,
+     * or refused by the device (the capture is then retried in the
+     * background). A granted format the 2D engine cannot convert fails.
+     */
+    int clientStreamStarting(VirtualCamera* starter);
     /* Counts a client out; the last one stops the capture and the IO thread. */
     void clientStreamEnding();
     /* Shuts the device when no client is left (see the source for the condition). */
     void clientStreamclosing();
+
+    /*
+     * The frame rate to ask the device for at its next start (0: the
+     * driver's own). A rate from the board configuration applies when no
+     * client asked for one.
+     */
+    void setFrameRate(float fps);
 
     bool OwnVirtualCamera(std::shared_ptr<VirtualCamera>& vc);
     /* A new client camera for client \a id, or null. Needs a shared_ptr owner. */
@@ -77,14 +98,37 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
     int32_t width() const { return width_.load(); }
     int32_t height() const { return height_.load(); }
     int32_t format() const { return format_.load(); }
-    /* The capture camera, null before the first clientStreamOpening. */
+    /* The capture camera, null before the first clientStreamOpening and after a loss. */
     V4l2Camera* hwCamera() const { return hw_camera_.get(); }
+    /* Whether capture runs without a working device and is being retried. */
+    bool recovering() const;
 
   private:
+    friend class detail::CaptureSupervisor;
     friend class detail::FrameFanOut;
+
+    struct Geometry {
+        int32_t width;
+        int32_t height;
+        int32_t format;
+    };
 
     /* Capture stop shared by clientStreamEnding and the destructor; camera mutex held. */
     void stopCaptureLocked();
+    /*
+     * Reads what the driver granted at the open of \a hw, describes the
+     * source with it when it differs from what was asked, and tells the
+     * clients once. False when the 2D engine cannot convert that format.
+     */
+    bool acceptGrantedFormat(V4l2Camera& hw);
+    /* Asks \a hw for the configured frame rate and learns the interval it runs at. */
+    void applyFrameRate(V4l2Camera& hw);
+    /* The frame rate to ask for: the client's, else the board configuration's, else 0. */
+    float wantedFrameRate();
+    /* Queues \a event for every client of the camera that has a listener. */
+    void postToClients(StreamEvent event);
+    /* An event of this camera, stamped now. */
+    StreamEvent makeEvent(StreamEventType type) const;
 
     std::unique_ptr<V4l2Camera> hw_camera_;
     std::string device_id_;
@@ -104,6 +148,27 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
     std::vector<std::shared_ptr<VirtualCamera>> spare_;
     std::atomic<int32_t> streaming_clients_{0};
     std::mutex camera_mutex_;
+
+    /* The geometry the device is opened with; recovery opens it again so. */
+    Geometry asked_ = {0, 0, 0};
+    /*
+     * What the driver granted, used to describe the source only when it
+     * differs from what was asked (the stored geometry is used otherwise).
+     */
+    std::atomic<bool> adjusted_{false};
+    std::atomic<int32_t> granted_width_{0};
+    std::atomic<int32_t> granted_height_{0};
+    std::atomic<int32_t> granted_format_{0};
+    /* Whether the 2D engine converts what the device captures (camera mutex). */
+    bool format_convertible_ = true;
+    /* The client's asked frame rate (camera mutex). */
+    float frame_rate_ = 0;
+    /* The frame interval the device runs at, microseconds (0 unknown). */
+    std::atomic<uint32_t> frame_interval_us_{0};
+    /* The capture descriptor registered on the IO thread, -1 when none. */
+    int capture_fd_ = -1;
+    /* Watchdog and recovery of the running capture, on the IO thread. */
+    std::unique_ptr<detail::CaptureSupervisor> supervisor_;
 };
 
 }  // namespace tessaro::marlo

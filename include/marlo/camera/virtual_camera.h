@@ -19,11 +19,16 @@
 #include <vector>
 
 #include <marlo/buffer/frame_buffer.h>
+#include <marlo/camera/stream_event.h>
 #include <marlo/imgproc/nax_image_operator.h>
 
 namespace tessaro::marlo {
 
 class HalCamera;
+
+namespace detail {
+class EventListenerSlot;
+}  // namespace detail
 
 class VirtualCamera {
   public:
@@ -63,8 +68,15 @@ class VirtualCamera {
     /* Number of queued free sets (read under the queue mutex). */
     size_t freeSetCount();
 
+    /* Where this client's stream events go; null drops them. */
+    void setEventListener(std::shared_ptr<detail::EventListenerSlot> slot);
+    /* Queues \a event, stamped with this client's id, for the client's listener. */
+    void postEvent(StreamEvent event);
+
   private:
     void setCallback(FrameCallback callback);
+    /* Ends every camera before \a end in the map: a start that failed half-way. */
+    void endStartedBefore(std::unordered_map<std::string, std::weak_ptr<HalCamera>>::iterator end);
 
     std::unordered_map<std::string, std::weak_ptr<HalCamera>> hal_cameras_;
     std::atomic<int32_t> state_{kStopped};
@@ -82,6 +94,9 @@ class VirtualCamera {
     std::mutex queue_mutex_;
     std::deque<FrameSet> free_sets_;
     int32_t id_;
+    /* Posted to from client threads and the IO thread; a leaf lock. */
+    std::mutex events_mutex_;
+    std::shared_ptr<detail::EventListenerSlot> events_;
 };
 
 }  // namespace tessaro::marlo

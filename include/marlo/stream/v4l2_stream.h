@@ -21,6 +21,7 @@
 #include <vector>
 
 #include <marlo/buffer/frame_buffer.h>
+#include <marlo/camera/stream_event.h>
 
 /* Parameter ids answered by V4l2Stream::ClientGetParams; any other id is refused. */
 typedef enum marlo_param : int32_t {
@@ -108,6 +109,7 @@ class HalCamera;
 class VirtualCamera;
 
 namespace detail {
+class EventListenerSlot;
 struct StreamRegistryAccess;
 }  // namespace detail
 
@@ -152,6 +154,28 @@ class V4l2Stream {
     /* Accepts nothing: logs and returns 0. */
     int ClientSetParams(marlo_param_t id, marlo_param_value_t* value);
 
+    /*
+     * Registers \a listener for this stream's events (see stream_event.h),
+     * replacing any earlier one; an empty listener removes it. It may be
+     * called before OpenCamera and stays across CloseCamera and a later
+     * OpenCamera. Events are delivered in order on the library's event
+     * thread, never under a library lock; the listener may call any member
+     * of any stream. When this returns, no call of the old listener is
+     * running (unless this is called from within it) and the events still
+     * queued for it are dropped; the same holds when the stream is
+     * destroyed. Always 0.
+     */
+    int ClientSetEventListener(StreamEventListener listener);
+    /*
+     * Asks the capture device for \a fps frames per second at its next
+     * start (before the first client starts it; a device that already
+     * streams keeps its rate, as it keeps the first client's geometry).
+     * Without it, the rate of the board configuration's stream applies, if
+     * any, else the driver's own. 0, ERR_INVALID_ARGUMENT for a rate that is
+     * not positive, or -2 before OpenCamera.
+     */
+    int ClientSetFrameRate(float fps);
+
     /* 0 not streaming, 1 streaming. */
     uint32_t state() const { return state_.load(); }
     /* The id given to OpenCamera; -1 after CloseCamera. */
@@ -175,6 +199,8 @@ class V4l2Stream {
      * the whole call of the callback.
      */
     std::mutex callback_mutex_;
+    /* The client's event listener; handed to every virtual camera this stream opens. */
+    std::shared_ptr<detail::EventListenerSlot> events_;
 
     static std::unordered_map<std::string, std::shared_ptr<HalCamera>> active_cameras_;
     static std::mutex active_cameras_mutex_;
