@@ -48,6 +48,19 @@ TEST(ParseStreamConfig, ReadsEveryAttribute) {
     EXPECT_EQ(stream.buf_cnt, 6);
 }
 
+TEST(ParseStreamConfig, AFrameRateIsOptional) {
+    Snippet rated(R"(<stream id="1" format="NV12" width="64" height="48" fps="29.97"/>)");
+    EXPECT_FLOAT_EQ(GlobalCameraConfig::parseStreamConfig(rated.root()).fps, 29.97f);
+    Snippet plain(R"(<stream id="1" format="NV12" width="64" height="48"/>)");
+    EXPECT_EQ(GlobalCameraConfig::parseStreamConfig(plain.root()).fps, 0.0f);
+    /* A rate that is no positive number leaves the driver's own. */
+    for (const char* bad : {"0", "-5", "fast", "nan"}) {
+        std::string xml = std::string("<stream id=\"1\" fps=\"") + bad + "\"/>";
+        Snippet snippet(xml.c_str());
+        EXPECT_EQ(GlobalCameraConfig::parseStreamConfig(snippet.root()).fps, 0.0f) << bad;
+    }
+}
+
 TEST(ParseStreamConfig, NullElementGivesDefaults) {
     auto stream = GlobalCameraConfig::parseStreamConfig(nullptr);
     EXPECT_EQ(stream.id, 0);
@@ -55,6 +68,7 @@ TEST(ParseStreamConfig, NullElementGivesDefaults) {
     EXPECT_EQ(stream.width, 0);
     EXPECT_EQ(stream.height, 0);
     EXPECT_EQ(stream.buf_cnt, 0);
+    EXPECT_EQ(stream.fps, 0.0f);
 }
 
 TEST(ParseStreamConfig, YuyvGivesTheV4l2Code) {

@@ -475,3 +475,19 @@ TEST_F(V4l2CameraTest, ConcurrentStopsStreamOffOnce) {
 }
 
 }  // namespace
+
+TEST_F(V4l2CameraTest, StreamOnStatusTellsWhatTheDriverSaid) {
+    V4l2Camera camera(kPath);
+    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    EXPECT_EQ(camera.StreamOnStatus(), 0);
+    node_->InjectError(VIDIOC_STREAMON, EPIPE);
+    marlo_test::LogCapture log(false);
+    EXPECT_EQ(camera.StartVideoStream(), 0);
+    EXPECT_EQ(camera.StreamOnStatus(), -2);
+    EXPECT_EQ(camera.StreamOnError(), EPIPE);
+    camera.StopVideoStream();
+    ASSERT_EQ(camera.State(), 0u);
+    EXPECT_EQ(camera.StartVideoStream(), 0);
+    EXPECT_EQ(camera.StreamOnStatus(), 0);
+    EXPECT_EQ(camera.StreamOnError(), 0);
+}

@@ -1160,3 +1160,111 @@ TEST_F(V4l2VideoDeviceTest, DestructionReleasesMappingsAndDescriptors) {
 }
 
 }  // namespace
+
+/* --- What the driver granted, frame intervals, the driver's errno --- */
+
+TEST_F(V4l2VideoDeviceTest, TheGrantedFormatIsTheDriversAnswer) {
+    marlo_fake::VideoNodeConfig config;
+    config.frameSizes[V4L2_PIX_FMT_NV12] = {marlo_fake::DiscreteSize(640, 480)};
+    AddNode(config);
+    TestDevice device(kPath);
+    V4l2Format granted = {};
+    EXPECT_EQ(device.GrantedFormat(granted), -2);
+    ASSERT_EQ(device.Open(false), 0);
+    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_EQ(device.SetFormat(800, 600, V4L2_PIX_FMT_NV12), 0);
+    ASSERT_EQ(device.GrantedFormat(granted), 0);
+    EXPECT_EQ(granted.width, 640u);
+    EXPECT_EQ(granted.height, 480u);
+    EXPECT_EQ(granted.fourcc, static_cast<uint32_t>(V4L2_PIX_FMT_NV12));
+    EXPECT_EQ(granted.planes[0].bpl, 640u);
+    EXPECT_EQ(granted.planes[0].size, 640u * 480u * 3 / 2);
+    /* No request was added to learn it. */
+    EXPECT_EQ(node_->CountRequests(VIDIOC_G_FMT), 0u);
+
+    /* A refused S_FMT leaves the last answer. */
+    node_->InjectError(VIDIOC_S_FMT, EINVAL);
+    marlo_test::LogCapture log(false);
+    EXPECT_EQ(device.SetFormat(320, 240, V4L2_PIX_FMT_YUYV), -2);
+    ASSERT_EQ(device.GrantedFormat(granted), 0);
+    EXPECT_EQ(granted.width, 640u);
+}
+
+TEST_F(V4l2VideoDeviceTest, FrameIntervalIsAskedAndReadBack) {
+    marlo_fake::VideoNodeConfig config;
+    config.frameIntervals = {{1, 15}, {1, 30}};
+    AddNode(config);
+    TestDevice device(kPath);
+    ASSERT_EQ(device.Open(false), 0);
+    ASSERT_EQ(device.QueryCap(), 0);
+    v4l2_fract interval = {1, 25};
+    ASSERT_EQ(device.SetFrameInterval(interval), 0);
+    EXPECT_EQ(interval.denominator, 30u);
+    v4l2_fract read = {};
+    ASSERT_EQ(device.GetFrameInterval(read), 0);
+    EXPECT_EQ(read.numerator, 1u);
+    EXPECT_EQ(read.denominator, 30u);
+    auto records = node_->Requests(VIDIOC_S_PARM);
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].type, static_cast<uint32_t>(V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE));
+}
+
+TEST_F(V4l2VideoDeviceTest, AFrameIntervalTheDriverDoesNotKnowIsReported) {
+    marlo_fake::VideoNodeConfig config;
+    config.streamParm = false;
+    AddNode(config);
+    TestDevice device(kPath);
+    ASSERT_EQ(device.Open(false), 0);
+    marlo_test::LogCapture log;
+    v4l2_fract interval = {1, 30};
+    EXPECT_EQ(device.SetFrameInterval(interval), -2);
+    EXPECT_EQ(device.GetFrameInterval(interval), -2);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
+                             Msg("%s: set parm failed : %s\n", kPath, strerror(ENOTTY))))
+        << log.dump();
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
+                             Msg("%s: get parm failed : %s\n", kPath, strerror(ENOTTY))));
+}
+
+TEST_F(V4l2VideoDeviceTest, RefusedDequeueQueueAndStreamOnKeepTheDriversErrno) {
+    AddNode();
+    TestDevice device(kPath);
+    Prepare(device, 2);
+    QueueAll(device);
+    marlo_test::LogCapture log(false);
+
+    node_->InjectError(VIDIOC_STREAMON, EPIPE);
+    errno = 0;
+    EXPECT_EQ(device.StreamOn(), -2);
+    EXPECT_EQ(errno, EPIPE);
+    ASSERT_EQ(device.StreamOn(), 0);
+
+    node_->InjectError(VIDIOC_DQBUF, ENODEV);
+    errno = 0;
+    EXPECT_EQ(device.DequeBuffer(), nullptr);
+    EXPECT_EQ(errno, ENODEV);
+
+    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(0)), 0);
+    auto buffer = device.DequeBuffer();
+    ASSERT_NE(buffer, nullptr);
+    node_->InjectError(VIDIOC_QBUF, EIO);
+    errno = 0;
+    EXPECT_EQ(device.QueueBuffer(std::move(buffer)), -2);
+    EXPECT_EQ(errno, EIO);
+}
+
+TEST_F(V4l2VideoDeviceTest, ADequeuedIndexNotQueuedLeavesNoSystemError) {
+    AddNode();
+    TestDevice device(kPath);
+    Prepare(device, 2);
+    QueueAll(device);
+    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(0)), 0);
+    /* The library's own list forgets the buffer the driver hands back. */
+    while (device.Queued() > 0)
+        device.GetQueuedBuffer(device.Queued() == 2 ? 0 : 1);
+    marlo_test::LogCapture log(false);
+    errno = EINVAL;
+    EXPECT_EQ(device.DequeBuffer(), nullptr);
+    EXPECT_EQ(errno, 0);
+}
