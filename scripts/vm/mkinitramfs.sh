@@ -17,7 +17,7 @@ version=$(cat "$cache/kernel-version")
 modules_dir="$cache/kernel/lib/modules/$version"
 root="$cache/root"
 
-programs=("$build/bin/marlo_capture_demo")
+programs=("$build/bin/marlo_capture_demo" "$build/bin/marlo_rearview")
 for file in "${programs[@]}" "$build/nax/libnax.so" "$modules_dir"; do
     if [ ! -e "$file" ]; then
         echo "vm: $file is missing (build the project and run fetch.sh first)" >&2
