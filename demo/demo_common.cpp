@@ -88,6 +88,32 @@ double SetDeviceRate(const std::string& device, unsigned fps, std::string* error
     return 0;
 }
 
+bool SetControlByName(int fd, const std::string& name, int32_t value) {
+    v4l2_query_ext_ctrl query = {};
+    query.id = V4L2_CTRL_FLAG_NEXT_CTRL;
+    while (ioctl(fd, VIDIOC_QUERY_EXT_CTRL, &query) == 0) {
+        if (name == query.name) {
+            v4l2_control control = {};
+            control.id = query.id;
+            control.value = value;
+            return ioctl(fd, VIDIOC_S_CTRL, &control) == 0;
+        }
+        query.id |= V4L2_CTRL_FLAG_NEXT_CTRL;
+    }
+    errno = ENOENT;
+    return false;
+}
+
+bool SetDeviceControl(const std::string& device, const std::string& name, int32_t value,
+                      std::string* error) {
+    tessaro::marlo::UniqueFd fd(open(device.c_str(), O_RDWR | O_CLOEXEC));
+    if (!fd.isValid() || !SetControlByName(fd.get(), name, value)) {
+        *error = errno == ENOENT ? "no control named '" + name + "'" : strerror(errno);
+        return false;
+    }
+    return true;
+}
+
 ToolLogLevel::ToolLogLevel(bool verbose) {
     char value[PROPERTY_VALUE_MAX];
     property_get(kLogLevelProperty, value, "");

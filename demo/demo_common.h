@@ -27,6 +27,16 @@ bool ParseSize(const std::string& text, uint32_t* width, uint32_t* height);
 double SetDeviceRate(const std::string& device, unsigned fps, std::string* error);
 
 /*
+ * Sets the control named \a name (as the driver lists it, e.g. "Brightness")
+ * on the capture node \a device to \a value. False with \a error set when
+ * the node has no such control or refuses the value.
+ */
+bool SetDeviceControl(const std::string& device, const std::string& name, int32_t value,
+                      std::string* error);
+/* The same on an open node. */
+bool SetControlByName(int fd, const std::string& name, int32_t value);
+
+/*
  * Sets the library's log level property for this process while it lives:
  * the library logs some normal-path lines at error severity, which a tool
  * shows only when asked to be verbose. The previous level comes back after.

@@ -12,6 +12,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <marlo/base/unique_fd.h>
@@ -54,6 +55,7 @@ struct Options {
     std::string out = ".";
     std::string record;
     std::string sheet;
+    std::vector<std::pair<std::string, int>> controls;
     bool verbose = false;
 };
 
@@ -73,6 +75,8 @@ void Usage(std::ostream& out) {
            "  --out DIR            where the recording and the contact sheet go (default .)\n"
            "  --record FILE        the recording (default DIR/rearview_record.nv12)\n"
            "  --sheet FILE         the contact sheet (default DIR/rearview_sheet.png)\n"
+           "  --ctrl NAME=VALUE    set a control of the camera first (repeatable), e.g.\n"
+           "                       --ctrl 'Timestamp Source=1' for start-of-exposure stamps\n"
            "  --verbose            show the library's log lines of error severity\n"
            "Run it from a text console: the display must not belong to a desktop session.\n";
 }
@@ -120,7 +124,14 @@ int ParseOptions(int argc, char** argv, Options* options, std::ostream& err) {
             options->record = value;
         else if (name == "--sheet")
             options->sheet = value;
-        else {
+        else if (name == "--ctrl") {
+            size_t equals = value.rfind('=');
+            int number = 0;
+            ok = equals != std::string::npos && equals > 0 &&
+                 ParseNumber(value.substr(equals + 1), 0, &number);
+            if (ok)
+                options->controls.emplace_back(value.substr(0, equals), number);
+        } else {
             err << "unknown option " << name << "\n";
             return -1;
         }
@@ -211,6 +222,12 @@ int RunRearview(int argc, char** argv, std::ostream& out, std::ostream& err) {
         << crop.width << "x" << crop.height << "+" << crop.x << "+" << crop.y << ", recorder "
         << options.recordWidth << "x" << options.recordHeight << " NV12\n";
 
+    for (const auto& [control, value] : options.controls) {
+        if (!SetDeviceControl(options.device, control, value, &error)) {
+            err << "camera: cannot set '" << control << "' to " << value << ": " << error << "\n";
+            return 2;
+        }
+    }
     if (options.fps > 0) {
         double rate = SetDeviceRate(options.device, static_cast<unsigned>(options.fps), &error);
         if (rate > 0)
@@ -266,8 +283,8 @@ int RunRearview(int argc, char** argv, std::ostream& out, std::ostream& err) {
     PrintStatsTable({displayClient.delivered().Summarize(), displayClient.shown().Summarize(),
                      recorder.stats().Summarize()},
                     out);
-    out << "latency: from the capture timestamp (CLOCK_MONOTONIC) to the client's callback; "
-           "on screen: to the page-flip event\n";
+    out << "latency: from the frame's capture timestamp (CLOCK_MONOTONIC) to the client's "
+           "callback; on screen: to the page-flip event\n";
     if (displayClient.failures() > 0)
         err << "display: " << displayClient.failures()
             << " commit(s) or flip(s) failed, the last: " << displayClient.lastError() << "\n";

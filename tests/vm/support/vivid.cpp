@@ -12,6 +12,8 @@
 
 #include <marlo/base/unique_fd.h>
 
+#include "demo_common.h"
+
 namespace marlo_vm {
 
 namespace {
@@ -71,47 +73,18 @@ std::string VividMediaNode(Vivid instance) {
     return "";
 }
 
-bool SetControlByName(int fd, const std::string& name, int32_t value) {
-    v4l2_query_ext_ctrl query = {};
-    query.id = V4L2_CTRL_FLAG_NEXT_CTRL;
-    while (ioctl(fd, VIDIOC_QUERY_EXT_CTRL, &query) == 0) {
-        if (name == query.name) {
-            v4l2_control control = {};
-            control.id = query.id;
-            control.value = value;
-            return ioctl(fd, VIDIOC_S_CTRL, &control) == 0;
-        }
-        query.id |= V4L2_CTRL_FLAG_NEXT_CTRL;
-    }
-    errno = ENOENT;
-    return false;
-}
-
 bool ShowPlainColourBars(const std::string& node) {
     UniqueFd fd(open(node.c_str(), O_RDWR | O_CLOEXEC));
     if (!fd.isValid())
         return false;
     /* Menu entries: test pattern 0 is "75% Colorbar", text mode 2 is "None". */
-    return SetControlByName(fd.get(), "Test Pattern", 0) &&
-           SetControlByName(fd.get(), "OSD Text Mode", 2);
+    return marlo_demo::SetControlByName(fd.get(), "Test Pattern", 0) &&
+           marlo_demo::SetControlByName(fd.get(), "OSD Text Mode", 2);
 }
 
 double SetFrameRate(const std::string& node, unsigned fps) {
-    UniqueFd fd(open(node.c_str(), O_RDWR | O_CLOEXEC));
-    if (!fd.isValid())
-        return 0;
-    for (uint32_t type : {V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE}) {
-        v4l2_streamparm parm = {};
-        parm.type = type;
-        parm.parm.capture.timeperframe = {1, fps};
-        if (ioctl(fd.get(), VIDIOC_S_PARM, &parm) != 0)
-            continue;
-        const v4l2_fract& interval = parm.parm.capture.timeperframe;
-        if (interval.numerator == 0)
-            return 0;
-        return static_cast<double>(interval.denominator) / interval.numerator;
-    }
-    return 0;
+    std::string error;
+    return marlo_demo::SetDeviceRate(node, fps, &error);
 }
 
 }  // namespace marlo_vm

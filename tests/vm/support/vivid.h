@@ -30,8 +30,6 @@ std::string VideoNodeByName(const std::string& name);
  * no on-screen text. Returns false (with errno) when a control is refused.
  */
 bool ShowPlainColourBars(const std::string& node);
-/* Sets the control named \a name (as VIDIOC_QUERY_EXT_CTRL reports it) on an open node. */
-bool SetControlByName(int fd, const std::string& name, int32_t value);
 
 /*
  * Asks the node for \a fps frames per second (VIDIOC_S_PARM, before the
