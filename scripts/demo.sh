@@ -113,8 +113,8 @@ if [ -s "$work/screen.png" ]; then
     mv "$work/screen.png" "$screen"
     echo "== screen dump of the display: $screen =="
 else
-    echo "demo: QEMU left no screen dump ($(cat "$work/monitor.log" 2>/dev/null | tail -n 1))" >&2
+    echo "demo: QEMU left no screen dump ($(tail -n 1 "$work/monitor.log" 2>/dev/null))" >&2
     [ "$status" -eq 0 ] && status=1
 fi
 echo "== demo exit status $status; timings:$timings $(($(date +%s) - started)) s in all =="
-exit $status
+exit "$status"

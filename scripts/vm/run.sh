@@ -52,6 +52,7 @@ cat "$initramfs" ${MARLO_VM_OVERLAYS:-} "$work/command.cpio.gz" >"$work/initramf
 display=(-vga none -device virtio-gpu-pci)
 monitor=()
 if [ -n "${MARLO_VM_MONITOR:-}" ]; then
+    # shellcheck disable=SC2054 # commas separate QEMU's sub-options
     monitor=(-chardev "pipe,id=monitor,path=$MARLO_VM_MONITOR" -mon chardev=monitor,mode=readline)
 fi
 
