@@ -1,4 +1,5 @@
 #include "capture_demo.h"
+#include "demo_common.h"
 
 #include <android/sync.h>
 #include <errno.h>
@@ -68,6 +69,7 @@ struct Options {
     /* 0: the device keeps the rate it has. */
     int fps = 0;
     std::string outDir = ".";
+    bool verbose = false;
 };
 
 const char* VariantName(Variant variant) {
@@ -84,15 +86,6 @@ const char* VariantName(Variant variant) {
             return "flip";
     }
     return "?";
-}
-
-std::string FourccText(uint32_t code) {
-    std::string text;
-    for (int i = 0; i < 4; ++i) {
-        char c = static_cast<char>((code >> (8 * i)) & 0xff);
-        text.push_back(c >= 0x20 && c < 0x7f ? c : '.');
-    }
-    return text;
 }
 
 /* Formats the 2D engine reads from a capture buffer. */
@@ -123,37 +116,6 @@ bool IsClientFormat(uint32_t code) {
             return true;
     }
     return false;
-}
-
-bool ParseFourcc(const std::string& text, uint32_t* code) {
-    if (text.size() != 4)
-        return false;
-    uint32_t value = 0;
-    for (int i = 0; i < 4; ++i)
-        value |= static_cast<uint32_t>(static_cast<unsigned char>(text[i])) << (8 * i);
-    *code = value;
-    return true;
-}
-
-bool ParseNumber(const std::string& text, int minimum, int* value) {
-    char* end = nullptr;
-    long parsed = strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || parsed < minimum || parsed > 1000000)
-        return false;
-    *value = static_cast<int>(parsed);
-    return true;
-}
-
-bool ParseSize(const std::string& text, uint32_t* width, uint32_t* height) {
-    size_t x = text.find('x');
-    int w = 0;
-    int h = 0;
-    if (x == std::string::npos || !ParseNumber(text.substr(0, x), 2, &w) ||
-        !ParseNumber(text.substr(x + 1), 2, &h) || w > 16384 || h > 16384)
-        return false;
-    *width = static_cast<uint32_t>(w);
-    *height = static_cast<uint32_t>(h);
-    return true;
 }
 
 /* WxH:FOURCC[:crop|rot90|rot180|rot270|flip] */
@@ -195,7 +157,8 @@ void Usage(std::ostream& out) {
            "  --seconds S       stop after S seconds in any case (default 10)\n"
            "  --fps N           ask the device for N frames per second before the start\n"
            "                    (default: keep the device's own rate)\n"
-           "  --out DIR         where the first frame of each client is written (default .)\n";
+           "  --out DIR         where the first frame of each client is written (default .)\n"
+           "  --verbose         show the library's log lines of error severity\n";
 }
 
 /* 0 to run, 1 when help was asked for, -1 for a bad option. */
@@ -204,6 +167,10 @@ int ParseOptions(int argc, char** argv, Options* options, std::ostream& err) {
         std::string name = argv[i];
         if (name == "--help" || name == "-h")
             return 1;
+        if (name == "--verbose") {
+            options->verbose = true;
+            continue;
+        }
         if (i + 1 >= argc) {
             err << "option " << name << " needs a value\n";
             return -1;
@@ -590,12 +557,6 @@ class DemoClient {
 };
 
 /*
- * Asks the device for options.fps frames per second. The stream session
- * leaves the frame interval alone, so a device runs at whatever rate it was
- * left at (vivid's webcam input starts at 5 fps); the driver picks the
- * nearest rate it offers, and a refusal only costs the rate.
- */
-/*
  * Runs VIDIOC_G_PARM or VIDIOC_S_PARM (\a request) on \a device, as a single
  * or multi-planar capture device. Returns 0 or the errno value.
  */
@@ -632,16 +593,17 @@ std::string RateText(const v4l2_fract& interval) {
  * left at (vivid's webcam input starts at 5 fps); the driver picks the
  * nearest rate it offers, and a refusal only costs the rate.
  */
-void SetDeviceRate(const Options& options, std::ostream& out) {
-    v4l2_streamparm parm;
-    int error =
-        StreamParm(options.device, VIDIOC_S_PARM, static_cast<uint32_t>(options.fps), &parm);
-    if (error != 0)
-        out << "device rate: " << options.device << " refused " << options.fps << " fps ("
-            << strerror(error) << "), keeping its own\n";
-    else
-        out << "device rate: asked " << options.fps << " fps, the device chose "
-            << RateText(parm.parm.capture.timeperframe) << "\n";
+void AskDeviceRate(const Options& options, std::ostream& out) {
+    std::string error;
+    double rate = SetDeviceRate(options.device, static_cast<unsigned>(options.fps), &error);
+    if (rate <= 0) {
+        out << "device rate: " << options.device << " refused " << options.fps << " fps (" << error
+            << "), keeping its own\n";
+        return;
+    }
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(1) << rate << " fps";
+    out << "device rate: asked " << options.fps << " fps, the device chose " << text.str() << "\n";
 }
 
 /*
@@ -705,6 +667,7 @@ int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) 
         Usage(parsed > 0 ? out : err);
         return parsed > 0 ? 0 : 2;
     }
+    ToolLogLevel logLevel(options.verbose);
 
     /*
      * The library reports a device it cannot open only in its log, once the
@@ -742,7 +705,7 @@ int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) 
         params.push_back(client->Params());
 
     if (options.fps > 0)
-        SetDeviceRate(options, out);
+        AskDeviceRate(options, out);
 
     for (auto& client : clients) {
         if (!client->Start(err))

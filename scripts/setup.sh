@@ -6,7 +6,7 @@ set -euo pipefail
 PACKAGES=(
     build-essential cmake ninja-build pkg-config git ccache
     clang-format
-    libtinyxml2-dev libdrm-dev libyuv-dev
+    libtinyxml2-dev libdrm-dev libyuv-dev libpng-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     linux-libc-dev
 )

@@ -3,7 +3,8 @@
 # Under CI (CI=true) warnings are errors and the unit tests also run in an
 # AddressSanitizer + UndefinedBehaviorSanitizer build and in a
 # ThreadSanitizer build with lock-order checks. Outside CI,
-# MARLO_SANITIZE_TESTS=1 and MARLO_TSAN_TESTS=1 ask for them.
+# MARLO_SANITIZE_TESTS=1 and MARLO_TSAN_TESTS=1 ask for them. Last, the
+# release build's real-kernel suites run in a QEMU machine (tests/vm/run.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -37,3 +38,6 @@ fi
 
 echo "== release build =="
 run_suite build
+
+echo "== real-kernel bench (QEMU: virtio-gpu, vivid, vgem) =="
+tests/vm/run.sh build

@@ -2,8 +2,10 @@
 # Usage: scripts/vm/mkinitramfs.sh CACHE_DIR BUILD_DIR
 #
 # Builds CACHE_DIR/initramfs.cpio.gz: a static busybox, the kernel modules of
-# vivid and vgem with everything they depend on, marlo_capture_demo from
-# BUILD_DIR with every shared library it loads, and the init script.
+# virtio-gpu (with the virtio PCI transport), vivid and vgem with everything
+# they depend on, the demo programs from BUILD_DIR with every shared library
+# they load, and the init script. virtio-gpu loads before vgem, so it is
+# /dev/dri/card0 and vgem /dev/dri/card1.
 # CACHE_DIR holds the kernel that scripts/vm/fetch.sh unpacked.
 set -euo pipefail
 
@@ -15,7 +17,8 @@ version=$(cat "$cache/kernel-version")
 modules_dir="$cache/kernel/lib/modules/$version"
 root="$cache/root"
 
-for file in "$build/bin/marlo_capture_demo" "$build/nax/libnax.so" "$modules_dir"; do
+programs=("$build/bin/marlo_capture_demo" "$build/bin/marlo_rearview")
+for file in "${programs[@]}" "$build/nax/libnax.so" "$modules_dir"; do
     if [ ! -e "$file" ]; then
         echo "vm: $file is missing (build the project and run fetch.sh first)" >&2
         exit 1
@@ -59,6 +62,8 @@ visit() {
     done
     order+=("$name")
 }
+visit virtio_pci
+visit virtio_gpu
 visit vivid
 visit vgem
 
@@ -68,11 +73,11 @@ for name in "${order[@]}"; do
     echo "$name.ko" >>"$root/lib/modules/modules.order"
 done
 
-# The demo, the library, the 2D engine it loads at run time, and every
+# The demos, the library, the 2D engine it loads at run time, and every
 # library those need, at the path the dynamic loader looks for it.
-cp "$build/bin/marlo_capture_demo" "$root/opt/marlo/bin/"
+cp "${programs[@]}" "$root/opt/marlo/bin/"
 cp -P "$build"/lib/libmarlo*.so* "$build"/nax/libnax.so* "$root/opt/marlo/lib/"
-for binary in "$build/bin/marlo_capture_demo" "$build"/lib/libmarlo*.so.*.* "$build/nax/libnax.so"; do
+for binary in "${programs[@]}" "$build"/lib/libmarlo*.so.*.* "$build/nax/libnax.so"; do
     LD_LIBRARY_PATH="$build/lib:$build/nax" ldd "$binary" |
         sed -n 's/.*=> \(\/[^ ]*\) .*/\1/p; s/^\t\(\/[^ ]*\) .*/\1/p'
 done | sort -u | while read -r library; do

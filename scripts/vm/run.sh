@@ -5,10 +5,14 @@
 # mkinitramfs.sh in QEMU, runs COMMAND (a busybox sh command line) inside,
 # with the serial console on standard output, and exits with COMMAND's
 # status (124 when the VM timed out, 125 when it ended without a status).
+# The machine has a virtio-gpu display (no window) and no network.
 #
 # Environment: MARLO_VM_CACHE (default build/vm-cache), MARLO_VM_TIMEOUT
 # seconds (default 300), MARLO_VM_MEMORY (default 1G), MARLO_VM_KVM=0 to
-# force the emulator even when /dev/kvm is usable.
+# force the emulator even when /dev/kvm is usable, MARLO_VM_OVERLAYS (more
+# initramfs archives, unpacked over the first one in the order given),
+# MARLO_VM_MONITOR=PATH (QEMU's monitor on the FIFOs PATH.in and PATH.out,
+# which the caller makes).
 set -euo pipefail
 
 if [ $# -eq 0 ]; then
@@ -42,7 +46,15 @@ trap cleanup EXIT
 mkdir "$work/extra"
 printf '%s\n' "$*" >"$work/extra/run-command"
 (cd "$work/extra" && echo run-command | cpio -o -H newc --quiet) | gzip -1 >"$work/command.cpio.gz"
-cat "$initramfs" "$work/command.cpio.gz" >"$work/initramfs.cpio.gz"
+# shellcheck disable=SC2086 # a list of paths
+cat "$initramfs" ${MARLO_VM_OVERLAYS:-} "$work/command.cpio.gz" >"$work/initramfs.cpio.gz"
+
+display=(-vga none -device virtio-gpu-pci)
+monitor=()
+if [ -n "${MARLO_VM_MONITOR:-}" ]; then
+    # shellcheck disable=SC2054 # commas separate QEMU's sub-options
+    monitor=(-chardev "pipe,id=monitor,path=$MARLO_VM_MONITOR" -mon chardev=monitor,mode=readline)
+fi
 
 # boot BOOT_LIMIT ACCEL...: runs QEMU with the given accelerator options;
 # kills it when the guest is not up after BOOT_LIMIT seconds.
@@ -56,6 +68,7 @@ boot() {
         timeout "$timeout_s" qemu-system-x86_64 \
             "$@" -m "$memory" -smp 2 \
             -nographic -no-reboot -nic none -pidfile "$work/qemu.pid" \
+            "${display[@]}" "${monitor[@]}" \
             -kernel "$kernel" -initrd "$work/initramfs.cpio.gz" \
             -append "console=ttyS0 quiet loglevel=3 panic=-1 rdinit=/init" </dev/null ||
             status=$?

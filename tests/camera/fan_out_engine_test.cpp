@@ -23,8 +23,8 @@
 #include "marlo/camera/hal_camera.h"
 #include "marlo/camera/virtual_camera.h"
 #include "support/fd_count.h"
+#include "support/fence_timeline.h"
 #include "support/log_capture.h"
-#include "support/sw_sync.h"
 #include "sync_recorder.h"
 
 using namespace camera_test;
@@ -317,15 +317,15 @@ TEST_F(FanOutEngineTest, ANegativeFenceLeavesTheBuffersEarlierFence) {
     vc->stopVideoStream();
 }
 
-TEST_F(FanOutEngineTest, RealSyncFilesFromTheSoftwareTimeline) {
-    UniqueFd timeline(open(marlo_test::kSwSync, O_RDWR | O_CLOEXEC));
-    if (!timeline.isValid())
-        GTEST_SKIP() << marlo_test::kSwSync << " unavailable (" << strerror(errno)
-                     << "): needs debugfs and CONFIG_SW_SYNC";
-    UniqueFd fence(marlo_test::CreateFence(timeline.get(), 1));
+TEST_F(FanOutEngineTest, RealSyncFilesFromAKernelTimeline) {
+    std::string reason;
+    std::unique_ptr<marlo_test::FenceTimeline> timeline = marlo_test::FenceTimeline::Open(&reason);
+    if (!timeline)
+        GTEST_SKIP() << reason;
+    SCOPED_TRACE(timeline->Kind());
+    UniqueFd fence(timeline->CreateFence(1));
     ASSERT_TRUE(fence.isValid());
-    __u32 step = 1;
-    ASSERT_EQ(ioctl(timeline.get(), SW_SYNC_IOC_INC, &step), 0);
+    ASSERT_TRUE(timeline->Advance(1));
     HandOutFences(fence.get());
     auto vc = Client(1);
     MemFrame a(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);

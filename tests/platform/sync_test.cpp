@@ -2,24 +2,17 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/types.h>
 #include <sys/eventfd.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <string.h>
 #include <chrono>
+#include <memory>
+#include <string>
 
-#include "support/sw_sync.h"
+#include "support/fence_timeline.h"
 
 using namespace std::chrono_literals;
-
-namespace {
-
-using marlo_test::CreateFence;
-using marlo_test::kSwSync;
-
-}  // namespace
 
 TEST(Sync, MergingDescriptorsThatAreNoFencesFails) {
     int a = eventfd(0, EFD_CLOEXEC);
@@ -73,14 +66,15 @@ TEST(Sync, WaitingOnAnInvalidDescriptorFails) {
     EXPECT_EQ(errno, EINVAL);
 }
 
-TEST(Sync, RealFencesFromTheSoftwareTimeline) {
-    int timeline = open(kSwSync, O_RDWR | O_CLOEXEC);
-    if (timeline < 0)
-        GTEST_SKIP() << kSwSync << " unavailable (" << strerror(errno)
-                     << "): needs debugfs and CONFIG_SW_SYNC";
+TEST(Sync, RealFencesFromAKernelTimeline) {
+    std::string reason;
+    std::unique_ptr<marlo_test::FenceTimeline> timeline = marlo_test::FenceTimeline::Open(&reason);
+    if (!timeline)
+        GTEST_SKIP() << reason;
+    SCOPED_TRACE(timeline->Kind());
 
-    int first = CreateFence(timeline, 1);
-    int second = CreateFence(timeline, 2);
+    int first = timeline->CreateFence(1);
+    int second = timeline->CreateFence(2);
     ASSERT_GE(first, 0);
     ASSERT_GE(second, 0);
     int merged = sync_merge("merged", first, second);
@@ -90,19 +84,17 @@ TEST(Sync, RealFencesFromTheSoftwareTimeline) {
     EXPECT_EQ(sync_wait(first, 10), -1);
     EXPECT_EQ(errno, ETIME);
 
-    __u32 step = 1;
-    ASSERT_EQ(ioctl(timeline, SW_SYNC_IOC_INC, &step), 0);
+    ASSERT_TRUE(timeline->Advance(1));
     EXPECT_EQ(sync_wait(first, 100), 0);
     errno = 0;
     EXPECT_EQ(sync_wait(merged, 10), -1);  // waits for the second fence as well
     EXPECT_EQ(errno, ETIME);
 
-    ASSERT_EQ(ioctl(timeline, SW_SYNC_IOC_INC, &step), 0);
+    ASSERT_TRUE(timeline->Advance(1));
     EXPECT_EQ(sync_wait(merged, 100), 0);
     EXPECT_EQ(sync_wait(second, 0), 0);
 
     close(merged);
     close(second);
     close(first);
-    close(timeline);
 }
