@@ -1,26 +1,14 @@
 /*
- * Pieces of the stream event suites: a listener that records every event
- * with the thread it arrived on and waits (bounded) for the events a test
- * expects, the process's CPU time, and a fixture with one fake capture node.
+ * Pieces of the stream event suites: the event recorder and CPU time of the
+ * shared test support, and a fixture with one fake capture node.
  */
 #pragma once
 
-#include <dirent.h>
 #include <linux/videodev2.h>
-#include <stdlib.h>
-#include <sys/types.h>
-#include <time.h>
 
-#include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <fstream>
-#include <functional>
-#include <mutex>
-#include <sstream>
+#include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "camera/camera_test_util.h"
 #include "fake_v4l2.h"
@@ -28,126 +16,17 @@
 #include "marlo/stream/v4l2_stream.h"
 #include "stream/stream_registry_access.h"
 #include "stream_test_util.h"
+#include "support/process_stats.h"
+#include "support/stream_event_log.h"
 
 namespace stream_test {
 
 using tessaro::marlo::StreamEvent;
 using tessaro::marlo::StreamEventType;
 
-class EventLog {
-  public:
-    /* The listener; \a also runs after recording, on the event thread. */
-    tessaro::marlo::StreamEventListener listener(
-        std::function<void(const StreamEvent&)> also = nullptr) {
-        return [this, also](const StreamEvent& event) {
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                events_.push_back(event);
-                threads_.push_back(std::this_thread::get_id());
-                cond_.notify_all();
-            }
-            if (also)
-                also(event);
-        };
-    }
-
-    /* Waits until \a count events of \a type have arrived in all. */
-    bool waitFor(StreamEventType type, size_t count = 1) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return cond_.wait_for(lock, camera_test::kWait, [&] { return countLocked(type) >= count; });
-    }
-
-    size_t count(StreamEventType type) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return countLocked(type);
-    }
-
-    /* The first event of \a type (a default one when there is none). */
-    StreamEvent first(StreamEventType type) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const StreamEvent& event : events_)
-            if (event.type == type)
-                return event;
-        return StreamEvent();
-    }
-
-    std::vector<StreamEventType> types() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        std::vector<StreamEventType> out;
-        for (const StreamEvent& event : events_)
-            out.push_back(event.type);
-        return out;
-    }
-
-    std::vector<StreamEvent> events() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return events_;
-    }
-
-    std::vector<std::thread::id> threads() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return threads_;
-    }
-
-    /* "StreamStarted DeviceLost ..." for failure messages. */
-    std::string dump() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        std::ostringstream out;
-        for (const StreamEvent& event : events_)
-            out << tessaro::marlo::StreamEventTypeName(event.type) << "(" << event.status << ","
-                << event.systemError << ") ";
-        return out.str();
-    }
-
-  private:
-    size_t countLocked(StreamEventType type) const {
-        return static_cast<size_t>(
-            std::count_if(events_.begin(), events_.end(),
-                          [type](const StreamEvent& e) { return e.type == type; }));
-    }
-
-    std::mutex mutex_;
-    std::condition_variable cond_;
-    std::vector<StreamEvent> events_;
-    std::vector<std::thread::id> threads_;
-};
-
-/* CPU time of the whole process so far, in milliseconds. */
-inline double ProcessCpuMs() {
-    timespec now = {};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
-}
-
-/* CPU time so far of every thread of this process named \a name, in milliseconds. */
-inline double ThreadCpuMs(const std::string& name) {
-    double total = 0;
-    DIR* dir = opendir("/proc/self/task");
-    if (!dir)
-        return total;
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] == '.')
-            continue;
-        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-        std::string thread;
-        std::getline(comm, thread);
-        if (thread != name)
-            continue;
-        /* The kernel's per-thread CPU clock, as pthread_getcpuclockid builds it. */
-        const pid_t tid = static_cast<pid_t>(atoi(entry->d_name));
-        const clockid_t clock = static_cast<clockid_t>((~static_cast<unsigned>(tid) << 3) | 6);
-        timespec used = {};
-        if (clock_gettime(clock, &used) == 0)
-            total +=
-                static_cast<double>(used.tv_sec) * 1e3 + static_cast<double>(used.tv_nsec) / 1e6;
-    }
-    closedir(dir);
-    return total;
-}
-
-}  // namespace stream_test
-
-namespace stream_test {
+using EventLog = marlo_test::StreamEventLog;
+using marlo_test::ProcessCpuMs;
+using marlo_test::ThreadCpuMs;
 
 /*
  * A fake capture node at camera_test::kNode0 and 64x48 NV12 clients over
