@@ -8,8 +8,11 @@
  *  - 10 when either side is YUV (rounding of the fixed-point matrices on
  *    both sides and chroma averaged over 2x1 or 2x2 blocks of a ramp);
  *  - plus 8 with RGB_565 (5/6-bit channels) and 12 with Y4 (16 levels).
+ * The same tolerances hold for libyuv's portable C rows, its x86 SIMD rows
+ * and its arm64 NEON rows; which ones run is pinned below.
  */
 #include <gtest/gtest.h>
+#include <libyuv/cpu_id.h>
 
 #include <cstring>
 
@@ -82,6 +85,18 @@ void CheckPair(int s, int d, const Size& size, TestBuffer::Backing backing) {
         }
         EXPECT_LE(worst, tol) << "worst at " << wx << "," << wy;
     }
+}
+
+/* The golden pairs check the SIMD rows libyuv picks on this machine: NEON
+ * on arm64 (always present there), SSE2 at least on x86-64. */
+TEST(Golden, LibyuvRunsItsSimdRowsHere) {
+#if defined(__aarch64__)
+    EXPECT_NE(0, libyuv::TestCpuFlag(libyuv::kCpuHasNEON));
+#elif defined(__x86_64__)
+    EXPECT_NE(0, libyuv::TestCpuFlag(libyuv::kCpuHasSSE2));
+#else
+    GTEST_SKIP() << "no SIMD expectation for this architecture";
+#endif
 }
 
 class GoldenPair : public ::testing::TestWithParam<int> {};
