@@ -12,16 +12,8 @@ cd "$(dirname "$0")/.."
 
 build=${MARLO_DEMO_BUILD_DIR:-build-demo}
 cache="$build/vm-cache"
-started=$(date +%s)
-phase_start=$started
-timings=""
-# phase NAME: adds the time since the previous phase to the summary.
-phase() {
-    local now
-    now=$(date +%s)
-    timings="$timings $1 $((now - phase_start)) s,"
-    phase_start=$now
-}
+# shellcheck source=scripts/phases.sh
+source scripts/phases.sh
 
 scripts/setup.sh
 scripts/vm/fetch.sh "$cache"

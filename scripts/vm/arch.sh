@@ -1,3 +1,5 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2034 # the sourcing scripts read these
 # Sourced by the VM scripts: what differs between the machines they boot.
 #
 # MARLO_VM_ARCH chooses the guest: amd64 (default; KVM when usable, else

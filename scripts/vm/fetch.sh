@@ -71,7 +71,7 @@ version=${image#linux-image-}
 fetch() {
     local package=$1 dir=$2
     echo "vm: fetching $(vm_package "$package")"
-    rm -rf "$cache/deb" "$cache/$dir"
+    rm -rf "$cache/deb" "${cache:?}/${dir:?}"
     mkdir -p "$cache/deb"
     # apt's sandbox user may not write here; the download still works.
     if ! (cd "$cache/deb" && apt-get download -q "$(vm_package "$package")" 2>&1) |
