@@ -10,7 +10,7 @@ set -euo pipefail
 
 PACKAGES=(
     build-essential cmake ninja-build pkg-config git ccache
-    clang-format clang libc++-dev libc++abi-dev blueprint-tools
+    clang-format clang blueprint-tools
     libtinyxml2-dev libdrm-dev libyuv-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     linux-libc-dev

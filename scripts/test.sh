@@ -6,7 +6,7 @@
 # MARLO_SANITIZE_TESTS=1 and MARLO_TSAN_TESTS=1 ask for them.
 # Always: the arm64 cross build (release) with its unit suites inside an
 # emulated arm64 machine (MARLO_ARM64_TESTS=0 skips it outside CI), the
-# vendor build's checks (Android.bp formatting, a clang + libc++ build with
+# vendor build's checks (Android.bp formatting, a clang build with
 # -Wthread-safety) and the release build's suites.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -63,7 +63,7 @@ if [ "$ARM64" = "1" ]; then
     phase arm64-suites
 fi
 
-echo "== vendor build checks: Android.bp format, clang + libc++ with -Wthread-safety =="
+echo "== vendor build checks: Android.bp format, clang with -Wthread-safety =="
 bpfmt_diff=$(bpfmt -d Android.bp)
 if [ -n "$bpfmt_diff" ]; then
     echo "$bpfmt_diff"
