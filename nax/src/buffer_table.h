@@ -49,6 +49,14 @@
 #include <thread>
 #include <utility>
 
+/* The fork handlers take the table's lock in one call and release it in
+ * another, which clang's -Wthread-safety cannot follow. */
+#if defined(__clang__)
+#define NAX_NO_THREAD_SAFETY_ANALYSIS __attribute__((no_thread_safety_analysis))
+#else
+#define NAX_NO_THREAD_SAFETY_ANALYSIS
+#endif
+
 namespace nax {
 
 /* A shared CPU mapping of a whole file. */
@@ -100,9 +108,9 @@ class BufferTable {
     void StopReaper();
     /* fork() handlers: the child has no reaper thread and must not join
      * the parent's. */
-    void BeforeFork();
-    void AfterForkInParent();
-    void AfterForkInChild();
+    void BeforeFork() NAX_NO_THREAD_SAFETY_ANALYSIS;
+    void AfterForkInParent() NAX_NO_THREAD_SAFETY_ANALYSIS;
+    void AfterForkInChild() NAX_NO_THREAD_SAFETY_ANALYSIS;
 
   private:
     using Key = std::pair<dev_t, ino_t>;
