@@ -21,6 +21,7 @@
 
 #include <libyuv.h>
 
+#include "argb_scale.h"
 #include "convert.h"
 #include "log.h"
 
@@ -159,9 +160,11 @@ int DirectScale(const Surface& src, const Rect& sr, const Surface& dst, const Re
         return libyuv::I420Scale(s.p[0], s.stride[0], s.p[1], s.stride[1], s.p[2], s.stride[2],
                                  sr.w, sr.h, d.p[0], d.stride[0], d.p[1], d.stride[1], d.p[2],
                                  d.stride[2], dr.w, dr.h, fm);
-    if (IsArgbLike(f))
-        return libyuv::ARGBScale(s.p[0], s.stride[0], sr.w, sr.h, d.p[0], d.stride[0], dr.w, dr.h,
-                                 fm);
+    if (IsArgbLike(f)) {
+        ScaleArgbRows(s.p[0], s.stride[0], sr.w, sr.h, d.p[0], d.stride[0], dr.w, dr.h, filter, 0,
+                      dr.h);
+        return 0;
+    }
     if (f->code == NAX_FORMAT_Y8) {
         libyuv::ScalePlane(s.p[0], s.stride[0], sr.w, sr.h, d.p[0], d.stride[0], dr.w, dr.h, fm);
         return 0;
@@ -224,7 +227,7 @@ std::unique_ptr<WorkImage> Scale(const View& in, int w, int h, Filter filter) {
     const View& o = out->view();
     const libyuv::FilterMode fm = ToLibyuv(filter);
     if (in.mid == Mid::Argb)
-        libyuv::ARGBScale(in.p[0], in.stride[0], in.w, in.h, o.p[0], o.stride[0], w, h, fm);
+        ScaleArgbRows(in.p[0], in.stride[0], in.w, in.h, o.p[0], o.stride[0], w, h, filter, 0, h);
     else
         libyuv::I420Scale(in.p[0], in.stride[0], in.p[1], in.stride[1], in.p[2], in.stride[2], in.w,
                           in.h, o.p[0], o.stride[0], o.p[1], o.stride[1], o.p[2], o.stride[2], w, h,
