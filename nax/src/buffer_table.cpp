@@ -53,13 +53,16 @@ uint64_t FileSize(int fd, const struct stat& st) {
 }  // namespace
 
 std::shared_ptr<Mapping> BufferTable::MapFile(int fd, Key key, uint64_t size) {
+    /* Pages are faulted in here, at import, rather than by the first job:
+     * a buffer imported when it is lent costs its first frame no more
+     * than any later one. */
     bool writable = true;
-    void* addr = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void* addr = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, 0);
     if (addr == MAP_FAILED && (errno == EACCES || errno == EPERM)) {
         /* Read-only memory (a read-only descriptor, a sealed memfd) can
          * still be a source. */
         writable = false;
-        addr = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+        addr = mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0);
     }
     if (addr == MAP_FAILED) {
         NAX_LOGE("import fd %d: mmap of %llu bytes failed: %s", fd,

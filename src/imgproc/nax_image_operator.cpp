@@ -280,6 +280,36 @@ void NaxImageOperator::releaseHandle(uint32_t handle) const {
     nax_ops_->releaseHandle(handle);
 }
 
+NaxBufferHold NaxImageOperator::holdBuffer(const ImageBuffer& buffer) const {
+    NaxOps* ops = nax_ops_.get();
+    if (!ops || !ops->releaseHandle) {
+        /* An import that cannot be given back is not taken. */
+        marlo_log(MARLO_LOG_ERROR, kHdlTag, "%s : Not implemented, fd %d not held", __func__,
+                  buffer.fd);
+        return NaxBufferHold();
+    }
+    if (!nax_is_buffer_valid(buffer)) {
+        marlo_log(MARLO_LOG_ERROR, kHdlTag, "%s : the buffer names no memory", __func__);
+        return NaxBufferHold();
+    }
+    nax_import_param_t param{static_cast<uint32_t>(buffer.width),
+                             static_cast<uint32_t>(buffer.height),
+                             static_cast<uint32_t>(WrapFormat(buffer.format))};
+    const uint32_t handle = ImportHandle(*ops, buffer, &param);
+    if (handle == 0) {
+        marlo_log(MARLO_LOG_ERROR, kHdlTag, "%s : import failed, fd %d not held", __func__,
+                  buffer.fd);
+        return NaxBufferHold();
+    }
+    return NaxBufferHold(handle);
+}
+
+void NaxImageOperator::releaseHeld(uint32_t handle) {
+    NaxOps* ops = nax_ops_.get();
+    if (ops && ops->releaseHandle)
+        ops->releaseHandle(handle);
+}
+
 void NaxImageOperator::releaseUncached(uint32_t first, uint32_t second) const {
     /* A cached handle lives until the operator goes; an uncached one only for its job. */
     if (cache_->enabled)
