@@ -13,8 +13,8 @@
  * a buffer for as long as the buffer is in use (the operator's
  * NaxBufferHold, taken when a client lends the buffer) therefore keeps it
  * mapped at any number of buffers, and every import of it in between is a
- * lookup. Mappings are made with MAP_POPULATE, so the pages are present
- * from the import on.
+ * lookup. New mappings are faulted in at once (for writing where they are
+ * writable), so the pages are present and writable from the import on.
  *
  * When the last handle of a mapping goes it turns idle, because the next
  * frame will most likely import the same memory again (a caller that holds
