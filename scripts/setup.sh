@@ -9,6 +9,9 @@ PACKAGES=(
     libtinyxml2-dev libdrm-dev libyuv-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     linux-libc-dev
+    # The converters the engine is benchmarked against (bench/peer_bench).
+    libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libunwind-dev
+    libswscale-dev libavutil-dev
 )
 
 missing=()
