@@ -51,12 +51,19 @@
 #include "marlo/buffer/frame_buffer.h"
 #include "marlo/stream/v4l2_stream.h"
 
+#include "bench_clock.h"
+
 using tessaro::marlo::DmaFrameBuffer;
 using tessaro::marlo::FourccFormat;
 using tessaro::marlo::FrameBuffer;
 using tessaro::marlo::FrameBufferInfo;
 using tessaro::marlo::V4l2Stream;
 using FrameSet = std::vector<std::shared_ptr<FrameBuffer>>;
+
+using bench::Median;
+using bench::ProcessCpuMicros;
+using bench::ThreadCpuMicros;
+using bench::WallMicros;
 
 namespace {
 
@@ -65,31 +72,6 @@ constexpr int kWidth = 1920;
 constexpr int kHeight = 1080;
 constexpr unsigned kCaptureBuffers = 3; /* the camera's capture ring */
 constexpr auto kWait = std::chrono::seconds(30);
-
-double ThreadCpuMicros() {
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return ts.tv_sec * 1e6 + ts.tv_nsec / 1e3;
-}
-
-double ProcessCpuMicros() {
-    timespec ts;
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return ts.tv_sec * 1e6 + ts.tv_nsec / 1e3;
-}
-
-double WallMicros() {
-    return std::chrono::duration<double, std::micro>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-double Median(std::vector<double> v) {
-    if (v.empty())
-        return 0;
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
 
 size_t FrameBytes(uint32_t fourcc, int w, int h) {
     return fourcc == V4L2_PIX_FMT_NV12 ? static_cast<size_t>(w) * h * 3 / 2

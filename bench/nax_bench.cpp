@@ -44,10 +44,17 @@
 
 #include "marlo/imgproc/nax_image_operator.h"
 
+#include "bench_clock.h"
+
 using tessaro::marlo::ImageBuffer;
 using tessaro::marlo::ImageRect;
 using tessaro::marlo::NaxBufferHold;
 using tessaro::marlo::NaxImageOperator;
+
+using bench::Median;
+using bench::ProcessCpuMicros;
+using bench::ThreadCpuMicros;
+using bench::WallMicros;
 
 namespace {
 
@@ -267,17 +274,6 @@ void BM_Operator(benchmark::State& state, const Case& c) {
     Finish(state, c);
 }
 
-double ThreadCpuMicros() {
-    struct timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return ts.tv_sec * 1e6 + ts.tv_nsec / 1e3;
-}
-
-double Median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
 /*
  * libyuv, the engine and the operator cycle measured in turns within one
  * loop, in an order that rotates every iteration, so that the load of a
@@ -376,12 +372,6 @@ void BM_MmapTouchMunmap(benchmark::State& state) {
     }
 }
 
-double WallMicros() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1e6 + ts.tv_nsec / 1e3;
-}
-
 /*
  * The engine's job on one thread and on two, in turns within one loop (the
  * order swaps every iteration), by wall time: the speed-up of one job from
@@ -393,13 +383,25 @@ void BM_Threads(benchmark::State& state, const Case& c) {
     const uint32_t hd = nax_import_fd(p.dst->fd(), nullptr);
     const nax_buffer_t s = nax_wrap_handle(hs, c.srcW, c.srcH, c.srcW, c.srcH, c.srcNax);
     const nax_buffer_t d = nax_wrap_handle(hd, c.dstW, c.dstH, c.dstW, c.dstH, c.dstNax);
+    /* CPU time of the calling thread and of the process (the workers'
+     * share is the difference) over the two-thread runs. */
+    std::vector<double> caller;
+    std::vector<double> helpers;
     auto run = [&](int threads) {
         nax_sw_set_job_threads(threads);
         int fence = -1;
+        const double cpu0 = ThreadCpuMicros();
+        const double all0 = ProcessCpuMicros();
         const double t0 = WallMicros();
         nax_process(s, d, nax_buffer_t{}, nax_rect{}, nax_rect{}, nax_rect{}, -1, &fence, nullptr,
                     NAX_USAGE_SYNC | c.transform);
-        return WallMicros() - t0;
+        const double wall = WallMicros() - t0;
+        if (threads == 2) {
+            const double own = ThreadCpuMicros() - cpu0;
+            caller.push_back(own);
+            helpers.push_back(ProcessCpuMicros() - all0 - own);
+        }
+        return wall;
     };
     run(2);
     if (!SameAsLibyuv(c, *p.dst, *p.src)) {
@@ -423,6 +425,8 @@ void BM_Threads(benchmark::State& state, const Case& c) {
     state.counters["one_thread_us"] = one;
     state.counters["two_threads_us"] = two;
     state.counters["speedup"] = one / two;
+    state.counters["caller_cpu_us"] = Median(caller);
+    state.counters["helper_cpu_us"] = Median(helpers);
 }
 
 /* A full-HD client buffer nobody mapped yet, as a fresh gralloc buffer. */

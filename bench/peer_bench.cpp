@@ -34,7 +34,12 @@
 extern "C" {
 #include <libavutil/pixfmt.h>
 #include <libswscale/swscale.h>
+
+#include "bench_clock.h"
 }
+
+using bench::Median;
+using bench::ThreadCpuMicros;
 
 namespace {
 
@@ -247,17 +252,6 @@ void WriteScene(const Case& c, std::vector<uint8_t>& src) {
             }
         }
     }
-}
-
-double ThreadCpuMicros() {
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return ts.tv_sec * 1e6 + ts.tv_nsec / 1e3;
-}
-
-double Median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
 }
 
 /* Largest and mean difference of every byte from the reference. */

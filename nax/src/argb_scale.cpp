@@ -61,6 +61,17 @@ Tap TapAt(int64_t start, int64_t step, int i, int size, int bits) {
     return Tap{index, weight};
 }
 
+/* The taps of every output column. */
+std::vector<Tap> ColumnTaps(int sw, int dw) {
+    int64_t start;
+    int64_t step;
+    Slope(sw, dw, &start, &step);
+    std::vector<Tap> taps(static_cast<size_t>(dw));
+    for (int i = 0; i < dw; i++)
+        taps[static_cast<size_t>(i)] = TapAt(start, step, i, sw, 7);
+    return taps;
+}
+
 /* One output pixel: each channel (a * (128 - w) + b * w + 64) / 128. */
 inline void BlendPixel(const uint8_t* pair, int w, uint8_t* out) {
     for (int c = 0; c < 4; c++)
@@ -84,18 +95,12 @@ struct ColumnWeights {
 };
 
 ColumnWeights MakeColumns(int sw, int dw) {
-    int64_t start;
-    int64_t step;
-    Slope(sw, dw, &start, &step);
     ColumnWeights cols;
-    cols.index.resize(static_cast<size_t>(dw));
-    cols.weights.resize(static_cast<size_t>(dw));
-    for (int i = 0; i < dw; i++) {
-        const Tap t = TapAt(start, step, i, sw, 7);
+    for (const Tap& t : ColumnTaps(sw, dw)) {
         const uint16_t b = static_cast<uint16_t>(t.weight);
         const uint16_t a = static_cast<uint16_t>(128 - t.weight);
-        cols.index[static_cast<size_t>(i)] = t.index;
-        cols.weights[static_cast<size_t>(i)] = U16x8{a, a, a, a, b, b, b, b};
+        cols.index.push_back(t.index);
+        cols.weights.push_back(U16x8{a, a, a, a, b, b, b, b});
     }
     return cols;
 }
@@ -129,14 +134,7 @@ struct ColumnWeights {
 };
 
 ColumnWeights MakeColumns(int sw, int dw) {
-    int64_t start;
-    int64_t step;
-    Slope(sw, dw, &start, &step);
-    ColumnWeights cols;
-    cols.taps.resize(static_cast<size_t>(dw));
-    for (int i = 0; i < dw; i++)
-        cols.taps[static_cast<size_t>(i)] = TapAt(start, step, i, sw, 7);
-    return cols;
+    return ColumnWeights{ColumnTaps(sw, dw)};
 }
 
 void FilterColumns(const uint8_t* row, const ColumnWeights& cols, uint8_t* out, int dw) {

@@ -36,8 +36,9 @@ for tree in "" -before; do
     extract "$results/first$tree.csv" '^FirstFrame/' name wall_us | sed 's/^/  /'
 done
 if [ -f "$results/threads.csv" ]; then
-    echo "one job on one and two threads (us, median wall):"
-    extract "$results/threads.csv" '^Threads/' name one_thread_us two_threads_us speedup |
+    echo "one job on one and two threads (us: median wall; on two, CPU of the caller and workers):"
+    extract "$results/threads.csv" '^Threads/' name one_thread_us two_threads_us speedup \
+        caller_cpu_us helper_cpu_us |
         sed 's/^/  /'
 fi
 if [ -f "$results/paired.csv" ]; then
