@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Usage: scripts/bench/plot.sh RESULTS_DIR OUT.png
 #
-# Plots the per-frame cost against lent buffers: fanout_bench's Fanout runs
-# through V4l2Stream (fanout.csv, and fanout-before.csv when present), and
-# beside them nax_bench's jobs into N held and unheld buffers (holds.csv).
+# Plots the per-frame cost against lent buffers: the process's CPU time per
+# frame and client of fanout_bench's Fanout runs through V4l2Stream
+# (fanout.csv), and beside them nax_bench's jobs into N held and unheld
+# buffers (holds.csv). CPU time, because wall times on a shared machine
+# carry the wait for a core.
 set -euo pipefail
 results=$1
 out=$2
@@ -17,7 +19,7 @@ for format in NV12 RGBA; do
     for which in fanout fanout-before; do
         [ -f "$results/$which.csv" ] || continue
         for sets in 1 2 3 4; do
-            extract "$results/$which.csv" "^Fanout/$format/.*sets:$sets/" lent_buffers wall_us \
+            extract "$results/$which.csv" "^Fanout/$format/.*sets:$sets/" lent_buffers cpu_us \
                 clients | sort -n >"$data/$which-$format-$sets.dat"
         done
     done
@@ -38,7 +40,7 @@ set multiplot layout 2,2 title "Per-frame cost against lent buffers (full HD, th
 set grid
 set key top left
 set xlabel "lent client buffers (clients x sets)"
-set ylabel "ms per frame and client (capture to last callback / clients)"
+set ylabel "process CPU ms per frame and client"
 set xrange [0:260]
 set yrange [0:*]
 do for [f in "NV12 RGBA"] {
