@@ -262,6 +262,9 @@ TEST_F(Parallel, ConcurrentCallersEachGetTheirOwnResult) {
 /* A child forked while the workers exist has none of them; its large jobs
  * still finish, on its own threads. */
 TEST_F(Parallel, AForkedChildRunsLargeJobs) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the thread sanitizer cannot start threads in a fork child";
+#endif
     nax_sw_set_job_threads(2);
     const Job& job = Named("NV12 to RGBA");
     const std::vector<uint8_t> want = RunJob(job);
