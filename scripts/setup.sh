@@ -6,6 +6,7 @@ set -euo pipefail
 PACKAGES=(
     build-essential cmake ninja-build pkg-config git ccache
     clang-format
+    clang libclang-rt-14-dev libfuzzer-14-dev llvm
     libtinyxml2-dev libdrm-dev libyuv-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     linux-libc-dev
