@@ -5,19 +5,22 @@
  * (nax_process and the single steps, whose answers are checked) or through
  * NaxImageOperator as the camera calls it (whose answers are fixed).
  *
- * Memory reached by CPU address is a heap block of exactly the bytes its
- * geometry spans, so AddressSanitizer reports any access outside it; memory
- * reached by descriptor is a memory file whose size the input chooses, which
- * the engine must check before it touches a byte.
+ * Memory reached by CPU address spans exactly the bytes its geometry needs
+ * (a heap block AddressSanitizer watches, or a block that ends at an
+ * inaccessible page for the uninstrumented libyuv); memory reached by
+ * descriptor is a memory file whose size the input chooses, which the
+ * engine must check before it touches a byte.
  */
 #include <errno.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -139,10 +142,15 @@ uint64_t Span(const Geometry& g, int engineFormat) {
     return nax::SurfaceBytes(fmt, ws, hs);
 }
 
-/* The memory behind one image, released at the end of the input. */
+/*
+ * The memory behind one image, released at the end of the input. The
+ * engine's own code is instrumented, libyuv is not: a heap block lets
+ * AddressSanitizer see the first, a block that ends at an inaccessible page
+ * (with a checked pattern before it) catches the second.
+ */
 class Memory {
   public:
-    enum class Kind { Heap, File, None };
+    enum class Kind { Heap, Guarded, File, None };
 
     Memory(FuzzedDataProvider& in, uint64_t span) {
         const int choice = in.ConsumeIntegralInRange<int>(0, 7);
@@ -151,9 +159,14 @@ class Memory {
             kind_ = Kind::None;
             return;
         }
-        if (choice <= 3 && span > 0 && span <= kMaxHeapBytes) {
+        if (choice == 1 && span > 0 && span <= kMaxHeapBytes) {
             kind_ = Kind::Heap;
             heap_.assign(span, fill);
+            return;
+        }
+        if (choice <= 3 && span > 0 && span <= kMaxHeapBytes) {
+            kind_ = Kind::Guarded;
+            MapGuarded(span, fill);
             return;
         }
         kind_ = Kind::File;
@@ -168,19 +181,46 @@ class Memory {
     ~Memory() {
         if (fd_ >= 0)
             close(fd_);
+        if (mapping_ != nullptr) {
+            for (uint8_t* p = mapping_ + page_; p < image_; ++p)
+                Check(*p == kCanary, "a write before the start of an image");
+            munmap(mapping_, mappingSize_);
+        }
     }
     Memory(const Memory&) = delete;
     Memory& operator=(const Memory&) = delete;
 
     Kind kind() const { return kind_; }
     int fd() const { return fd_; }
-    uintptr_t address() {
-        return kind_ == Kind::Heap ? reinterpret_cast<uintptr_t>(heap_.data()) : 0;
+    uintptr_t address() const {
+        if (kind_ == Kind::Heap)
+            return reinterpret_cast<uintptr_t>(heap_.data());
+        return reinterpret_cast<uintptr_t>(image_);
     }
 
   private:
+    static constexpr uint8_t kCanary = 0xC5;
+
+    /* [no access][canary ... image][no access], the image ending at the page. */
+    void MapGuarded(uint64_t span, uint8_t fill) {
+        page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        const size_t body = (span + page_ - 1) / page_ * page_;
+        mappingSize_ = body + 2 * page_;
+        void* p = mmap(nullptr, mappingSize_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        Check(p != MAP_FAILED, "guarded mapping");
+        mapping_ = static_cast<uint8_t*>(p);
+        Check(mprotect(mapping_ + page_, body, PROT_READ | PROT_WRITE) == 0, "guarded body");
+        image_ = mapping_ + page_ + body - span;
+        memset(mapping_ + page_, kCanary, body - span);
+        memset(image_, fill, span);
+    }
+
     Kind kind_ = Kind::None;
     std::vector<uint8_t> heap_;
+    uint8_t* mapping_ = nullptr;
+    size_t mappingSize_ = 0;
+    size_t page_ = 0;
+    uint8_t* image_ = nullptr;
     int fd_ = -1;
 };
 
@@ -217,7 +257,7 @@ struct EngineImage {
             kEngineFormats[in.ConsumeIntegralInRange<size_t>(0, std::size(kEngineFormats) - 1)];
         memory = std::make_unique<Memory>(in, Span(g, format));
         uint32_t handle = 0;
-        if (memory->kind() == Memory::Kind::Heap)
+        if (memory->kind() == Memory::Kind::Heap || memory->kind() == Memory::Kind::Guarded)
             handle = nax_import_vaddr(memory->address(), nullptr);
         else if (memory->kind() == Memory::Kind::File)
             handle = nax_import_fd(memory->fd(), nullptr);
