@@ -84,6 +84,7 @@ for target in "${TARGETS[@]}"; do
 
     echo "== $target: $RUN_SECONDS s =="
     TIMEFORMAT='%U %S'
+    touch "$log.start"
     set +e
     { time env MARLO_PROPERTIES= MARLO_SYSROOT= \
         "$binary" "${options[@]}" "$work" "$seeds" 2>"$log"; } 2>"$log.time"
@@ -91,11 +92,11 @@ for target in "${TARGETS[@]}"; do
     set -e
     [ "$rc" -ne 0 ] && status=1
     cpu=$(awk '{printf "%.1f", ($1 + $2) / 60}' "$log.time")
-    executions=$(awk -F: '/stat::number_of_executed_units/ {gsub(/ /, "", $2); print $2}' "$log")
-    peak=$(awk -F: '/stat::peak_rss_mb/ {gsub(/ /, "", $2); print $2}' "$log")
+    executions=$(awk '/^stat::number_of_executed_units:/ {print $2}' "$log")
+    peak=$(awk '/^stat::peak_rss_mb:/ {print $2}' "$log")
     coverage=$(grep -E '^#[0-9]+' "$log" | tail -1 |
         sed -E 's/.* cov: ([0-9]+) ft: ([0-9]+) corp: ([^ ]+).*/cov \1, ft \2, corpus \3/')
-    artifacts=$(find "$BUILD/fuzz" -maxdepth 1 -name "$target-*" | wc -l)
+    artifacts=$(find "$BUILD/fuzz" -maxdepth 1 -name "$target-*" -newer "$log.start" | wc -l)
     echo "$target: exit $rc, ${executions:-?} executions, $coverage, peak ${peak:-?} MB," \
         "$cpu CPU-minutes, $artifacts crash/leak/timeout inputs (log $log)"
     if [ "$MERGE" = 1 ]; then
