@@ -10,7 +10,7 @@ set -euo pipefail
 
 PACKAGES=(
     build-essential cmake ninja-build pkg-config git ccache
-    clang-format clang blueprint-tools
+    clang-format clang blueprint-tools libclang-rt-14-dev libfuzzer-14-dev llvm
     libtinyxml2-dev libdrm-dev libyuv-dev libpng-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     linux-libc-dev

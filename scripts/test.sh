@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Sets up the machine, builds everything and runs every test suite.
+# Sets up the machine, builds everything and runs every test suite, then
+# runs each fuzzer for a few seconds (clang; MARLO_FUZZ_TESTS=0 skips them).
 # Under CI (CI=true) warnings are errors and the unit tests also run in an
 # AddressSanitizer + UndefinedBehaviorSanitizer build and in a
 # ThreadSanitizer build with lock-order checks. Outside CI,
@@ -81,6 +82,12 @@ phase clang-thread-safety
 echo "== release build =="
 run_suite build
 phase release
+
+if [ "${MARLO_FUZZ_TESTS:-1}" != "0" ]; then
+    echo "== fuzzers (clang: address + undefined + integer checks) =="
+    scripts/fuzz.sh --smoke
+    phase fuzz
+fi
 
 echo "== real-kernel bench (QEMU: virtio-gpu, vivid, vgem) =="
 tests/vm/run.sh build

@@ -32,6 +32,8 @@ namespace {
  * images stay within a few GiB (a failed allocation answers -ENOMEM). */
 constexpr int kMaxDimension = 16384;
 constexpr int kFenceTimeoutMs = 3000;
+/* The size of memory imported by CPU address (see BufferRef). */
+constexpr uint64_t kUnknownSize = UINT64_MAX;
 
 /* A surface and the reference that keeps its memory mapped for the job. */
 struct Image {
@@ -64,10 +66,17 @@ int ResolveImage(const char* op, const char* role, const nax_buffer_t& b, int fo
         return -EINVAL;
     }
     const uint64_t bytes = SurfaceBytes(fmt, wstride, hstride);
-    if (bytes > out->ref.size) {
+    uint64_t size = out->ref.size;
+    if (size == kUnknownSize && format != b.format) {
+        /* A CPU address carries no size: the image it was wrapped as is all
+         * that is known of its extent, and cvtcolor's formats stay in it. */
+        const FormatInfo* wrapped = FindFormat(b.format);
+        size = wrapped ? SurfaceBytes(wrapped, wstride, hstride) : 0;
+    }
+    if (bytes > size) {
         NAX_LOGE("%s: %s %s %dx%d needs %llu bytes, the buffer has %llu", op, role, fmt->name,
                  wstride, hstride, static_cast<unsigned long long>(bytes),
-                 static_cast<unsigned long long>(out->ref.size));
+                 static_cast<unsigned long long>(size));
         return -EINVAL;
     }
     if (write && !out->ref.writable) {

@@ -157,9 +157,10 @@ int GrallocFrameBufferAllocator::Allocate(FrameBufferInfo& info, FrameBuffer** o
 
     buffer_handle_t handle = nullptr;
     uint32_t stride = 0;
+    /* A format without HAL code (0xFFFFFFFF) reaches the allocator as -1, which it refuses. */
+    auto halFormat = static_cast<android::PixelFormat>(FourccFormatToHalFormat(info.fourcc));
     android::status_t status = GraphicBufferAllocator::get().allocate(
-        info.width, info.height, FourccFormatToHalFormat(info.fourcc), 1, info.flags, &handle,
-        &stride, 0, kRequestorName);
+        info.width, info.height, halFormat, 1, info.flags, &handle, &stride, 0, kRequestorName);
     if (status != android::NO_ERROR) {
         marlo_log(MARLO_LOG_ERROR, kTag, "Failed to allocate buffer");
         return ERR_FAILED;

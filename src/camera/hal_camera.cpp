@@ -382,15 +382,20 @@ void HalCamera::DisownVirtualCamera(std::shared_ptr<VirtualCamera>& vc) {
         CAM_LOG(MARLO_LOG_ERROR, "Ignoring disownVirtualCamera call with null pointer");
         return;
     }
-    int id = vc->id();
-    clients_.remove([this, id](const std::weak_ptr<VirtualCamera>& entry) {
+    /*
+     * Only this client camera's own entry goes. Another entry with the same
+     * id is the client that replaced this one: it stays and keeps streaming.
+     */
+    const VirtualCamera* own = vc.get();
+    clients_.remove([this, own](const std::weak_ptr<VirtualCamera>& entry) {
         std::shared_ptr<VirtualCamera> client = entry.lock();
         if (!client) {
             CAM_LOG(MARLO_LOG_WARN, "WARNING! deleting orphan virtual camera!");
             return true;
         }
-        return client->id() == id;
+        return client.get() == own;
     });
+    int id = vc->id();
     CAM_LOG(MARLO_LOG_INFO, "remove virtual camera %d, size %d\n", id,
             static_cast<int>(clients_.size()));
 }

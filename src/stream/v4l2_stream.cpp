@@ -2,7 +2,11 @@
 
 #include <string.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <map>
+#include <optional>
+#include <thread>
 
 #include <marlo/base/error.h>
 #include <marlo/base/logger.h>
@@ -122,6 +126,83 @@ const GlobalCameraConfig::CameraParam* FindCameraParam(
     return &channels[static_cast<size_t>(src->channelId)].cameraParam;
 }
 
+/*
+ * What the registry keeps of a device beside its camera, under the registry
+ * mutex. An open attaches its client camera outside the lock, so a close
+ * that finds the client list empty cannot tell from the list alone that an
+ * open has found the camera and is about to attach: it also checks that no
+ * open is attaching and that none found the camera since it looked. A
+ * camera that left the registry is shut and released outside the lock;
+ * opens of its device wait for that, so that two cameras never hold one
+ * device at once.
+ */
+struct DeviceUse {
+    /* Opens between finding the camera and attaching their client camera. */
+    int attaching = 0;
+    /* Opens that found or made the camera, ever. */
+    uint64_t opens = 0;
+    /* Left the registry; being shut and released by the close that erased it. */
+    bool retiring = false;
+};
+
+std::unordered_map<std::string, DeviceUse> g_device_uses;
+std::condition_variable g_device_retired;
+
+bool Retiring(const std::string& deviceId) {
+    auto it = g_device_uses.find(deviceId);
+    return it != g_device_uses.end() && it->second.retiring;
+}
+
+/* The opens of \a deviceId so far, or nothing while one is attaching. Registry mutex held. */
+std::optional<uint64_t> SettledOpens(const std::string& deviceId) {
+    auto it = g_device_uses.find(deviceId);
+    if (it == g_device_uses.end())
+        return 0;
+    if (it->second.attaching != 0)
+        return std::nullopt;
+    return it->second.opens;
+}
+
+enum class Unregistering {
+    kErased,   /* this camera left the registry and is retiring */
+    kKept,     /* an open found it meanwhile: it stays for that client */
+    kNotThere, /* the registry holds no entry, or another camera, for the device */
+};
+
+/*
+ * Erases \a hal's entry unless an open found it since \a settled was read
+ * (with its client list then found empty). Registry mutex held.
+ */
+Unregistering Unregister(std::unordered_map<std::string, std::shared_ptr<HalCamera>>& registry,
+                         const std::shared_ptr<HalCamera>& hal, std::optional<uint64_t> settled) {
+    auto it = registry.find(hal->deviceId());
+    if (it == registry.end() || it->second != hal)
+        return Unregistering::kNotThere;
+    if (!settled || SettledOpens(hal->deviceId()) != settled)
+        return Unregistering::kKept;
+    registry.erase(it);
+    g_device_uses[hal->deviceId()].retiring = true;
+    return Unregistering::kErased;
+}
+
+/*
+ * Drops the last reference to a camera that left the registry, so that it
+ * is destroyed (and its device closed) on this thread. A short call on
+ * another thread may still hold it (a replaced client's stream stopping, a
+ * tool looking at the registry): that is waited for, a bounded time. False
+ * when it was still held after that; it then goes with the other holder.
+ */
+bool ReleaseLastReference(std::shared_ptr<HalCamera>& hal) {
+    constexpr auto kStep = std::chrono::milliseconds(1);
+    constexpr int kSteps = 2000;
+    int steps = 0;
+    while (hal.use_count() > 1 && steps++ < kSteps)
+        std::this_thread::sleep_for(kStep);
+    bool last = hal.use_count() == 1;
+    hal.reset();
+    return last;
+}
+
 /* Writes \a count 32-bit words at the start of the record and nothing else. */
 void WriteWords(marlo_param_value_t* value, const void* words, size_t count) {
     memcpy(value, words, count * sizeof(uint32_t));
@@ -167,7 +248,12 @@ int V4l2Stream::OpenCamera(int clientId, std::string deviceId, int width, int he
 
     std::shared_ptr<HalCamera> hal;
     {
-        std::lock_guard<std::mutex> lock(active_cameras_mutex_);
+        std::unique_lock<std::mutex> lock(active_cameras_mutex_);
+        if (Retiring(deviceId)) {
+            /* A second camera would find the device still held by the first. */
+            STRM_LOG(MARLO_LOG_INFO, "waiting for the closing camera of %s", deviceId.c_str());
+            g_device_retired.wait(lock, [&deviceId] { return !Retiring(deviceId); });
+        }
         auto it = active_cameras_.find(deviceId);
         if (it != active_cameras_.end()) {
             hal = it->second;
@@ -182,9 +268,17 @@ int V4l2Stream::OpenCamera(int clientId, std::string deviceId, int width, int he
             return kFailed;
         }
         active_cameras_[deviceId] = hal;
+        DeviceUse& use = g_device_uses[deviceId];
+        ++use.attaching;
+        ++use.opens;
     }
 
     std::shared_ptr<VirtualCamera> virtualCamera = hal->MakeVirtualCamera(clientId);
+    {
+        /* Attaching kept the camera registered, so its record is still there. */
+        std::lock_guard<std::mutex> lock(active_cameras_mutex_);
+        --g_device_uses[deviceId].attaching;
+    }
     if (!virtualCamera) {
         STRM_LOG(MARLO_LOG_ERROR, "hw camera not found or not available");
         return kFailed;
@@ -201,22 +295,45 @@ void V4l2Stream::CloseCamera() {
         return;
     }
 
+    std::vector<std::shared_ptr<HalCamera>> retired;
     {
         std::vector<std::shared_ptr<HalCamera>> cameras = virtual_camera_->getHalCameras();
         for (const std::shared_ptr<HalCamera>& hal : cameras) {
             hal->DisownVirtualCamera(virtual_camera_);
             ClientStopStream();
+            std::optional<uint64_t> settled;
+            {
+                std::lock_guard<std::mutex> lock(active_cameras_mutex_);
+                settled = SettledOpens(hal->deviceId());
+            }
             if (hal->clientCount() != 0)
                 continue;
+            Unregistering result;
             {
                 std::lock_guard<std::mutex> lock(active_cameras_mutex_);
                 /* The list still holds the camera, so erasing destroys nothing under the lock. */
-                active_cameras_.erase(hal->deviceId());
+                result = Unregister(active_cameras_, hal, settled);
             }
+            if (result == Unregistering::kKept) {
+                STRM_LOG(MARLO_LOG_INFO, "another client is opening %s, camera kept",
+                         hal->deviceId().c_str());
+                continue;
+            }
+            if (result == Unregistering::kErased)
+                retired.push_back(hal);
             hal->clientStreamclosing();
             STRM_LOG(MARLO_LOG_INFO, "stream state %d", static_cast<int>(state_.load()));
         }
-        /* Releasing the list here destroys a camera whose registry entry went above. */
+    }
+    for (std::shared_ptr<HalCamera>& hal : retired) {
+        std::string deviceId = hal->deviceId();
+        if (!ReleaseLastReference(hal))
+            STRM_LOG(MARLO_LOG_WARN, "camera of %s still held elsewhere, destroyed there",
+                     deviceId.c_str());
+        /* Opens of the device waited for this. */
+        std::lock_guard<std::mutex> lock(active_cameras_mutex_);
+        g_device_uses.erase(deviceId);
+        g_device_retired.notify_all();
     }
 
     uint32_t state = state_.load();

@@ -274,8 +274,12 @@ int V4l2VideoDevice::QueryBuffer() {
 
         marlo_log(MARLO_LOG_INFO, kTag, "%s: queried buffer index %u\n", name_.c_str(), index);
         buffer->SetQueued(false);
-        /* The queued list's mutex, deliberately: this is the established lock choice. */
-        std::lock_guard<std::mutex> lock(queued_mutex_);
+        /*
+         * The queued list's mutex is the established lock choice and stays
+         * held; the free list's own mutex is taken with it, because GetBuffer
+         * and a failed QueueBuffer change that list under it alone.
+         */
+        std::scoped_lock lock(unqueued_mutex_, queued_mutex_);
         unqueued_buffers_.push_back(std::move(buffer));
     }
     return OK;

@@ -400,7 +400,7 @@ TEST_F(HalCameraTest, DisowningAnEmptyPointerOnlyLogs) {
     EXPECT_EQ(camera_->clientCount(), 1u);
 }
 
-TEST_F(HalCameraTest, DisowningRemovesByIdAndDropsOrphansWithAWarning) {
+TEST_F(HalCameraTest, DisowningRemovesTheClientsOwnEntryAndDropsOrphansWithAWarning) {
     std::shared_ptr<VirtualCamera> gone = camera_->MakeVirtualCamera(1);
     std::shared_ptr<VirtualCamera> kept = camera_->MakeVirtualCamera(2);
     std::shared_ptr<VirtualCamera> leaving = camera_->MakeVirtualCamera(3);
@@ -417,4 +417,27 @@ TEST_F(HalCameraTest, DisowningRemovesByIdAndDropsOrphansWithAWarning) {
     EXPECT_EQ(camera_->clientCount(), 1u);
     /* The list holds weak references only. */
     EXPECT_EQ(leaving.use_count(), 1);
+}
+
+TEST_F(HalCameraTest, DisowningASupersededClientKeepsTheEntryThatReplacedIt) {
+    std::shared_ptr<VirtualCamera> older = camera_->MakeVirtualCamera(6);
+    std::shared_ptr<VirtualCamera> newer = camera_->MakeVirtualCamera(6);
+    ASSERT_NE(newer, older);
+    ASSERT_EQ(camera_->clientCount(), 1u);
+
+    marlo_test::LogCapture log;
+    camera_->DisownVirtualCamera(older);
+    EXPECT_EQ(camera_->clientCount(), 1u);
+    EXPECT_EQ(
+        Count(log, ANDROID_LOG_INFO, "DisownVirtualCamera", "remove virtual camera 6, size 1\n"),
+        1u)
+        << log.dump();
+
+    /* The newer one's own close then takes its entry. */
+    camera_->DisownVirtualCamera(newer);
+    EXPECT_EQ(camera_->clientCount(), 0u);
+    EXPECT_EQ(
+        Count(log, ANDROID_LOG_INFO, "DisownVirtualCamera", "remove virtual camera 6, size 0\n"),
+        1u)
+        << log.dump();
 }

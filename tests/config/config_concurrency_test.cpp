@@ -53,13 +53,11 @@ TEST(ConfigConcurrency, ParallelQueriesAllSeeTheMatchingBoard) {
 
     EXPECT_EQ(wrong.load(), 0);
     auto boards = GlobalCameraConfig::boardConfigs();
-    ASSERT_EQ(boards.size(), 3u * kThreads * kQueries);
-    /* One load's boards stay together, in file order. */
-    for (size_t i = 0; i < boards.size(); i += 3) {
-        EXPECT_EQ(boards[i].name, "First");
-        EXPECT_EQ(boards[i + 1].name, "Client board");
-        EXPECT_EQ(boards[i + 2].name, "Last");
-    }
+    /* One load's boards come together, in file order, and only once. */
+    ASSERT_EQ(boards.size(), 3u);
+    EXPECT_EQ(boards[0].name, "First");
+    EXPECT_EQ(boards[1].name, "Client board");
+    EXPECT_EQ(boards[2].name, "Last");
     BoardConfigsAccess::Clear();
 }
 
@@ -86,6 +84,6 @@ TEST(ConfigConcurrency, ParallelLoadsAndMatchesOfDifferentFiles) {
     for (auto& thread : threads)
         thread.join();
     EXPECT_EQ(wrong.load(), 0);
-    EXPECT_EQ(GlobalCameraConfig::boardConfigs().size(), 120u);
+    EXPECT_EQ(GlobalCameraConfig::boardConfigs().size(), 2u);
     BoardConfigsAccess::Clear();
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <marlo/config/config.h>
 
+#include <cmath>
 #include <fstream>
 #include <sstream>
 
@@ -131,28 +132,100 @@ TEST_F(ConfigLoad, DocumentWithoutCameraConfigRootAddsNoBoard) {
                                  "loadFromConfig: no automotive camera config specified"));
 }
 
-TEST_F(ConfigLoad, BoardsAreAppendedInFileOrderOnEveryLoad) {
+TEST_F(ConfigLoad, BoardsAreListedOnceInFileOrderHoweverOftenTheFileIsLoaded) {
     sysroot_.writeDefaultConfig(
         ConfigXml(BoardXml("First", 1) + BoardXml("Second", 2) + BoardXml("Third", 3)));
     GlobalCameraConfig::loadFromConfig(nullptr);
     GlobalCameraConfig::loadFromConfig(nullptr);
     auto boards = GlobalCameraConfig::boardConfigs();
-    ASSERT_EQ(boards.size(), 6u);
-    const char* names[] = {"First", "Second", "Third", "First", "Second", "Third"};
-    for (size_t i = 0; i < 6; ++i)
+    ASSERT_EQ(boards.size(), 3u);
+    const char* names[] = {"First", "Second", "Third"};
+    for (size_t i = 0; i < 3; ++i)
         EXPECT_EQ(boards[i].name, names[i]);
 }
 
-TEST_F(ConfigLoad, EveryCreatReadsTheFileAgainAndTheListGrows) {
+TEST_F(ConfigLoad, RepeatedQueriesParseAnUnchangedFileOnce) {
     sysroot_.writeDefaultConfig(ConfigXml(BoardXml("A", 1) + BoardXml("B", 2)));
     sysroot_.writeModel(std::string("B") + '\0');
     for (int k = 1; k <= 3; ++k) {
         LogCapture capture;
         auto board = GlobalCameraConfig::Creat();
         EXPECT_EQ(board.name, "B");
-        EXPECT_EQ(GlobalCameraConfig::boardConfigs().size(), 2u * k);
-        EXPECT_EQ(capture.count("parseBoardConfig: parsing board: A!"), 1u);
+        EXPECT_EQ(GlobalCameraConfig::boardConfigs().size(), 2u);
+        /* The per-entry parse lines come with the first read only. */
+        EXPECT_EQ(capture.count("parseBoardConfig: parsing board: A!"), k == 1 ? 1u : 0u);
+        /* The lines of each query stay. */
+        EXPECT_EQ(capture.count(kOverrideWarning), 1u);
+        EXPECT_EQ(capture.count(kLoadSucceeded), 1u);
+        EXPECT_EQ(capture.count("Matching config : A ret 1"), 1u) << capture.dump();
+        EXPECT_EQ(capture.count("Matching config : B ret 0"), 1u);
     }
+}
+
+TEST_F(ConfigLoad, ThousandQueriesKeepOneEntryPerBoard) {
+    sysroot_.writeDefaultConfig(ConfigXml(BoardXml("A", 1) + BoardXml("B", 2)));
+    /* Matching no board walks the whole list at every query. */
+    sysroot_.writeModel(std::string("Z") + '\0');
+    for (int k = 0; k < 1000; ++k)
+        ASSERT_EQ(GlobalCameraConfig::Creat().name, "A");
+    EXPECT_EQ(GlobalCameraConfig::boardConfigs().size(), 2u);
+    LogCapture capture;
+    GlobalCameraConfig::Creat();
+    EXPECT_EQ(capture.count("Matching config : A ret 1"), 1u) << capture.dump();
+    EXPECT_EQ(capture.count("Matching config : B ret 1"), 1u);
+}
+
+TEST_F(ConfigLoad, BoardsAFileGainsFollowTheOnesReadBeforeAndStay) {
+    sysroot_.writeDefaultConfig(ConfigXml(BoardXml("A", 1) + BoardXml("B", 2)));
+    sysroot_.writeModel(std::string("C") + '\0');
+    EXPECT_EQ(GlobalCameraConfig::Creat().name, "A");
+    sysroot_.writeDefaultConfig(ConfigXml(BoardXml("A", 1) + BoardXml("C", 3)));
+    EXPECT_EQ(GlobalCameraConfig::Creat().name, "C");
+    /* Gone from the file, the board read before still answers first. */
+    sysroot_.writeDefaultConfig(ConfigXml(BoardXml("A", 1)));
+    sysroot_.writeModel(std::string("B") + '\0');
+    EXPECT_EQ(GlobalCameraConfig::Creat().name, "B");
+    auto boards = GlobalCameraConfig::boardConfigs();
+    ASSERT_EQ(boards.size(), 3u);
+    EXPECT_EQ(boards[0].name, "A");
+    EXPECT_EQ(boards[1].name, "B");
+    EXPECT_EQ(boards[2].name, "C");
+}
+
+TEST_F(ConfigLoad, EqualBoardsAreListedOnceAlsoWithNotANumber) {
+    const std::string board =
+        "<board name=\"N\"><inputMapping><inputMap camId=\"0\"><inputSrc cameraId=\"0\" "
+        "channelId=\"0\" streamId=\"0\"/><cameraParam><orientation yaw=\"nan\"/>"
+        "</cameraParam></inputMap></inputMapping></board>";
+    sysroot_.write("/one.xml", ConfigXml(board + board));
+    sysroot_.write("/two.xml", ConfigXml(board));
+    GlobalCameraConfig::loadFromConfig(sysroot_.path("/one.xml").c_str());
+    GlobalCameraConfig::loadFromConfig(sysroot_.path("/two.xml").c_str());
+    auto boards = GlobalCameraConfig::boardConfigs();
+    ASSERT_EQ(boards.size(), 1u);
+    EXPECT_TRUE(std::isnan(boards[0].cameraParams[0].yaw));
+}
+
+TEST_F(ConfigLoad, BoardsThatDifferInAnyFieldAreEachListed) {
+    sysroot_.write("/a.xml", ConfigXml(BoardXml("Same", 1)));
+    sysroot_.write("/b.xml", ConfigXml(BoardXml("Same", 2)));
+    GlobalCameraConfig::loadFromConfig(sysroot_.path("/a.xml").c_str());
+    GlobalCameraConfig::loadFromConfig(sysroot_.path("/b.xml").c_str());
+    GlobalCameraConfig::loadFromConfig(sysroot_.path("/a.xml").c_str());
+    auto boards = GlobalCameraConfig::boardConfigs();
+    ASSERT_EQ(boards.size(), 2u);
+    EXPECT_EQ(boards[0].cameras[0].id, 1);
+    EXPECT_EQ(boards[1].cameras[0].id, 2);
+}
+
+TEST_F(ConfigLoad, AfterClearingTheListTheSameFileIsParsedAgain) {
+    sysroot_.writeDefaultConfig(ConfigXml(BoardXml("A", 1)));
+    GlobalCameraConfig::loadFromConfig(nullptr);
+    BoardConfigsAccess::Clear();
+    LogCapture capture;
+    GlobalCameraConfig::loadFromConfig(nullptr);
+    EXPECT_EQ(GlobalCameraConfig::boardConfigs().size(), 1u);
+    EXPECT_EQ(capture.count("parseBoardConfig: parsing board: A!"), 1u);
 }
 
 TEST_F(ConfigLoad, MatchComesFromTheFirstCopyEvenAfterTheFileChanged) {
@@ -164,6 +237,7 @@ TEST_F(ConfigLoad, MatchComesFromTheFirstCopyEvenAfterTheFileChanged) {
     EXPECT_EQ(GlobalCameraConfig::Creat().cameras[0].id, 1);
     /* It was read again nonetheless. */
     EXPECT_EQ(capture.count("parseBoardConfig: parsed camera id:2!"), 1u);
+    EXPECT_EQ(GlobalCameraConfig::boardConfigs().size(), 2u);
 }
 
 TEST_F(ConfigLoad, ModelWithTrailingZeroByteMatchesTheExactName) {

@@ -123,8 +123,8 @@ int FakeMediaNode::Ioctl(OpenFile, unsigned long request, void* arg,
                     link.sinkPad == desc->sink.index) {
                     if (link.flags & MEDIA_LNK_FL_IMMUTABLE)
                         return EINVAL;
-                    link.flags =
-                        (link.flags & ~MEDIA_LNK_FL_ENABLED) | (desc->flags & MEDIA_LNK_FL_ENABLED);
+                    link.flags = (link.flags & ~uint32_t{MEDIA_LNK_FL_ENABLED}) |
+                                 (desc->flags & MEDIA_LNK_FL_ENABLED);
                     return 0;
                 }
             }

@@ -59,6 +59,19 @@ std::atomic<IoctlFn> g_ioctl{nullptr};
 std::atomic<MmapFn> g_mmap{nullptr};
 std::atomic<MunmapFn> g_munmap{nullptr};
 
+/*
+ * Resolved once at load: a lazy first lookup may otherwise happen inside a
+ * sanitizer's report (its symbolizer opens files), where dlsym's own
+ * allocations break the runtime and the report hangs instead of failing.
+ */
+__attribute__((constructor)) void ResolveAll() {
+    Resolve(g_openat, "openat");
+    Resolve(g_close, "close");
+    Resolve(g_ioctl, "ioctl");
+    Resolve(g_mmap, "mmap");
+    Resolve(g_munmap, "munmap");
+}
+
 }  // namespace
 
 int RealOpenat(int dirfd, const char* path, int flags, mode_t mode) {

@@ -402,6 +402,39 @@ TEST(Validation, RefusedRequestsWriteNothing) {
     EXPECT_EQ(0, process(s, packed, all, all, NAX_USAGE_SYNC));
 }
 
+/*
+ * A CPU address carries no size: the image it was wrapped as is all the
+ * engine knows of its extent, so cvtcolor may read or write it in another
+ * format only within that extent.
+ */
+TEST(Validation, CvtcolorStaysWithinTheImageACpuAddressWasWrappedAs) {
+    const Geometry grey{16, 8, 16, 8, NAX_FORMAT_Y8};
+    TestBuffer src(grey, TestBuffer::Backing::GuardPage);
+    TestBuffer dst(grey, TestBuffer::Backing::GuardPage);
+    memset(dst.data(), 0xAB, dst.size());
+    const nax_buffer_t s = src.buffer();
+    const nax_buffer_t d = dst.buffer();
+    int fence = 5;
+    /* Read and written as RGBA, each would span four times its bytes. */
+    EXPECT_EQ(-EINVAL,
+              nax_cvtcolor(s, d, NAX_FORMAT_RGBA_8888, NAX_FORMAT_RGBA_8888, 0, 1, &fence));
+    EXPECT_EQ(-1, fence);
+    EXPECT_EQ(-EINVAL, nax_cvtcolor(s, d, NAX_FORMAT_Y8, NAX_FORMAT_YCbCr_420_SP, 0, 1, nullptr));
+    EXPECT_EQ(-EINVAL, nax_cvtcolor(s, d, NAX_FORMAT_YUYV_422, NAX_FORMAT_Y8, 0, 1, nullptr));
+    for (size_t i = 0; i < dst.size(); i++)
+        ASSERT_EQ(0xAB, dst.data()[i]) << i;
+    /* A format that spans no more than the wrapped one is served. */
+    EXPECT_EQ(0, nax_cvtcolor(s, d, NAX_FORMAT_Y8, NAX_FORMAT_Y4, 0, 1, nullptr));
+    nax_buffer_t unknown = s;
+    unknown.format = 0x500;
+    EXPECT_EQ(-EINVAL, nax_cvtcolor(unknown, d, NAX_FORMAT_Y8, NAX_FORMAT_Y8, 0, 1, nullptr));
+
+    /* Memory by descriptor has its own size, which is what counts there. */
+    TestBuffer big(Geometry{16, 8, 16, 8, NAX_FORMAT_RGBA_8888});
+    nax_buffer_t asGrey = big.buffer(NAX_FORMAT_Y8);
+    EXPECT_EQ(0, nax_cvtcolor(s, asGrey, NAX_FORMAT_Y8, NAX_FORMAT_RGBA_8888, 0, 1, nullptr));
+}
+
 TEST(Fences, JobsFinishBeforeReturnAndFencesAreWaited) {
     TestBuffer src(Geometry{4, 4, 4, 4, NAX_FORMAT_Y8});
     TestBuffer dst(Geometry{4, 4, 4, 4, NAX_FORMAT_Y8});

@@ -690,6 +690,54 @@ TEST_F(V4l2StreamTest, SameClientIdTwiceOnOneDeviceReplacesTheEarlierClientCamer
     EXPECT_EQ(node_->OpenDescriptors(), 0u);
 }
 
+TEST_F(V4l2StreamTest, ClosingASupersededClientLeavesTheNewerOneStreaming) {
+    V4l2Stream older;
+    V4l2Stream newer;
+    ASSERT_EQ(Open(older, 5), 0);
+    auto a = Nv12(1);
+    FrameSet olderSet{a->buffer()};
+    ASSERT_EQ(older.ClientSetBufferInfo(olderSet), 0);
+    Client olderClient(&older);
+    ASSERT_EQ(older.ClientStartStream(olderClient.callback()), 0);
+
+    marlo_test::LogCapture log;
+    ASSERT_EQ(Open(newer, 5), 0);
+    EXPECT_EQ(CountLines(log, ANDROID_LOG_ERROR, Cam(kNode0), "operator()",
+                         "WARNING! Adding virtual camera already exits!!!!!"),
+              1u)
+        << log.dump();
+    auto b = Nv12(2);
+    FrameSet newerSet{b->buffer()};
+    ASSERT_EQ(newer.ClientSetBufferInfo(newerSet), 0);
+    Client newerClient(&newer);
+    ASSERT_EQ(newer.ClientStartStream(newerClient.callback()), 0);
+    ASSERT_TRUE(node_->Streaming());
+
+    /* The older stream's close takes only its own client camera away. */
+    log.clear();
+    older.CloseCamera();
+    EXPECT_EQ(older.state(), 0u);
+    std::shared_ptr<HalCamera> hal = Registry::Find(kNode0);
+    ASSERT_NE(hal, nullptr);
+    EXPECT_EQ(hal->clientCount(), 1u);
+    EXPECT_EQ(hal->streamingClients(), 1);
+    hal.reset();
+    EXPECT_FALSE(log.containsText("destroyed with")) << log.dump();
+    EXPECT_TRUE(node_->Streaming());
+
+    ASSERT_TRUE(node_->WaitQueued(1, kWait));
+    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(9, {1, 0}, 0x33)), 0);
+    ASSERT_TRUE(newerClient.waitFor(1));
+    EXPECT_TRUE(AllBytes(*b, kNv12Size, 0x33));
+    EXPECT_EQ(newerClient.at(0)[0]->sequence(), 9u);
+
+    newer.CloseCamera();
+    EXPECT_EQ(Registry::Size(), 0u);
+    EXPECT_EQ(node_->OpenDescriptors(), 0u);
+    olderClient.clear();
+    newerClient.clear();
+}
+
 TEST_F(V4l2StreamTest, TheStoredCallbackItselfIsCalledSoItKeepsItsState) {
     V4l2Stream stream;
     ASSERT_EQ(Open(stream, 1), 0);

@@ -6,9 +6,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <android/log.h>
@@ -468,27 +471,54 @@ TEST_F(V4l2VideoDeviceTest, SinglePlanarMmapFailureDropsTheBuffer) {
     EXPECT_FALSE(log.containsText(Msg("%s: queried buffer index %u\n", kPath, 0u)));
 }
 
-TEST_F(V4l2VideoDeviceTest, QueryBufferAppendsUnderTheQueuedListMutex) {
+TEST_F(V4l2VideoDeviceTest, QueryBufferAppendsUnderBothListMutexes) {
     AddNode();
     TestDevice device(kPath);
     ASSERT_EQ(device.Open(false), 0);
     ASSERT_EQ(device.QueryCap(), 0);
-    ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_MMAP), 2);
-    /* Holding the free list's own mutex does not stop the query ... */
-    std::unique_lock<std::mutex> unqueued(device.UnqueuedMutex());
-    auto done = std::async(std::launch::async, [&] { return device.QueryBuffer(); });
-    ASSERT_EQ(done.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    EXPECT_EQ(done.get(), 0);
-    unqueued.unlock();
-    EXPECT_EQ(device.Unqueued(), 2u);
+    /* The queued list's mutex, and the free list's own one that guards the list. */
+    for (std::mutex* held : {&device.QueuedMutex(), &device.UnqueuedMutex()}) {
+        ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_MMAP), 2);
+        std::unique_lock<std::mutex> lock(*held);
+        auto blocked = std::async(std::launch::async, [&] { return device.QueryBuffer(); });
+        EXPECT_EQ(blocked.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+        lock.unlock();
+        EXPECT_EQ(blocked.get(), 0);
+        EXPECT_EQ(device.Unqueued(), 2u);
+    }
+}
 
-    /* ... while holding the queued list's mutex does. */
-    ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_MMAP), 2);
-    std::unique_lock<std::mutex> queued(device.QueuedMutex());
-    auto blocked = std::async(std::launch::async, [&] { return device.QueryBuffer(); });
-    EXPECT_EQ(blocked.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    queued.unlock();
-    EXPECT_EQ(blocked.get(), 0);
+TEST_F(V4l2VideoDeviceTest, BuffersTakenWhileTheQueryRunsAreEachTakenOnce) {
+    /* Run under ThreadSanitizer too: the free list is shared with GetBuffer. */
+    AddNode();
+    TestDevice device(kPath);
+    ASSERT_EQ(device.Open(false), 0);
+    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_EQ(device.SetFormat(64, 48, V4L2_PIX_FMT_NV12), 0);
+    ASSERT_EQ(device.ReqBuffer(32, V4L2_MEMORY_MMAP), 32);
+
+    std::atomic<bool> queried{false};
+    std::vector<uint32_t> taken;
+    std::thread taker([&] {
+        for (;;) {
+            bool last = queried.load();
+            while (auto buffer = device.GetBuffer())
+                taken.push_back(buffer->GetIndex());
+            if (last)
+                return;
+            std::this_thread::yield();
+        }
+    });
+    EXPECT_EQ(device.QueryBuffer(), 0);
+    queried = true;
+    taker.join();
+
+    std::sort(taken.begin(), taken.end());
+    std::vector<uint32_t> every(32);
+    for (uint32_t i = 0; i < 32; ++i)
+        every[i] = i;
+    EXPECT_EQ(taken, every);
+    EXPECT_EQ(device.Unqueued(), 0u);
 }
 
 TEST_F(V4l2VideoDeviceTest, ReqBufferAndStreamOffTakeBothListMutexes) {

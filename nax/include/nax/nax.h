@@ -164,7 +164,8 @@ extern "C" {
  * and keeps it for 2 s after the last handle is released, so that the
  * next frame's import of the same buffer is cheap; memory its owner frees
  * therefore stays allocated for up to that long. A CPU-address import
- * carries no size: the engine trusts the geometry it is wrapped with.
+ * carries no size: the engine trusts the geometry it is wrapped with, and
+ * refuses a cvtcolor whose formats would reach past that image.
  * Physical addresses cannot be reached by the software engine (handle 0).
  * nax_wrap_fd/paddr/vaddr import and wrap in one call; their handle is
  * released with nax_release_handle() like any other.
