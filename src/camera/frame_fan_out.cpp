@@ -30,6 +30,8 @@ constexpr int kFenceWaitMs = 100;
 /* Readable or priority data: anything else is no captured frame. */
 constexpr unsigned int kFrameEvents = 0x1 | 0x2;
 
+}  // namespace
+
 ImageBuffer EmptyImage() {
     ImageBuffer image = {};
     image.fd = -1;
@@ -50,8 +52,6 @@ ImageBuffer DestinationImage(const std::shared_ptr<FrameBuffer>& frame) {
     image.format = static_cast<int32_t>(info.fourcc);
     return image;
 }
-
-}  // namespace
 
 /* Log tooling knows every line of the handler as coming from "operator()". */
 #define FANOUT_LOG(severity, fmt, ...)                                                         \

@@ -19,6 +19,7 @@ namespace tessaro::marlo {
 
 class FrameBuffer;
 class HalCamera;
+struct ImageBuffer;
 class V4l2Buffer;
 class VirtualCamera;
 
@@ -44,6 +45,11 @@ class FrameFanOut {
 
     HalCamera* camera_;
 };
+
+/* An image that names no memory (fd -1). */
+ImageBuffer EmptyImage();
+/* How the 2D engine sees a client buffer: its plane 0 with its size, stride and format. */
+ImageBuffer DestinationImage(const std::shared_ptr<FrameBuffer>& frame);
 
 }  // namespace detail
 }  // namespace tessaro::marlo

@@ -304,6 +304,14 @@ bool HalCamera::recovering() const {
     return supervisor_->recovering();
 }
 
+NaxBufferHold HalCamera::holdClientBuffer(const std::shared_ptr<FrameBuffer>& buffer) const {
+    ImageBuffer image = detail::DestinationImage(buffer);
+    /* fd 0 counts as no buffer, as in the fan-out. */
+    if (image.fd < 1)
+        return NaxBufferHold();
+    return nax_operator_.holdBuffer(image);
+}
+
 StreamEvent HalCamera::makeEvent(StreamEventType type) const {
     return detail::MakeStreamEvent(type, device_id_);
 }

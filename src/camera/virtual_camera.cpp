@@ -133,24 +133,92 @@ void VirtualCamera::stopVideoStream() {
         std::lock_guard<std::mutex> queueLock(queue_mutex_);
         free_sets_.clear();
     }
+    /* Every lent set is forgotten: the engine may let their memory go. */
+    dropHoldsExcept({});
     postEvent(detail::MakeStreamEvent(StreamEventType::kStreamStopped,
                                       hal_cameras_.empty() ? "" : hal_cameras_.begin()->first));
 }
 
 int VirtualCamera::setFrameInfo(std::vector<std::shared_ptr<FrameBuffer>>& buffers) {
-    std::lock_guard<std::mutex> lock(queue_mutex_);
-    free_sets_.clear();
-    free_sets_.push_back(buffers);
-    for (const std::shared_ptr<FrameBuffer>& buffer : buffers) {
-        unsigned long long cookies = buffer ? buffer->cookies() : 0;
-        int fd = buffer ? buffer->planes()[0].fd.get() : -1;
-        if (detail::BeginCameraTrace("setFrameInfo (vcam %d, cookies %llu, fd = %d)", id_, cookies,
-                                     fd))
-            detail::EndCameraTrace();
-        /* Informational, yet logged as an error: log tooling watches for it there. */
-        VCAM_LOG(MARLO_LOG_ERROR, "Received buffer cookies %llu fd = %d\n", cookies, fd);
+    /* Held before it can be used, so that no frame maps its memory. */
+    holdBuffers(buffers);
+    {
+        std::lock_guard<std::mutex> lock(queue_mutex_);
+        free_sets_.clear();
+        free_sets_.push_back(buffers);
+        for (const std::shared_ptr<FrameBuffer>& buffer : buffers) {
+            unsigned long long cookies = buffer ? buffer->cookies() : 0;
+            int fd = buffer ? buffer->planes()[0].fd.get() : -1;
+            if (detail::BeginCameraTrace("setFrameInfo (vcam %d, cookies %llu, fd = %d)", id_,
+                                         cookies, fd))
+                detail::EndCameraTrace();
+            /* Informational, yet logged as an error: log tooling watches for it there. */
+            VCAM_LOG(MARLO_LOG_ERROR, "Received buffer cookies %llu fd = %d\n", cookies, fd);
+        }
     }
+    /* The sets lent before are forgotten, and so are their holds. */
+    dropHoldsExcept(buffers);
     return 0;
+}
+
+void VirtualCamera::holdBuffers(const FrameSet& frames) {
+    std::vector<std::shared_ptr<FrameBuffer>> missing;
+    {
+        std::lock_guard<std::mutex> lock(holds_mutex_);
+        for (const std::shared_ptr<FrameBuffer>& buffer : frames) {
+            if (!buffer)
+                continue;
+            auto it = holds_.find(buffer.get());
+            if (it == holds_.end() || it->second.buffer.lock() != buffer)
+                missing.push_back(buffer);
+        }
+    }
+    if (missing.empty())
+        return;
+    std::vector<std::shared_ptr<HalCamera>> cameras = getHalCameras();
+    if (cameras.empty())
+        return;
+
+    /* An import faults the buffer's pages in: it is done here, not at the first frame. */
+    std::vector<HeldBuffer> taken;
+    for (const std::shared_ptr<FrameBuffer>& buffer : missing)
+        taken.push_back({buffer, cameras.front()->holdClientBuffer(buffer)});
+
+    std::vector<HeldBuffer> replaced;
+    {
+        std::lock_guard<std::mutex> lock(holds_mutex_);
+        for (HeldBuffer& held : taken) {
+            std::shared_ptr<FrameBuffer> buffer = held.buffer.lock();
+            if (!buffer)
+                continue;
+            auto it = holds_.find(buffer.get());
+            if (it != holds_.end())
+                replaced.push_back(std::move(it->second));
+            holds_[buffer.get()] = std::move(held);
+        }
+    }
+    /* Replaced holds (of freed buffers, or of a racing lend) go outside the lock. */
+}
+
+void VirtualCamera::dropHoldsExcept(const FrameSet& kept) {
+    std::vector<HeldBuffer> dropped;
+    std::lock_guard<std::mutex> lock(holds_mutex_);
+    for (auto it = holds_.begin(); it != holds_.end();) {
+        bool keep = false;
+        for (const std::shared_ptr<FrameBuffer>& buffer : kept)
+            keep |= buffer.get() == it->first && it->second.buffer.lock() == buffer;
+        if (keep) {
+            ++it;
+            continue;
+        }
+        dropped.push_back(std::move(it->second));
+        it = holds_.erase(it);
+    }
+}
+
+size_t VirtualCamera::heldBufferCount() {
+    std::lock_guard<std::mutex> lock(holds_mutex_);
+    return holds_.size();
 }
 
 std::vector<std::shared_ptr<FrameBuffer>> VirtualCamera::getAvailableFrames() {
@@ -198,6 +266,8 @@ void VirtualCamera::doneWithFrame(std::vector<std::shared_ptr<FrameBuffer>> fram
         VCAM_LOG(MARLO_LOG_INFO, "doneWithFrame null");
         return;
     }
+    /* A set the client lends this way (one it never received) is held first. */
+    holdBuffers(frames);
     std::lock_guard<std::mutex> lock(queue_mutex_);
     free_sets_.push_back(frames);
     for (const std::shared_ptr<FrameBuffer>& buffer : frames) {

@@ -356,3 +356,47 @@ TEST_F(FanOutEngineTest, RealSyncFilesFromAKernelTimeline) {
     EXPECT_FALSE(log.containsText("Timeout waiting fence")) << log.dump();
     vc->stopVideoStream();
 }
+
+TEST_F(FanOutEngineTest, LentBuffersAreHeldUntilTheirSetsAreForgotten) {
+    auto client = Client(1);
+    MemFrame a(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    MemFrame b(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    MemFrame c(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
+    FrameSet first{a.buffer(), b.buffer()};
+    FrameSet second{c.buffer()};
+    client->setFrameInfo(first);
+    /* Imported when lent, before any frame. */
+    EXPECT_EQ(engine_.callsOf("nax_import_fd").size(), 2u);
+    EXPECT_EQ(engine_.liveHandles(), 2u);
+    EXPECT_EQ(client->heldBufferCount(), 2u);
+    /* A set lent by returning it is held too; one held already costs no import. */
+    client->doneWithFrame(second);
+    client->doneWithFrame(first);
+    EXPECT_EQ(engine_.callsOf("nax_import_fd").size(), 3u);
+    EXPECT_EQ(client->heldBufferCount(), 3u);
+
+    FrameSink sink;
+    ASSERT_EQ(client->startVideoStream(sink.callback()), 0);
+    Produce(1);
+    ASSERT_TRUE(sink.waitFor(1));
+    ASSERT_TRUE(node_->WaitQueued(3, kWait));
+    /* The job's own import and release stay; the held import outlives them. */
+    EXPECT_EQ(engine_.liveHandles(), 3u);
+
+    /* Lending a set anew forgets the others, and their holds go. */
+    client->setFrameInfo(second);
+    EXPECT_EQ(client->heldBufferCount(), 1u);
+    EXPECT_EQ(engine_.liveHandles(), 1u);
+    /* A stop forgets every set. */
+    client->stopVideoStream();
+    EXPECT_EQ(client->heldBufferCount(), 0u);
+    EXPECT_EQ(engine_.liveHandles(), 0u);
+}
+
+TEST_F(FanOutEngineTest, ABufferWithoutMemoryIsNotHeld) {
+    auto client = Client(1);
+    FrameSet set{nullptr};
+    client->setFrameInfo(set);
+    EXPECT_EQ(client->heldBufferCount(), 0u);
+    EXPECT_TRUE(engine_.callsOf("nax_import_fd").empty());
+}

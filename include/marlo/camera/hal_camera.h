@@ -34,6 +34,7 @@
 
 namespace tessaro::marlo {
 
+class FrameBuffer;
 class VirtualCamera;
 
 namespace detail {
@@ -102,6 +103,14 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
     V4l2Camera* hwCamera() const { return hw_camera_.get(); }
     /* Whether capture runs without a working device and is being retried. */
     bool recovering() const;
+
+    /*
+     * Has the 2D engine keep its import of a client's buffer while the
+     * returned hold lives: a job's import of a held buffer is a lookup, at
+     * any number of lent buffers, and its memory is faulted in now rather
+     * than at its first frame. An empty hold for a buffer without memory.
+     */
+    NaxBufferHold holdClientBuffer(const std::shared_ptr<FrameBuffer>& buffer) const;
 
   private:
     friend class detail::CaptureSupervisor;

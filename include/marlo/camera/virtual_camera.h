@@ -12,6 +12,7 @@
 #include <atomic>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -67,6 +68,8 @@ class VirtualCamera {
     int32_t state() const { return state_.load(); }
     /* Number of queued free sets (read under the queue mutex). */
     size_t freeSetCount();
+    /* Number of lent buffers whose engine import is held. */
+    size_t heldBufferCount();
 
     /* Where this client's stream events go; null drops them. */
     void setEventListener(std::shared_ptr<detail::EventListenerSlot> slot);
@@ -74,7 +77,17 @@ class VirtualCamera {
     void postEvent(StreamEvent event);
 
   private:
+    /* A lent buffer and the 2D engine's import of it, kept while it is lent. */
+    struct HeldBuffer {
+        std::weak_ptr<FrameBuffer> buffer;
+        NaxBufferHold hold;
+    };
+
     void setCallback(FrameCallback callback);
+    /* Holds every buffer of \a frames not held yet; the imports run without a lock. */
+    void holdBuffers(const FrameSet& frames);
+    /* Drops the holds of buffers not in \a kept (all of them for an empty set). */
+    void dropHoldsExcept(const FrameSet& kept);
     /* Ends every camera before \a end in the map: a start that failed half-way. */
     void endStartedBefore(std::unordered_map<std::string, std::weak_ptr<HalCamera>>::iterator end);
 
@@ -94,6 +107,13 @@ class VirtualCamera {
     std::mutex queue_mutex_;
     std::deque<FrameSet> free_sets_;
     int32_t id_;
+    /*
+     * The engine's imports of the buffers lent now, by buffer address (the
+     * weak pointer tells a freed buffer from a new one at the same address).
+     * A leaf lock; imports and releases run outside it.
+     */
+    std::mutex holds_mutex_;
+    std::map<const FrameBuffer*, HeldBuffer> holds_;
     /* Posted to from client threads and the IO thread; a leaf lock. */
     std::mutex events_mutex_;
     std::shared_ptr<detail::EventListenerSlot> events_;
