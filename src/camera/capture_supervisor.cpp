@@ -8,6 +8,8 @@
 
 #include <algorithm>
 
+#include <cutils/properties.h>
+
 #include <marlo/base/error.h>
 #include <marlo/base/logger.h>
 #include <marlo/camera/hal_camera.h>
@@ -50,6 +52,7 @@ CaptureSupervisor::~CaptureSupervisor() = default;
 
 void CaptureSupervisor::begin(bool streaming, int status, int error) {
     stop_requested_ = false;
+    stall_override_ = std::chrono::milliseconds(std::max(0, property_get_int32(kStallProperty, 0)));
     attempts_ = 0;
     failed_dequeues_ = 0;
     backoff_ = kFirstRetry;
@@ -245,6 +248,8 @@ void CaptureSupervisor::arm(std::chrono::milliseconds delay) {
 }
 
 std::chrono::milliseconds CaptureSupervisor::stallTimeout() const {
+    if (stall_override_.count() > 0)
+        return std::max(stall_override_, kMinStall);
     uint32_t us = camera_.frame_interval_us_.load();
     auto interval = us != 0 ? std::chrono::milliseconds((us + 999) / 1000) : kUnknownInterval;
     return std::max(interval * 3, kMinStall);

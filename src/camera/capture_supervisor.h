@@ -41,6 +41,11 @@ class CaptureSupervisor {
     static constexpr std::chrono::milliseconds kUnknownInterval{100};
     /* Dequeues failing in a row, for a reason other than a lost device, count as a loss. */
     static constexpr int kMaxFailedDequeues = 3;
+    /*
+     * Milliseconds without a frame that make a stall, for sensors that need
+     * longer than the derived default; unset or 0 keeps the default.
+     */
+    static constexpr char kStallProperty[] = "persist.vendor.tessaro.marlo.stall.timeout_ms";
 
     explicit CaptureSupervisor(HalCamera& camera);
     ~CaptureSupervisor();
@@ -97,6 +102,8 @@ class CaptureSupervisor {
     /* IO thread only. */
     std::chrono::steady_clock::time_point last_frame_;
     std::chrono::milliseconds backoff_{kFirstRetry};
+    /* The stall property's value when capture started; 0 for the default. */
+    std::chrono::milliseconds stall_override_{0};
     int attempts_ = 0;
     int failed_dequeues_ = 0;
 };

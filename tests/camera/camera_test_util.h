@@ -49,6 +49,8 @@ constexpr char kNode1[] = "/dev/video-share1";
 constexpr char kUnlisted[] = "/dev/video-share9";
 /* Every wait on the IO thread is bounded by this (never a timing assertion). */
 constexpr auto kWait = 10s;
+/* How long without a frame makes a stall; set very long for every test but the stall ones. */
+constexpr char kStallProperty[] = "persist.vendor.tessaro.marlo.stall.timeout_ms";
 
 constexpr char kBoard[] = R"(<?xml version="1.0"?>
 <CameraConfig><board name="Sharing">
@@ -81,10 +83,16 @@ class SysrootEnvironment : public ::testing::Environment {
         /* The helper's tables only follow updates while dumping is on. */
         dumping_ = std::make_unique<marlo_test::ScopedProperty>(
             "persist.vendor.tessaro.marlo.dbgfile.on", "true");
+        /*
+         * Tests hand frames in at their own pace, slowly on a sanitizer or an
+         * emulated machine: no stall is called unless a test asks for it.
+         */
+        stall_ = std::make_unique<marlo_test::ScopedProperty>(kStallProperty, "600000");
         tessaro::marlo::DebugHelper::getInstance();
     }
     void TearDown() override {
         tessaro::marlo::detail::BoardConfigsAccess::Clear();
+        stall_.reset();
         dumping_.reset();
         sysroot_.reset();
     }
@@ -92,6 +100,7 @@ class SysrootEnvironment : public ::testing::Environment {
   private:
     std::unique_ptr<marlo_test::TempSysroot> sysroot_;
     std::unique_ptr<marlo_test::ScopedProperty> dumping_;
+    std::unique_ptr<marlo_test::ScopedProperty> stall_;
 };
 
 inline ::testing::Environment* const kSysrootEnvironment =

@@ -19,6 +19,7 @@
 #include "stream_events_util.h"
 #include "support/fd_count.h"
 #include "support/log_capture.h"
+#include "support/scoped_property.h"
 
 using namespace camera_test;
 using namespace stream_test;
@@ -224,6 +225,8 @@ TEST_F(DeviceLossTest, AClientStartingOnALostDeviceIsToldAtOnce) {
 }
 
 TEST_F(DeviceLossTest, AStalledCaptureIsRestarted) {
+    /* The default: three frame intervals of the node (1/30 s), at least 200 ms. */
+    marlo_test::ScopedProperty stall(kStallProperty, "0");
     Streamer a(1);
     marlo_test::LogCapture log;
     Start(a);
@@ -234,6 +237,17 @@ TEST_F(DeviceLossTest, AStalledCaptureIsRestarted) {
     ASSERT_TRUE(a.events.waitFor(StreamEventType::kDeviceRecovered)) << a.events.dump();
     node_->StartFrames(3ms);
     ASSERT_TRUE(MoreFrames(a, 2));
+    a.stream.CloseCamera();
+}
+
+TEST_F(DeviceLossTest, TheStallTimeoutPropertyLengthensTheWait) {
+    marlo_test::ScopedProperty stall(kStallProperty, "900");
+    Streamer a(1);
+    Start(a);
+    auto started = std::chrono::steady_clock::now();
+    ASSERT_TRUE(a.events.waitFor(StreamEventType::kCaptureStalled)) << a.events.dump();
+    EXPECT_GE(std::chrono::steady_clock::now() - started, 900ms);
+    EXPECT_GE(a.events.first(StreamEventType::kCaptureStalled).timeoutMs, 900u);
     a.stream.CloseCamera();
 }
 
