@@ -1,6 +1,7 @@
 #include "camera/capture_supervisor.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
@@ -12,6 +13,7 @@
 
 #include <marlo/base/error.h>
 #include <marlo/base/logger.h>
+#include <marlo/base/unique_fd.h>
 #include <marlo/camera/hal_camera.h>
 #include <marlo/debug/debug_helper.h>
 
@@ -202,8 +204,20 @@ void CaptureSupervisor::releaseDevice() {
     }
 }
 
+/*
+ * A device that stays gone is tried every second for as long as clients wait: a bare open of the
+ * node first keeps those tries silent and cheap, and only a node that opens again gets the full
+ * open with its log.
+ */
+bool CaptureSupervisor::nodeOpens() const {
+    UniqueFd probe(open(camera_.device_id_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    return probe.isValid();
+}
+
 bool CaptureSupervisor::reopen() {
     ++attempts_;
+    if (!nodeOpens())
+        return false;
     const HalCamera::Geometry asked = camera_.asked_;
     auto fresh = std::make_unique<V4l2Camera>(camera_.device_id_);
     bool ready = fresh->OpenCamera(asked.width, asked.height, asked.format) &&

@@ -88,6 +88,8 @@ class CaptureSupervisor {
     /* Closes the capture node with its buffers: its driver may then go and come back. */
     void releaseDevice();
     /* One retry: open, configure, start. True when the device streams again. */
+    /* Whether the node opens at all, without a log line for a node that is still gone. */
+    bool nodeOpens() const;
     bool reopen();
     void armRetry();
     void arm(std::chrono::milliseconds delay);

@@ -103,6 +103,9 @@ TEST_F(DeviceLossTest, AnUnplugIsReportedAndTheIoThreadSleeps) {
         std::this_thread::sleep_for(300ms);
         EXPECT_LT(ThreadCpuMs("marlo_io") - io, 30.0) << "the IO thread spins after the unplug";
         EXPECT_LT(ProcessCpuMs() - cpu, 60.0) << "the process spins after the unplug";
+        /* The tries of a node that stays gone are silent: no open failure logged for each. */
+        EXPECT_TRUE(log.containsText("capture device not back after 1 attempts")) << log.dump();
+        EXPECT_FALSE(log.containsText("Failed to open a video deivce")) << log.dump();
 
         a.stream.ClientStopStream();
         b.stream.ClientStopStream();
