@@ -161,8 +161,8 @@ TEST_F(DeviceLossTest, ADequeueAnsweringNoDeviceIsRecoveredOnTheSameNode) {
     EXPECT_EQ(a.events.first(StreamEventType::kDeviceLost).systemError, ENODEV);
     ASSERT_TRUE(a.events.waitFor(StreamEventType::kDeviceRecovered)) << a.events.dump();
     ASSERT_TRUE(MoreFrames(a, 2));
-    /* Opened twice: at the start and once more to recover. */
-    EXPECT_EQ(node_->CountRequests(marlo_fake::kOpenRequest), 2u);
+    /* Opened at the start, then probed and opened once more to recover. */
+    EXPECT_EQ(node_->CountRequests(marlo_fake::kOpenRequest), 3u);
     a.stream.CloseCamera();
 }
 
