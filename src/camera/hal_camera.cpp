@@ -145,6 +145,10 @@ int HalCamera::clientStreamStarting(VirtualCamera* starter) {
 int HalCamera::startCaptureLocked(VirtualCamera* starter) {
     /* A loop stopped by a frame callback ends before anything it used changes. */
     io_thread_.JoinStopped();
+    if (!hw_camera_) {
+        CAM_LOG(MARLO_LOG_ERROR, "no capture camera to restart for the clients started meanwhile");
+        return -2;
+    }
 
     /*
      * The stream is on before the IO thread runs: a capture node that does

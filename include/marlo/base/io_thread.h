@@ -19,6 +19,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -82,6 +83,8 @@ class Epoll {
     // First member: the descriptor's fd-sanitizer owner tag is then the
     // address of this object.
     UniqueFd fd_;
+    /* Handlers change on the loop (a handler that stops it) and off it while it waits. */
+    std::mutex handlers_mutex_;
     std::map<int, std::shared_ptr<Event>> handlers_;
 };
 
