@@ -28,10 +28,24 @@ IoThread::IoThread() {
 }
 
 IoThread::~IoThread() {
+    JoinStopped();
     // The loop only ends through the wake-up descriptor; the worker would
     // otherwise be joined forever.
     if (wakeup_.isValid())
         Stop();
+}
+
+bool IoThread::isCurrentThread() const {
+    return worker_.load() == std::this_thread::get_id();
+}
+
+void IoThread::JoinStopped() {
+    if (!stopped_from_handler_ || isCurrentThread())
+        return;
+    // The loop ends once the handler that stopped it and the rest of its batch return.
+    thread_.stop();
+    thread_.join();
+    stopped_from_handler_ = false;
 }
 
 void IoThread::SetTimeout(int ms) {
@@ -55,6 +69,26 @@ void IoThread::Start() {
         marlo_log(MARLO_LOG_WARN, kTag, "Starting IO thread which already started!!");
         return;
     }
+    if (isCurrentThread()) {
+        // Stopped and started again from handlers: the loop this runs on goes on.
+        UniqueFd fd(eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK | EFD_CLOEXEC));
+        if (!fd.isValid() ||
+            RegisterHandler(
+                fd.get(), [this](int fd, unsigned int events) { OnWakeup(fd, events); },
+                EPOLLIN | EPOLLPRI) != 0) {
+            marlo_log(MARLO_LOG_ERROR, kTag, "Restart IO thread from its handler failed: %s",
+                      strerror(errno));
+            return;
+        }
+        wakeup_ = std::move(fd);
+        marlo_log(MARLO_LOG_WARN, kTag, "Starting IO thread wakeup fd(%d)!!", wakeup_.get());
+        stopped_from_handler_ = false;
+        stopped_ = false;
+        return;
+    }
+    // A loop stopped from its own handler may still finish its batch: it
+    // ends before anything here changes what it uses.
+    JoinStopped();
 
     // The loop ended by itself without Stop(): drop the old descriptor's
     // registration before closing it, or its number would stay taken.
@@ -93,7 +127,9 @@ void IoThread::Start() {
         thread_.start([this] {
             // Named, so that top -H and traces tell it apart from the client's threads.
             pthread_setname_np(pthread_self(), "marlo_io");
+            worker_ = std::this_thread::get_id();
             Run();
+            worker_ = std::thread::id();
         });
     } catch (const std::system_error& error) {
         // Failures are reported, never thrown, from here on up.
@@ -144,6 +180,21 @@ void IoThread::Run() {
 }
 
 void IoThread::Stop() {
+    if (isCurrentThread()) {
+        // A handler cannot wait for its own loop: it ends after this batch.
+        marlo_log(MARLO_LOG_WARN, kTag, "Stop IO thread from its own handler, it ends after it");
+        stopped_ = true;
+        stopped_from_handler_ = true;
+        if (wakeup_.isValid()) {
+            UnregisterHandler(wakeup_.get());
+            wakeup_.reset();
+        }
+        return;
+    }
+    if (stopped_from_handler_) {
+        JoinStopped();
+        return;
+    }
     if (wakeup_.isValid()) {
         marlo_log(MARLO_LOG_WARN, kTag, "Try to wakeup IO thread to stop it, fd(%d) !!",
                   wakeup_.get());

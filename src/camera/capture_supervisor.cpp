@@ -201,6 +201,12 @@ void CaptureSupervisor::releaseDevice() {
         camera_.hw_camera_->StopVideoStream();
         /* Closes the node, unmaps and closes its buffers. */
         camera_.hw_camera_.reset();
+        /*
+         * An unopened camera takes its place: a client that stops and starts
+         * again before the device is back starts the retries again, as one
+         * started on a device missing at its opening does.
+         */
+        camera_.hw_camera_ = std::make_unique<V4l2Camera>(camera_.device_id_);
     }
 }
 

@@ -121,8 +121,30 @@ void EventDispatcher::post(std::shared_ptr<EventListenerSlot> slot, StreamEvent 
     std::lock_guard<std::mutex> lock(mutex_);
     if (!running_)
         return;
-    queue_.emplace_back(std::move(slot), std::move(event));
+    queue_.emplace_back(
+        [slot = std::move(slot), event = std::move(event)] { slot->deliver(event); });
     wake_.notify_one();
+}
+
+void EventDispatcher::runLater(std::function<void()> task) {
+    /* The thread runs at least until the task is done. */
+    retain();
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (running_) {
+            queue_.emplace_back([this, task = std::move(task)]() mutable {
+                task();
+                task = nullptr;
+                release();
+            });
+            wake_.notify_one();
+            return;
+        }
+    }
+    /* No thread could be started: done here, as the caller would have. */
+    marlo_log(MARLO_LOG_ERROR, kTag, "Event thread not running, task run on the caller");
+    task();
+    release();
 }
 
 void EventDispatcher::retain() {
@@ -198,12 +220,12 @@ void EventDispatcher::run(uint64_t generation) {
         wake_.wait(lock, [&] { return !queue_.empty() || generation_ != generation || shutdown_; });
         if (generation_ != generation || shutdown_)
             return;
-        auto item = std::move(queue_.front());
+        std::function<void()> task = std::move(queue_.front());
         queue_.pop_front();
         lock.unlock();
-        item.first->deliver(item.second);
+        task();
         /* The last reference to a slot may go here, outside the lock. */
-        item.first.reset();
+        task = nullptr;
         lock.lock();
     }
 }

@@ -5,8 +5,12 @@
  * only queues them, so no listener ever runs under a library lock, and a
  * listener may stop, close or open streams, its own included.
  *
- * The thread runs while at least one listener is registered: it starts with
- * the first EventListenerSlot and ends, joined, when the last one closes.
+ * The same thread finishes what a camera's own IO thread cannot: a client
+ * that closes the last stream of a camera from its frame callback leaves the
+ * camera to be destroyed here, after the IO thread's handler has returned.
+ *
+ * The thread runs while at least one listener is registered or a task is
+ * queued: it starts with the first and ends, joined, after the last.
  */
 #pragma once
 
@@ -14,6 +18,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -72,6 +77,8 @@ class EventDispatcher {
     EventDispatcher& operator=(const EventDispatcher&) = delete;
 
     void post(std::shared_ptr<EventListenerSlot> slot, StreamEvent event);
+    /* Runs \a task on the dispatcher thread, after the events queued before it. */
+    void runLater(std::function<void()> task);
     /* A slot opened: the thread runs from now on. */
     void retain();
     /* A slot closed: the last one ends the thread (joined unless called on it). */
@@ -89,7 +96,7 @@ class EventDispatcher {
 
     std::mutex mutex_;
     std::condition_variable wake_;
-    std::deque<std::pair<std::shared_ptr<EventListenerSlot>, StreamEvent>> queue_;
+    std::deque<std::function<void()>> queue_;
     size_t slots_ = 0;
     bool running_ = false;
     bool shutdown_ = false;

@@ -2,7 +2,9 @@
 
 #include <android/sync.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <linux/videodev2.h>
+#include <string.h>
 
 #include <chrono>
 #include <string>
@@ -101,12 +103,22 @@ void FrameFanOut::operator()(int /*fd*/, unsigned int events) const {
     FANOUT_LOG(MARLO_LOG_VERBOSE, "get virtCam size = %d",
                static_cast<int>(camera_->clients_.size()));
 
-    std::vector<int> fences;
-    camera_->clients_.forEach([this, &buffer, &fences](const std::weak_ptr<VirtualCamera>& client) {
-        serveClient(client, *buffer, fences);
+    /*
+     * The clients of this frame are taken under the list's lock and served
+     * without it: a callback may then stop, close or open streams of this
+     * camera, its own included.
+     */
+    std::vector<std::shared_ptr<VirtualCamera>> clients;
+    camera_->clients_.forEach([&clients](const std::weak_ptr<VirtualCamera>& client) {
+        if (std::shared_ptr<VirtualCamera> virtualCamera = client.lock())
+            clients.push_back(std::move(virtualCamera));
     });
+    std::vector<UniqueFd> fences;
+    for (const std::shared_ptr<VirtualCamera>& client : clients)
+        serveClient(*client, *buffer, fences);
 
-    waitForFences(fences, buffer->GetSequence());
+    /* The frame's copies of the fences are closed before its buffer goes back to the driver. */
+    waitForFences(std::move(fences), buffer->GetSequence());
     if (hw->ReturnFrame(std::move(buffer)) != 0)
         supervisor.onQueueFailed(errno);
 }
@@ -124,24 +136,25 @@ void FrameFanOut::dropErroneous(const V4l2Buffer& buffer) const {
     });
 }
 
-void FrameFanOut::serveClient(const std::weak_ptr<VirtualCamera>& client, const V4l2Buffer& buffer,
-                              std::vector<int>& fences) const {
-    std::shared_ptr<VirtualCamera> virtualCamera = client.lock();
-    if (!virtualCamera || virtualCamera->state() != VirtualCamera::kRunning)
+void FrameFanOut::serveClient(VirtualCamera& client, const V4l2Buffer& buffer,
+                              std::vector<UniqueFd>& fences) const {
+    /* A client that stopped meanwhile is skipped; its stop waits for a delivery begun. */
+    if (!client.beginDelivery())
         return;
-    std::vector<std::shared_ptr<FrameBuffer>> frames = virtualCamera->getAvailableFrames();
+    std::vector<std::shared_ptr<FrameBuffer>> frames = client.getAvailableFrames();
     if (frames.empty()) {
         StreamEvent event = camera_->makeEvent(StreamEventType::kFrameDropped);
         event.sequence = buffer.GetSequence();
-        virtualCamera->postEvent(event);
+        client.postEvent(event);
     }
     for (const std::shared_ptr<FrameBuffer>& frame : frames)
         convertInto(frame, buffer, fences);
-    virtualCamera->forwardFrame(frames);
+    client.forwardFrame(frames);
+    client.endDelivery();
 }
 
 void FrameFanOut::convertInto(const std::shared_ptr<FrameBuffer>& frame, const V4l2Buffer& buffer,
-                              std::vector<int>& fences) const {
+                              std::vector<UniqueFd>& fences) const {
     ImageBuffer dst = DestinationImage(frame);
     /* fd 0 counts as invalid as well: no client buffer is ever standard input. */
     if (dst.fd < 1) {
@@ -190,19 +203,28 @@ void FrameFanOut::convertInto(const std::shared_ptr<FrameBuffer>& frame, const V
 
     FANOUT_LOG(MARLO_LOG_VERBOSE, "fence %d", fence);
     if (fence >= 0) {
-        /* The buffer owns the fence from here; the frame only waits on it. */
-        fences.push_back(fence);
+        /*
+         * The buffer owns the fence from here and its client may close it at
+         * any time: the frame waits on a descriptor of its own.
+         */
+        UniqueFd held(fcntl(fence, F_DUPFD_CLOEXEC, 3));
+        if (held.isValid())
+            fences.push_back(std::move(held));
+        else
+            FANOUT_LOG(MARLO_LOG_ERROR, "fence %d not kept for the wait: %s", fence,
+                       strerror(errno));
         frame->SetFence(fence);
     }
     frame->SetSequence(sequence);
     frame->SetTimestamp(buffer.GetTimestamp());
 }
 
-void FrameFanOut::waitForFences(const std::vector<int>& fences, uint32_t sequence) const {
+void FrameFanOut::waitForFences(std::vector<UniqueFd> fences, uint32_t sequence) const {
     int running = -1;
     unsigned int index = 0;
     std::vector<UniqueFd> merged;
-    for (int fence : fences) {
+    for (const UniqueFd& held : fences) {
+        int fence = held.get();
         if (fence < 0)
             continue;
         /* Raw bytes, not decimal text: the merged fence names are kept as they always were. */
@@ -216,7 +238,7 @@ void FrameFanOut::waitForFences(const std::vector<int>& fences, uint32_t sequenc
 
     if (running >= 0 && sync_wait(running, kFenceWaitMs) != 0)
         FANOUT_LOG(MARLO_LOG_ERROR, "Timeout waiting fence");
-    /* merged closes every merge result; the conversion fences belong to their buffers. */
+    /* merged closes every merge result, fences the frame's own copies of the buffers' fences. */
 }
 
 }  // namespace tessaro::marlo::detail

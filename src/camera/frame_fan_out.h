@@ -15,6 +15,8 @@
 #include <memory>
 #include <vector>
 
+#include <marlo/base/unique_fd.h>
+
 namespace tessaro::marlo {
 
 class FrameBuffer;
@@ -32,14 +34,17 @@ class FrameFanOut {
     void operator()(int fd, unsigned int events) const;
 
   private:
-    /* Converts the frame into \a client's next free set and forwards it. */
-    void serveClient(const std::weak_ptr<VirtualCamera>& client, const V4l2Buffer& buffer,
-                     std::vector<int>& fences) const;
-    /* Writes one buffer of a set; the fence of an asynchronous job goes to \a fences. */
+    /* Converts the frame into \a client's next free set and forwards it, with no lock held. */
+    void serveClient(VirtualCamera& client, const V4l2Buffer& buffer,
+                     std::vector<UniqueFd>& fences) const;
+    /*
+     * Writes one buffer of a set; the fence of an asynchronous job goes to
+     * the buffer, and a copy of it to \a fences for the frame's wait.
+     */
     void convertInto(const std::shared_ptr<FrameBuffer>& frame, const V4l2Buffer& buffer,
-                     std::vector<int>& fences) const;
-    /* Merges the frame's fences and waits for them, at most 100 ms. */
-    void waitForFences(const std::vector<int>& fences, uint32_t sequence) const;
+                     std::vector<UniqueFd>& fences) const;
+    /* Merges the frame's fences and waits for them, at most 100 ms; closes them. */
+    void waitForFences(std::vector<UniqueFd> fences, uint32_t sequence) const;
     /* Drops a frame the driver flagged as erroneous for every running client. */
     void dropErroneous(const V4l2Buffer& buffer) const;
 

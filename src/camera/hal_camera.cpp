@@ -43,17 +43,19 @@ HalCamera::HalCamera(const std::string& deviceId)
 }
 
 HalCamera::~HalCamera() {
+    /* A loop stopped by a frame callback (its client closed the last stream) ends first. */
+    io_thread_.JoinStopped();
     clientStreamclosing();
     /*
      * Capture still running here means a client never stopped. The IO thread
      * must not run the fan-out while the members it uses go away, so the
      * capture is stopped first.
      */
-    std::lock_guard<std::mutex> lock(camera_mutex_);
-    if (capture_state_ == 1) {
+    std::unique_lock<std::mutex> lock(camera_mutex_);
+    if (capture_state_ == kCaptureRunning) {
         CAM_LOG(MARLO_LOG_WARN, "destroyed with %d streaming clients, stopping capture",
                 streaming_clients_.load());
-        stopCaptureLocked();
+        stopCapture(lock, false);
     }
 }
 
@@ -65,7 +67,7 @@ bool HalCamera::clientStreamOpening(int width, int height, int format) {
     format_ = format;
 
     /* While capture runs the capture camera is the IO thread's, even when it is being reopened. */
-    if (capture_state_ == 1) {
+    if (capture_state_ != kCaptureStopped) {
         CAM_LOG(MARLO_LOG_WARN, "already in streaming");
         return true;
     }
@@ -103,7 +105,7 @@ int HalCamera::clientStreamStarting() {
 int HalCamera::clientStreamStarting(VirtualCamera* starter) {
     std::lock_guard<std::mutex> lock(camera_mutex_);
     int count = ++streaming_clients_;
-    if (count < 1 || capture_state_ != 0) {
+    if (count < 1 || capture_state_ != kCaptureStopped) {
         /* Joining a running capture; a device being retried is told at once. */
         if (starter) {
             starter->postEvent(makeEvent(StreamEventType::kStreamStarted));
@@ -116,7 +118,6 @@ int HalCamera::clientStreamStarting(VirtualCamera* starter) {
         }
         return 0;
     }
-
     if (!hw_camera_) {
         /* Started without a successful opening: there is nothing to capture from. */
         CAM_LOG(MARLO_LOG_ERROR, "no hw camera to start, open it first");
@@ -137,6 +138,16 @@ int HalCamera::clientStreamStarting(VirtualCamera* starter) {
             starter->postEvent(failed);
         }
         return ERR_FAILED;
+    }
+    return startCaptureLocked(starter);
+}
+
+int HalCamera::startCaptureLocked(VirtualCamera* starter) {
+    /* A loop stopped by a frame callback ends before anything it used changes. */
+    io_thread_.JoinStopped();
+    if (!hw_camera_) {
+        CAM_LOG(MARLO_LOG_ERROR, "no capture camera to restart for the clients started meanwhile");
+        return -2;
     }
 
     /*
@@ -167,7 +178,7 @@ int HalCamera::clientStreamStarting(VirtualCamera* starter) {
     supervisor_->begin(streaming, status, error);
     io_thread_.Start();
     /* Recorded as running even when the start failed: clientStreamEnding undoes it. */
-    capture_state_ = 1;
+    capture_state_ = kCaptureRunning;
     DebugHelper::getInstance().updateCameraState(device_id_, "RUNNING");
 
     if (starter) {
@@ -183,17 +194,29 @@ int HalCamera::clientStreamStarting(VirtualCamera* starter) {
 }
 
 void HalCamera::clientStreamEnding() {
-    std::lock_guard<std::mutex> lock(camera_mutex_);
+    std::unique_lock<std::mutex> lock(camera_mutex_);
     if (streaming_clients_ >= 1)
         --streaming_clients_;
-    if (streaming_clients_ == 0 && capture_state_ == 1)
-        stopCaptureLocked();
+    if (streaming_clients_ == 0 && capture_state_ == kCaptureRunning)
+        stopCapture(lock, true);
 }
 
-void HalCamera::stopCaptureLocked() {
+void HalCamera::stopCapture(std::unique_lock<std::mutex>& lock, bool mayRestart) {
     /* A retry that has not begun yet does not begin: the stop is not held up by it. */
     supervisor_->requestStop();
-    io_thread_.Stop();
+    if (io_thread_.isCurrentThread()) {
+        /* A frame callback stopped the last stream: its loop ends after this frame. */
+        io_thread_.Stop();
+    } else {
+        /*
+         * The loop is waited for without the camera mutex: a frame callback
+         * running now may start or stop streams of this camera, and takes it.
+         */
+        capture_state_ = kCaptureStopping;
+        lock.unlock();
+        io_thread_.Stop();
+        lock.lock();
+    }
     supervisor_->end();
     if (capture_fd_ >= 0) {
         io_thread_.RemoveHandler(capture_fd_);
@@ -201,8 +224,14 @@ void HalCamera::stopCaptureLocked() {
     }
     if (hw_camera_)
         hw_camera_->StopVideoStream();
-    capture_state_ = 0;
+    capture_state_ = kCaptureStopped;
     DebugHelper::getInstance().updateCameraState(device_id_, "STOPPED");
+
+    if (mayRestart && streaming_clients_ > 0) {
+        /* A callback started a stream while the loop ended: capture goes on for it. */
+        CAM_LOG(MARLO_LOG_INFO, "a client started while capture stopped, starting again");
+        startCaptureLocked(nullptr);
+    }
 }
 
 bool HalCamera::acceptGrantedFormat(V4l2Camera& hw) {
@@ -300,6 +329,10 @@ void HalCamera::setFrameRate(float fps) {
     frame_rate_ = fps > 0 ? fps : 0;
 }
 
+bool HalCamera::onIoThread() const {
+    return io_thread_.isCurrentThread();
+}
+
 bool HalCamera::recovering() const {
     return supervisor_->recovering();
 }
@@ -330,7 +363,7 @@ void HalCamera::clientStreamclosing() {
     CAM_LOG(MARLO_LOG_INFO, "Clients(%d) Streaming(%d) State(%d)", static_cast<int>(clients),
             streaming, capture_state_);
     /* Exactly this condition, the non-zero streaming count included, as log tooling knows it. */
-    if (clients == 0 && streaming != 0 && capture_state_ == 0 && hw_camera_)
+    if (clients == 0 && streaming != 0 && capture_state_ == kCaptureStopped && hw_camera_)
         hw_camera_->shutdown();
 }
 

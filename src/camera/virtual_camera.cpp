@@ -111,7 +111,11 @@ void VirtualCamera::stopVideoStream() {
         return;
     }
 
-    state_ = kStopping;
+    {
+        /* No delivery begins once the state has left running. */
+        std::lock_guard<std::mutex> deliveryLock(delivery_mutex_);
+        state_ = kStopping;
+    }
     for (const auto& entry : hal_cameras_) {
         std::shared_ptr<HalCamera> camera = entry.second.lock();
         if (!camera) {
@@ -119,13 +123,9 @@ void VirtualCamera::stopVideoStream() {
             continue;
         }
         camera->clientStreamEnding();
-        /*
-         * The fan-out serves running clients only, but one frame may have
-         * found this client running just before the state changed. Waiting
-         * for that frame keeps its forwardFrame off the callback cleared below.
-         */
-        camera->waitForFrameFanOut();
     }
+    /* A frame being delivered to this client ends before the callback is cleared below. */
+    waitForDeliveries();
 
     state_ = kStopped;
     setCallback(nullptr);
@@ -253,6 +253,30 @@ void VirtualCamera::forwardFrame(std::vector<std::shared_ptr<FrameBuffer>> frame
     if (!callback)
         return;
     callback(frames);
+}
+
+bool VirtualCamera::beginDelivery() {
+    std::lock_guard<std::mutex> lock(delivery_mutex_);
+    if (state_.load() != kRunning)
+        return false;
+    ++deliveries_;
+    deliverer_ = std::this_thread::get_id();
+    return true;
+}
+
+void VirtualCamera::endDelivery() {
+    std::lock_guard<std::mutex> lock(delivery_mutex_);
+    if (--deliveries_ == 0)
+        deliverer_ = std::thread::id();
+    delivery_done_.notify_all();
+}
+
+void VirtualCamera::waitForDeliveries() {
+    std::unique_lock<std::mutex> lock(delivery_mutex_);
+    /* A callback stopping its own stream cannot wait for itself. */
+    if (deliverer_ == std::this_thread::get_id())
+        return;
+    delivery_done_.wait(lock, [this] { return deliveries_ == 0; });
 }
 
 void VirtualCamera::setCallback(FrameCallback callback) {

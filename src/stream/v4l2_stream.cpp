@@ -143,6 +143,8 @@ struct DeviceUse {
     uint64_t opens = 0;
     /* Left the registry; being shut and released by the close that erased it. */
     bool retiring = false;
+    /* Closed from a frame callback: the IO thread it is released after. */
+    std::thread::id retiringFrom;
 };
 
 std::unordered_map<std::string, DeviceUse> g_device_uses;
@@ -214,6 +216,16 @@ std::unordered_map<std::string, std::shared_ptr<HalCamera>> V4l2Stream::active_c
     MakeRegistry();
 std::mutex V4l2Stream::active_cameras_mutex_;
 
+bool V4l2Stream::RetireCamera(std::shared_ptr<HalCamera>& hal) {
+    std::string deviceId = hal->deviceId();
+    bool last = ReleaseLastReference(hal);
+    /* Opens of the device waited for this. */
+    std::lock_guard<std::mutex> lock(active_cameras_mutex_);
+    g_device_uses.erase(deviceId);
+    g_device_retired.notify_all();
+    return last;
+}
+
 #define STRM_LOG(severity, fmt, ...)                                                       \
     marlo_log(severity, kTag, "V4LSTRM(%s-%d) %s:%d " fmt, device_id_.c_str(), client_id_, \
               __func__, __LINE__, ##__VA_ARGS__)
@@ -250,6 +262,13 @@ int V4l2Stream::OpenCamera(int clientId, std::string deviceId, int width, int he
     {
         std::unique_lock<std::mutex> lock(active_cameras_mutex_);
         if (Retiring(deviceId)) {
+            if (g_device_uses[deviceId].retiringFrom == std::this_thread::get_id()) {
+                /* Its camera goes only once this very frame callback has returned. */
+                STRM_LOG(MARLO_LOG_ERROR,
+                         "%s was closed in this frame callback: open it after the callback",
+                         deviceId.c_str());
+                return kFailed;
+            }
             /* A second camera would find the device still held by the first. */
             STRM_LOG(MARLO_LOG_INFO, "waiting for the closing camera of %s", deviceId.c_str());
             g_device_retired.wait(lock, [&deviceId] { return !Retiring(deviceId); });
@@ -326,14 +345,24 @@ void V4l2Stream::CloseCamera() {
         }
     }
     for (std::shared_ptr<HalCamera>& hal : retired) {
+        if (hal->onIoThread()) {
+            /*
+             * Closed from the camera's own frame callback: the camera cannot
+             * go while its IO thread runs that callback. It goes on the event
+             * thread, once the callback has returned.
+             */
+            {
+                std::lock_guard<std::mutex> lock(active_cameras_mutex_);
+                g_device_uses[hal->deviceId()].retiringFrom = std::this_thread::get_id();
+            }
+            detail::EventDispatcher::Instance().runLater(
+                [hal = std::move(hal)]() mutable { RetireCamera(hal); });
+            continue;
+        }
         std::string deviceId = hal->deviceId();
-        if (!ReleaseLastReference(hal))
+        if (!RetireCamera(hal))
             STRM_LOG(MARLO_LOG_WARN, "camera of %s still held elsewhere, destroyed there",
                      deviceId.c_str());
-        /* Opens of the device waited for this. */
-        std::lock_guard<std::mutex> lock(active_cameras_mutex_);
-        g_device_uses.erase(deviceId);
-        g_device_retired.notify_all();
     }
 
     uint32_t state = state_.load();
@@ -349,9 +378,10 @@ void V4l2Stream::CloseCamera() {
     }
 
     virtual_camera_.reset();
+    std::shared_ptr<FrameCallback> callback;
     {
         std::lock_guard<std::mutex> lock(callback_mutex_);
-        frame_callback_ = nullptr;
+        std::swap(callback, frame_callback_);
     }
     client_id_ = -1;
 }
@@ -364,9 +394,10 @@ int V4l2Stream::ClientStartStream(
     }
 
     /* Stored before the state check: a refused start still replaces the callback. */
+    std::shared_ptr<FrameCallback> stored = std::make_shared<FrameCallback>(std::move(callback));
     {
         std::lock_guard<std::mutex> lock(callback_mutex_);
-        frame_callback_ = std::move(callback);
+        std::swap(frame_callback_, stored);
     }
 
     uint32_t state = state_.load();
@@ -412,15 +443,20 @@ void V4l2Stream::ClientStopStream() {
 void V4l2Stream::ClientDeliverFrame(std::vector<std::shared_ptr<FrameBuffer>> frames) {
     /*
      * The stored callback itself is invoked, so a client's stateful callable
-     * keeps its state from frame to frame; the lock keeps a refused second
-     * start from replacing it meanwhile.
+     * keeps its state from frame to frame. No lock is held while it runs: a
+     * start replacing it meanwhile leaves this call to the old one, which
+     * lives until the call returns.
      */
-    std::lock_guard<std::mutex> lock(callback_mutex_);
+    std::shared_ptr<FrameCallback> callback;
+    {
+        std::lock_guard<std::mutex> lock(callback_mutex_);
+        callback = frame_callback_;
+    }
     /* Without a callback the set is neither delivered nor given back. */
-    if (!frame_callback_)
+    if (!callback || !*callback)
         return;
     std::vector<std::shared_ptr<FrameBuffer>> copy = frames;
-    frame_callback_(copy);
+    (*callback)(copy);
 }
 
 int V4l2Stream::ClientReturnFrame(std::vector<std::shared_ptr<FrameBuffer>> frames) {

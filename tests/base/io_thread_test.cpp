@@ -624,6 +624,39 @@ TEST(IoThread, StopReturnsOnlyAfterTheRunningHandlerReturned) {
     io.RemoveHandler(pipe.reader());
 }
 
+TEST(IoThread, AStopFromItsOwnHandlerEndsTheLoopAndIsJoinedLater) {
+    Pipe pipe;
+    std::atomic<int> calls{0};
+    std::atomic<bool> onWorker{false};
+    Gate stopped;
+    /* Last: its loop is joined before what the handler uses goes. */
+    IoThread io;
+    io.AddHandler(
+        pipe.reader(),
+        [&](int, unsigned) {
+            pipe.drain();
+            ++calls;
+            onWorker = io.isCurrentThread();
+            /* Cannot wait for itself: returns at once, the loop ends after this batch. */
+            io.Stop();
+            stopped.open();
+        },
+        EPOLLIN);
+    io.Start();
+    EXPECT_FALSE(io.isCurrentThread());
+    pipe.signal();
+    stopped.wait();
+    EXPECT_TRUE(onWorker);
+    io.JoinStopped();
+    /* The loop no longer runs: a new event waits for the next start. */
+    pipe.signal();
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(calls.load(), 1);
+    io.Start();
+    EXPECT_TRUE(WaitFor([&] { return calls.load() == 2; }));
+    io.RemoveHandler(pipe.reader());
+}
+
 TEST(IoThread, HandlersStayRegisteredAcrossStopAndStart) {
     LogCapture capture;
     IoThread io;

@@ -1,7 +1,12 @@
 #include "sync_recorder.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
+#include <linux/kcmp.h>
+#include <stdlib.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <mutex>
 
@@ -32,6 +37,29 @@ int PlatformMerge(const char* name, int fd1, int fd2) {
 int PlatformWait(int fd, int timeout) {
     static WaitFn next = reinterpret_cast<WaitFn>(dlsym(RTLD_NEXT, "sync_wait"));
     return next ? next(fd, timeout) : -1;
+}
+
+bool SameFile(int a, int b) {
+    pid_t self = getpid();
+    return syscall(SYS_kcmp, self, self, KCMP_FILE, a, b) == 0;
+}
+
+/* The descriptors other than \a fd open on the same file. */
+std::vector<int> Twins(int fd) {
+    std::vector<int> twins;
+    DIR* dir = fd >= 0 ? opendir("/proc/self/fd") : nullptr;
+    if (!dir)
+        return twins;
+    int listing = dirfd(dir);
+    while (struct dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] == '.')
+            continue;
+        int other = atoi(entry->d_name);
+        if (other != fd && other != listing && SameFile(fd, other))
+            twins.push_back(other);
+    }
+    closedir(dir);
+    return twins;
 }
 
 void Begin(bool passThrough, bool signalled) {
@@ -84,7 +112,7 @@ extern "C" int sync_merge(const char* name, int fd1, int fd2) {
         return PlatformMerge(name, fd1, fd2);
     int fd =
         r.passThrough ? PlatformMerge(name, fd1, fd2) : eventfd(r.signalled ? 1 : 0, EFD_CLOEXEC);
-    r.merges.push_back({name ? name : "", fd1, fd2, fd});
+    r.merges.push_back({name ? name : "", fd1, fd2, fd, Twins(fd2)});
     return fd;
 }
 

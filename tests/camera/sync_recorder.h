@@ -19,6 +19,8 @@ struct Merge {
     int fd1;
     int fd2;
     int result;
+    /* The other descriptors open on fd2's file at the merge: what fd2 may be a copy of. */
+    std::vector<int> fd2Twins;
 };
 
 struct Wait {

@@ -212,6 +212,33 @@ TEST_F(DeviceLossTest, ADeviceMissingAtTheStartIsPickedUpWhenItAppears) {
     a.stream.CloseCamera();
 }
 
+TEST_F(DeviceLossTest, AClientRestartingWhileTheDeviceIsGoneGetsItBackWhenItReturns) {
+    Streamer a(1);
+    Start(a);
+    node_->StartFrames(3ms);
+    ASSERT_TRUE(MoreFrames(a, 1));
+    node_->Disconnect();
+    marlo_fake::RemoveNode(kNode0);
+    ASSERT_TRUE(a.events.waitFor(StreamEventType::kDeviceLost));
+    node_->StopFrames();
+
+    /* Stopped, lent again and started while the node is gone: the start is refused and retried. */
+    a.stream.ClientStopStream();
+    marlo_test::LogCapture log;
+    EXPECT_EQ(LendAndStart(a.stream, a.client, a.frame), 0);
+    ASSERT_TRUE(a.events.waitFor(StreamEventType::kStartFailed)) << a.events.dump();
+    EXPECT_TRUE(log.containsText("capture device not open, retrying in the background"))
+        << log.dump();
+    EXPECT_FALSE(log.containsText("open it first")) << log.dump();
+
+    auto back = marlo_fake::AddVideoNode(kNode0);
+    back->StartFrames(3ms);
+    ASSERT_TRUE(a.events.waitFor(StreamEventType::kDeviceRecovered)) << a.events.dump();
+    ASSERT_TRUE(MoreFrames(a, 2));
+    a.stream.CloseCamera();
+    back->StopFrames();
+}
+
 TEST_F(DeviceLossTest, AClientStartingOnALostDeviceIsToldAtOnce) {
     Streamer a(1), late(2);
     Start(a);
@@ -246,8 +273,9 @@ TEST_F(DeviceLossTest, AStalledCaptureIsRestarted) {
 TEST_F(DeviceLossTest, TheStallTimeoutPropertyLengthensTheWait) {
     marlo_test::ScopedProperty stall(kStallProperty, "900");
     Streamer a(1);
-    Start(a);
+    /* Taken before the start: the watchdog counts from the stream-on inside it. */
     auto started = std::chrono::steady_clock::now();
+    Start(a);
     ASSERT_TRUE(a.events.waitFor(StreamEventType::kCaptureStalled)) << a.events.dump();
     EXPECT_GE(std::chrono::steady_clock::now() - started, 900ms);
     EXPECT_GE(a.events.first(StreamEventType::kCaptureStalled).timeoutMs, 900u);

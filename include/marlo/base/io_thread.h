@@ -19,6 +19,8 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include <marlo/base/thread.h>
@@ -81,6 +83,8 @@ class Epoll {
     // First member: the descriptor's fd-sanitizer owner tag is then the
     // address of this object.
     UniqueFd fd_;
+    /* Handlers change on the loop (a handler that stops it) and off it while it waits. */
+    std::mutex handlers_mutex_;
     std::map<int, std::shared_ptr<Event>> handlers_;
 };
 
@@ -101,7 +105,8 @@ class IoThread : public Epoll {
 
     /*
      * Creates the wake-up descriptor and starts the loop on the worker
-     * thread. A failure is logged and leaves the loop stopped.
+     * thread. A failure is logged and leaves the loop stopped. Called from a
+     * handler after a Stop() from a handler, the loop simply goes on.
      */
     void Start();
     /* The loop run on the worker thread. */
@@ -109,9 +114,20 @@ class IoThread : public Epoll {
     /*
      * Wakes the loop, waits for the handler running now and the worker to
      * finish, and removes the wake-up descriptor. Other handlers stay
-     * registered. Must not be called from a handler.
+     * registered. Called from a handler, it cannot wait for itself: the loop
+     * ends after the events of this wait, and the worker is joined by the
+     * next Start(), Stop() or JoinStopped() of another thread, or the
+     * destructor.
      */
     void Stop();
+    /*
+     * Joins a loop that was stopped from one of its own handlers, once its
+     * last handler has returned; does nothing otherwise, or when called from
+     * a handler. Code that changes what the handlers use calls it first.
+     */
+    void JoinStopped();
+    /* Whether the calling thread is the loop's worker (a handler runs on it). */
+    bool isCurrentThread() const;
 
     /* The wake-up eventfd, -1 when the loop is not started. */
     int wakeupFd() const { return wakeup_.get(); }
@@ -125,6 +141,10 @@ class IoThread : public Epoll {
     std::atomic<bool> stopped_{true};
     std::atomic<int> timeout_{-1};
     UniqueFd wakeup_;
+    /* The worker running Run(), a default id when none runs. */
+    std::atomic<std::thread::id> worker_{};
+    /* Stop() came from a handler: the worker ends by itself and is joined later. */
+    std::atomic<bool> stopped_from_handler_{false};
 };
 
 }  // namespace tessaro::marlo

@@ -92,7 +92,8 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
     /* Returns once a frame being fanned out now has been delivered. */
     void waitForFrameFanOut() const { clients_.barrier(); }
 
-    /* 0 stopped, 1 running (read under the camera mutex). */
+    /* 0 stopped, 1 running (read under the camera mutex); 2 while a stop waits for the IO thread.
+     */
     int32_t captureState();
     int32_t streamingClients() const { return streaming_clients_.load(); }
     /* The geometry last given to clientStreamOpening. */
@@ -103,6 +104,8 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
     V4l2Camera* hwCamera() const { return hw_camera_.get(); }
     /* Whether capture runs without a working device and is being retried. */
     bool recovering() const;
+    /* Whether the calling thread is this camera's IO thread (a frame callback runs on it). */
+    bool onIoThread() const;
 
     /*
      * Has the 2D engine keep its import of a client's buffer while the
@@ -122,8 +125,20 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
         int32_t format;
     };
 
-    /* Capture stop shared by clientStreamEnding and the destructor; camera mutex held. */
-    void stopCaptureLocked();
+    static constexpr int32_t kCaptureStopped = 0;
+    static constexpr int32_t kCaptureRunning = 1;
+    /* Between a stop's decision and the end of the IO thread's loop. */
+    static constexpr int32_t kCaptureStopping = 2;
+
+    /* The first start of capture; camera mutex held. */
+    int startCaptureLocked(VirtualCamera* starter);
+    /*
+     * Capture stop shared by clientStreamEnding and the destructor; \a lock
+     * holds the camera mutex, which is let go while the IO thread is waited
+     * for. With \a mayRestart, a client that started meanwhile gets capture
+     * started again.
+     */
+    void stopCapture(std::unique_lock<std::mutex>& lock, bool mayRestart);
     /*
      * Reads what the driver granted at the open of \a hw, describes the
      * source with it when it differs from what was asked, and tells the

@@ -10,12 +10,14 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -60,6 +62,14 @@ class VirtualCamera {
     std::vector<std::shared_ptr<FrameBuffer>> getAvailableFrames();
     /* Hands a filled set to the client's callback, on the calling thread. */
     void forwardFrame(std::vector<std::shared_ptr<FrameBuffer>> frames);
+
+    /*
+     * Brackets the fan-out's serving of one frame to this client (no lock is
+     * held meanwhile): false when the client does not run, and a stop from
+     * another thread returns only after a delivery that began has ended.
+     */
+    bool beginDelivery();
+    void endDelivery();
     /* Queues a set the client gives back (or lends anew). */
     void doneWithFrame(std::vector<std::shared_ptr<FrameBuffer>> frames);
 
@@ -84,6 +94,11 @@ class VirtualCamera {
     };
 
     void setCallback(FrameCallback callback);
+    /*
+     * Returns once no delivery to this client is under way, except one on
+     * the calling thread (a callback stopping its own stream).
+     */
+    void waitForDeliveries();
     /* Holds every buffer of \a frames not held yet; the imports run without a lock. */
     void holdBuffers(const FrameSet& frames);
     /* Drops the holds of buffers not in \a kept (all of them for an empty set). */
@@ -94,6 +109,11 @@ class VirtualCamera {
     std::unordered_map<std::string, std::weak_ptr<HalCamera>> hal_cameras_;
     std::atomic<int32_t> state_{kStopped};
     std::mutex stream_mutex_;
+    /* A leaf lock: the state leaves running under it, so no delivery begins after. */
+    std::mutex delivery_mutex_;
+    std::condition_variable delivery_done_;
+    int deliveries_ = 0;
+    std::thread::id deliverer_;
     /*
      * Replaced by a start while frames flow, read by forwardFrame on the IO
      * thread: callback_mutex_ guards the swap and the copy forwardFrame

@@ -130,9 +130,9 @@ class V4l2Stream {
     void CloseCamera();
     /*
      * Opens the hardware on first use and starts the stream; frames reach
-     * \a callback on the camera's IO thread. The callback may return sets
-     * and query parameters, but must not open, start, stop or close streams
-     * of the same camera. 0 or -2.
+     * \a callback on the camera's IO thread, with no library lock held: it
+     * may return sets, query parameters, and open, start, stop or close
+     * streams, its own included. 0 or -2.
      */
     int ClientStartStream(std::function<void(std::vector<std::shared_ptr<FrameBuffer>>)> callback);
     void ClientStopStream();
@@ -185,19 +185,23 @@ class V4l2Stream {
   private:
     friend struct detail::StreamRegistryAccess;
 
+    /*
+     * Destroys a camera that left the registry (after short holds of other
+     * threads) and lets opens of its device go on. False when another
+     * holder kept it longer; it goes with that holder then.
+     */
+    static bool RetireCamera(std::shared_ptr<HalCamera>& hal);
+
     std::atomic<uint32_t> state_{0};
     std::string device_id_;
     std::shared_ptr<VirtualCamera> virtual_camera_;
-    FrameCallback frame_callback_;
+    /* Shared with a call under way, so a replacement never destroys a running callback. */
+    std::shared_ptr<FrameCallback> frame_callback_;
     int32_t width_ = 0;
     int32_t height_ = 0;
     int32_t format_ = 0;
     int32_t client_id_ = -1;
-    /*
-     * The IO thread runs the callback while a refused second start may
-     * replace it on the client's thread; this keeps the two apart. Held for
-     * the whole call of the callback.
-     */
+    /* Guards frame_callback_; never held while the callback runs. */
     std::mutex callback_mutex_;
     /* The client's event listener; handed to every virtual camera this stream opens. */
     std::shared_ptr<detail::EventListenerSlot> events_;
