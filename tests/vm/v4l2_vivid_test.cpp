@@ -206,8 +206,13 @@ TEST_P(VividTest, StreamingDeliversSequencedTimestampedColourBars) {
             EXPECT_GT(timestamp, previous);
             previous = timestamp;
             const v4l2_buffer* record = buffer->GetBuffer();
-            /* Multi-planar sizes are in the plane records, which the dequeue does not keep. */
-            if (!MultiPlanar()) {
+            /* Multi-planar sizes are in the plane records, which the buffer keeps. */
+            if (MultiPlanar()) {
+                ASSERT_EQ(record->m.planes, buffer->plane_records);
+                ASSERT_EQ(record->length, 1u);
+                EXPECT_EQ(record->m.planes[0].bytesused, kWidth * kHeight * 2);
+                EXPECT_EQ(record->m.planes[0].length, buffer->GetLength(0));
+            } else {
                 EXPECT_EQ(record->bytesused, kWidth * kHeight * 2);
             }
             EXPECT_TRUE(record->flags & V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC);
@@ -342,6 +347,44 @@ INSTANTIATE_TEST_SUITE_P(Vivid, VividTest,
                              return info.param == Vivid::kSinglePlanar ? "SinglePlanar"
                                                                        : "MultiPlanar";
                          });
+
+/* Two-plane NV12 on the multi-planar instance: each plane's bytesused is the driver's. */
+TEST(VividMultiPlanar, EachPlanesBytesUsedIsKeptAfterTheDequeue) {
+    std::string node = marlo_vm::VividCaptureNode(Vivid::kMultiPlanar);
+    ASSERT_FALSE(node.empty());
+    ASSERT_GT(marlo_vm::SetFrameRate(node, 30), 0.0);
+    FdLeakCheck leaks;
+    {
+        V4l2VideoDevice device(node);
+        ASSERT_EQ(device.Open(true), 0);
+        ASSERT_EQ(device.QueryCap(), 0);
+        ASSERT_EQ(device.SetFormat(kWidth, kHeight, V4L2_PIX_FMT_NV12M), 0);
+        ASSERT_EQ(device.NumPlanes(), 2u);
+        ASSERT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 3);
+        ASSERT_EQ(device.QueryBuffer(), 0);
+        while (auto buffer = device.GetBuffer())
+            ASSERT_EQ(device.QueueBuffer(std::move(buffer)), 0);
+        ASSERT_EQ(device.StreamOn(), 0);
+        std::vector<std::unique_ptr<V4l2Buffer>> held;
+        for (int frame = 0; frame < 2; ++frame) {
+            held.push_back(device.DequeBuffer());
+            ASSERT_NE(held.back(), nullptr);
+        }
+        /* Read after a later dequeue: the records are the buffers' own. */
+        for (const auto& buffer : held) {
+            const v4l2_buffer* record = buffer->GetBuffer();
+            ASSERT_EQ(record->m.planes, buffer->plane_records);
+            ASSERT_EQ(record->length, 2u);
+            EXPECT_EQ(record->m.planes[0].bytesused, kWidth * kHeight);
+            EXPECT_EQ(record->m.planes[1].bytesused, kWidth * kHeight / 2);
+            EXPECT_EQ(record->m.planes[1].length, buffer->GetLength(1));
+        }
+        for (auto& buffer : held)
+            ASSERT_EQ(device.QueueBuffer(std::move(buffer)), 0);
+        ASSERT_EQ(device.StreamOff(), 0);
+    }
+    EXPECT_TRUE(leaks.unchanged());
+}
 
 /* A module reload takes the nodes away and brings fresh ones that stream. */
 TEST(VividReload, NodesComeBackAndStream) {
