@@ -698,16 +698,21 @@ int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) 
     Clock::time_point started = Clock::now();
     Clock::time_point deadline = started + std::chrono::seconds(options.seconds);
     Clock::time_point nextProgress = started + std::chrono::seconds(2);
+    bool wasDown = false;
     auto seconds = [&] { return std::chrono::duration<double>(Clock::now() - started).count(); };
     for (;;) {
         bool done = true;
         for (auto& client : clients)
             done = done && client->frames() >= options.frames;
-        /* What the events changed shows on a progress line at once. */
+        /* What the events changed, and the first frames after an outage, show at once. */
         bool events = PrintEventLines(eventLines, seconds(), out);
         if (done || Clock::now() >= deadline)
             break;
-        if (events || Clock::now() >= nextProgress) {
+        bool down = false;
+        for (auto& client : clients)
+            down = down || client->health().down();
+        if (events || down != wasDown || Clock::now() >= nextProgress) {
+            wasDown = down;
             PrintProgress(seconds(), clients, out);
             nextProgress = Clock::now() + std::chrono::seconds(2);
         }

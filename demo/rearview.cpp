@@ -291,14 +291,17 @@ int RunRearview(int argc, char** argv, std::ostream& out, std::ostream& err) {
     Clock::time_point started = Clock::now();
     Clock::time_point deadline = started + std::chrono::seconds(options.seconds);
     Clock::time_point nextProgress = started;
+    bool wasDown = false;
     while (Clock::now() < deadline) {
         if (options.frames > 0 &&
             displayClient.shown().frames() >= static_cast<uint64_t>(options.frames))
             break;
         double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
-        /* What the events changed shows on the progress line at once. */
+        /* What the events changed, and the first frame after an outage, show at once. */
         bool events = PrintEventLines(eventLines, elapsed, terminal, out);
-        if (events || Clock::now() >= nextProgress) {
+        bool down = displayClient.health().down();
+        if (events || down != wasDown || Clock::now() >= nextProgress) {
+            wasDown = down;
             PrintProgress(elapsed, displayClient, recorder, terminal, out);
             nextProgress = Clock::now() +
                            (terminal ? std::chrono::milliseconds(500) : std::chrono::seconds(2));

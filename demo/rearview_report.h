@@ -18,7 +18,8 @@ namespace marlo_demo {
 
 /*
  * "camera live", or "CAMERA LOST 1.2 s, last picture kept" (STALLED, NOT
- * STARTED) while \a display has had no frame since an outage, at \a nowNs.
+ * STARTED, RECOVERING) while \a display has had no frame since an outage, at
+ * \a nowNs.
  */
 std::string CameraState(const StreamHealth::Summary& display, uint64_t nowNs);
 

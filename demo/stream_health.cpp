@@ -115,6 +115,9 @@ void StreamHealth::Handle(const StreamEvent& event) {
             break;
         case StreamEventType::kDeviceRecovered:
             ++counts_.recovered;
+            /* Reopened and streaming; the outage ends with the first frame. */
+            if (counts_.down)
+                counts_.downCause = "recovering";
             break;
         case StreamEventType::kFormatAdjusted:
             ++counts_.adjusted;

@@ -58,7 +58,11 @@ class StreamHealth {
         uint64_t dropped = 0;
         /* From each outage's first event to the client's next frame, in order. */
         std::vector<double> backAfterMs;
-        /* No frame since the last loss, stall or refusal; since when, and which it was. */
+        /*
+         * No frame since the last loss, stall or refusal; since when, and
+         * which it was ("lost", "stalled", "not started"; "recovering" once
+         * the library has the camera streaming again).
+         */
         bool down = false;
         uint64_t downSinceNs = 0;
         std::string downCause;

@@ -68,6 +68,8 @@ TEST(StreamHealth, AnOutageLastsFromItsFirstEventToTheNextFrame) {
     EXPECT_EQ(marlo_demo::CameraState(health.Summarize(), 1600 * kMs),
               "CAMERA LOST 1.5 s, last picture kept");
     listener(Event(StreamEventType::kDeviceRecovered, 500 * kMs));
+    EXPECT_EQ(marlo_demo::CameraState(health.Summarize(), 600 * kMs),
+              "CAMERA RECOVERING 0.5 s, last picture kept");
     EXPECT_TRUE(health.OnFrame(512 * kMs));
     EXPECT_FALSE(health.OnFrame(520 * kMs));
     listener(Event(StreamEventType::kFrameDropped, 600 * kMs));

@@ -191,10 +191,21 @@ TEST_P(VividTest, StreamingDeliversSequencedTimestampedColourBars) {
         ASSERT_EQ(device.StreamOn(), 0);
         uint64_t started = MonotonicNs();
         uint64_t previous = 0;
+        uint32_t sequence = 0;
         for (uint32_t frame = 0; frame < 8; ++frame) {
             std::unique_ptr<V4l2Buffer> buffer = device.DequeBuffer();
             ASSERT_NE(buffer, nullptr);
-            EXPECT_EQ(buffer->GetSequence(), frame);
+            /*
+             * The driver's count from 0. A frame vivid had no free buffer
+             * for, when the emulated machine is slow to hand one back, is
+             * skipped in the count, never repeated.
+             */
+            if (frame == 0) {
+                EXPECT_EQ(buffer->GetSequence(), 0u);
+            } else {
+                EXPECT_GT(buffer->GetSequence(), sequence);
+            }
+            sequence = buffer->GetSequence();
             uint64_t timestamp = buffer->GetTimestamp();
             /*
              * Monotonic clock stamps near now. vivid stamps a frame with the
@@ -223,6 +234,7 @@ TEST_P(VividTest, StreamingDeliversSequencedTimestampedColourBars) {
             }
             ASSERT_EQ(device.QueueBuffer(std::move(buffer)), 0);
         }
+        EXPECT_LE(sequence, 7u + 2u) << "more than two frames skipped in eight";
         ASSERT_EQ(device.StreamOff(), 0);
         /* Stream off hands every buffer back. */
         int unqueued = 0;
