@@ -26,16 +26,8 @@ export MARLO_VM_KVM=${MARLO_VM_KVM:-0}
 cache="$build/vm-cache"
 screen="$build/rearview_screen.png"
 sheet="$build/rearview_sheet.png"
-started=$(date +%s)
-phase_start=$started
-timings=""
-# phase NAME: adds the time since the previous phase to the summary.
-phase() {
-    local now
-    now=$(date +%s)
-    timings="$timings $1 $((now - phase_start)) s,"
-    phase_start=$now
-}
+# shellcheck source=scripts/phases.sh
+source scripts/phases.sh
 
 scripts/setup.sh
 scripts/vm/fetch.sh "$cache"

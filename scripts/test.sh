@@ -3,12 +3,26 @@
 # Under CI (CI=true) warnings are errors and the unit tests also run in an
 # AddressSanitizer + UndefinedBehaviorSanitizer build and in a
 # ThreadSanitizer build with lock-order checks. Outside CI,
-# MARLO_SANITIZE_TESTS=1 and MARLO_TSAN_TESTS=1 ask for them. Last, the
-# release build's real-kernel suites run in a QEMU machine (tests/vm/run.sh).
+# MARLO_SANITIZE_TESTS=1 and MARLO_TSAN_TESTS=1 ask for them.
+# Always: the arm64 cross build (release) with its unit suites inside an
+# emulated arm64 machine (MARLO_ARM64_TESTS=0 skips it outside CI), the
+# vendor build's checks (Android.bp formatting, a clang build with
+# -Wthread-safety), the release build's suites and, last, the release
+# build's real-kernel suites in a QEMU machine (tests/vm/run.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/setup.sh
+# shellcheck source=scripts/phases.sh
+source scripts/phases.sh
+
+ARM64=${MARLO_ARM64_TESTS:-1}
+[ "${CI:-}" = "true" ] && ARM64=1
+if [ "$ARM64" = "1" ]; then
+    scripts/setup.sh --arm64
+else
+    scripts/setup.sh
+fi
+phase setup
 
 JOBS=$(nproc)
 WERROR=OFF
@@ -27,6 +41,7 @@ if [ "${CI:-}" = "true" ] || [ "${MARLO_SANITIZE_TESTS:-}" = "1" ]; then
     echo "== address + undefined sanitizer build =="
     run_suite build-asan -DMARLO_SANITIZE=address,undefined -DMARLO_BUILD_BENCHMARKS=OFF \
         -DCMAKE_BUILD_TYPE=Debug
+    phase asan
 fi
 
 if [ "${CI:-}" = "true" ] || [ "${MARLO_TSAN_TESTS:-}" = "1" ]; then
@@ -34,10 +49,40 @@ if [ "${CI:-}" = "true" ] || [ "${MARLO_TSAN_TESTS:-}" = "1" ]; then
     TSAN_OPTIONS="detect_deadlocks=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
         run_suite build-tsan -DMARLO_SANITIZE=thread -DMARLO_BUILD_BENCHMARKS=OFF \
         -DCMAKE_BUILD_TYPE=Debug
+    phase tsan
 fi
+
+if [ "$ARM64" = "1" ]; then
+    echo "== arm64 cross build (release) =="
+    cmake -S . -B build-arm64 -G Ninja -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-linux-gnu.cmake \
+        -DMARLO_WERROR=$WERROR >/dev/null
+    cmake --build build-arm64 -j "$JOBS"
+    phase arm64-build
+    echo "== arm64 unit suites (qemu-system-aarch64, emulated Cortex-A72) =="
+    MARLO_VM_ARCH=arm64 scripts/vm/run-suites.sh build-arm64
+    phase arm64-suites
+fi
+
+echo "== vendor build checks: Android.bp format, clang with -Wthread-safety =="
+bpfmt_diff=$(bpfmt -d Android.bp)
+if [ -n "$bpfmt_diff" ]; then
+    echo "$bpfmt_diff"
+    echo "Android.bp is not formatted as bpfmt formats it (bpfmt -w Android.bp)" >&2
+    exit 1
+fi
+phase bpfmt
+CC=clang CXX=clang++ cmake -S . -B build-clang -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DMARLO_THREAD_SAFETY=ON -DMARLO_WERROR=ON -DMARLO_BUILD_TESTS=OFF \
+    -DMARLO_BUILD_BENCHMARKS=OFF >/dev/null
+cmake --build build-clang -j "$JOBS"
+phase clang-thread-safety
 
 echo "== release build =="
 run_suite build
+phase release
 
 echo "== real-kernel bench (QEMU: virtio-gpu, vivid, vgem) =="
 tests/vm/run.sh build
+phase bench
+echo "== timings:$timings $(($(date +%s) - started)) s in all =="

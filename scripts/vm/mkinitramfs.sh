@@ -6,10 +6,13 @@
 # they depend on, the demo programs from BUILD_DIR with every shared library
 # they load, and the init script. virtio-gpu loads before vgem, so it is
 # /dev/dri/card0 and vgem /dev/dri/card1.
-# CACHE_DIR holds the kernel that scripts/vm/fetch.sh unpacked.
+# CACHE_DIR holds the kernel that scripts/vm/fetch.sh unpacked; BUILD_DIR is
+# a build for the guest's architecture (MARLO_VM_ARCH, see arch.sh).
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
+# shellcheck source=scripts/vm/arch.sh
+source "$here/arch.sh"
 source_dir=$(cd "$here/../.." && pwd)
 cache=$(cd "${1:?usage: mkinitramfs.sh CACHE_DIR BUILD_DIR}" && pwd)
 build=$(cd "${2:?usage: mkinitramfs.sh CACHE_DIR BUILD_DIR}" && pwd)
@@ -28,8 +31,9 @@ done
 rm -rf "$root"
 mkdir -p "$root"/{bin,sbin,usr/bin,proc,sys,dev,tmp,lib/modules,opt/marlo/bin,opt/marlo/lib}
 
-# busybox and a link per applet.
-cp /bin/busybox "$root/bin/busybox"
+# busybox and a link per applet. The guest's busybox may not run here; the
+# host's, of the same Debian package, names the same applets.
+cp "$(vm_busybox "$cache")" "$root/bin/busybox"
 for applet in $(/bin/busybox --list); do
     [ -e "$root/bin/$applet" ] || ln -s busybox "$root/bin/$applet"
 done
@@ -62,8 +66,11 @@ visit() {
     done
     order+=("$name")
 }
-visit virtio_pci
-visit virtio_gpu
+# The display first: a kernel that builds the virtio PCI transport or
+# virtio-gpu in needs no module for it.
+for module in virtio_pci virtio_gpu; do
+    [ -n "${module_path[$module]:-}" ] && visit "$module"
+done
 visit vivid
 visit vgem
 
@@ -77,14 +84,13 @@ done
 # library those need, at the path the dynamic loader looks for it.
 cp "${programs[@]}" "$root/opt/marlo/bin/"
 cp -P "$build"/lib/libmarlo*.so* "$build"/nax/libnax.so* "$root/opt/marlo/lib/"
-for binary in "${programs[@]}" "$build"/lib/libmarlo*.so.*.* "$build/nax/libnax.so"; do
-    LD_LIBRARY_PATH="$build/lib:$build/nax" ldd "$binary" |
-        sed -n 's/.*=> \(\/[^ ]*\) .*/\1/p; s/^\t\(\/[^ ]*\) .*/\1/p'
-done | sort -u | while read -r library; do
-    case "$library" in "$build"/*) continue ;; esac
-    mkdir -p "$root$(dirname "$library")"
-    cp -L "$library" "$root$library"
-done
+vm_shared_libraries "$build/lib:$build/nax" \
+    "${programs[@]}" "$build"/lib/libmarlo*.so.*.* "$build/nax/libnax.so" |
+    while read -r library; do
+        case "$library" in "$build"/*) continue ;; esac
+        mkdir -p "$root$(dirname "$library")"
+        cp -L "$library" "$root$library"
+    done
 
 # The example camera configuration and the debug report directory, found
 # through MARLO_SYSROOT.

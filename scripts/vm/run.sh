@@ -7,12 +7,13 @@
 # status (124 when the VM timed out, 125 when it ended without a status).
 # The machine has a virtio-gpu display (no window) and no network.
 #
-# Environment: MARLO_VM_CACHE (default build/vm-cache), MARLO_VM_TIMEOUT
+# Environment: MARLO_VM_ARCH (amd64 or arm64, see arch.sh), MARLO_VM_CACHE
+# (default build/vm-cache, build-arm64/vm-cache for arm64), MARLO_VM_TIMEOUT
 # seconds (default 300), MARLO_VM_MEMORY (default 1G), MARLO_VM_KVM=0 to
-# force the emulator even when /dev/kvm is usable, MARLO_VM_OVERLAYS (more
-# initramfs archives, unpacked over the first one in the order given),
-# MARLO_VM_MONITOR=PATH (QEMU's monitor on the FIFOs PATH.in and PATH.out,
-# which the caller makes).
+# force the emulator even when /dev/kvm is usable (an arm64 guest is always
+# emulated), MARLO_VM_OVERLAYS (more initramfs archives, colon-separated,
+# unpacked over the first one in the order given), MARLO_VM_MONITOR=PATH
+# (QEMU's monitor on the FIFOs PATH.in and PATH.out, which the caller makes).
 set -euo pipefail
 
 if [ $# -eq 0 ]; then
@@ -21,7 +22,9 @@ if [ $# -eq 0 ]; then
 fi
 
 source_dir=$(cd "$(dirname "$0")/../.." && pwd)
-cache=${MARLO_VM_CACHE:-$source_dir/build/vm-cache}
+# shellcheck source=scripts/vm/arch.sh
+source "$source_dir/scripts/vm/arch.sh"
+cache=${MARLO_VM_CACHE:-$source_dir/$vm_default_build/vm-cache}
 timeout_s=${MARLO_VM_TIMEOUT:-300}
 memory=${MARLO_VM_MEMORY:-1G}
 version=$(cat "$cache/kernel-version" 2>/dev/null || true)
@@ -46,8 +49,11 @@ trap cleanup EXIT
 mkdir "$work/extra"
 printf '%s\n' "$*" >"$work/extra/run-command"
 (cd "$work/extra" && echo run-command | cpio -o -H newc --quiet) | gzip -1 >"$work/command.cpio.gz"
-# shellcheck disable=SC2086 # a list of paths
-cat "$initramfs" ${MARLO_VM_OVERLAYS:-} "$work/command.cpio.gz" >"$work/initramfs.cpio.gz"
+overlays=()
+if [ -n "${MARLO_VM_OVERLAYS:-}" ]; then
+    IFS=: read -r -a overlays <<<"$MARLO_VM_OVERLAYS"
+fi
+cat "$initramfs" "${overlays[@]}" "$work/command.cpio.gz" >"$work/initramfs.cpio.gz"
 
 display=(-vga none -device virtio-gpu-pci)
 monitor=()
@@ -65,12 +71,12 @@ boot() {
     : >"$log"
     {
         local status=0
-        timeout "$timeout_s" qemu-system-x86_64 \
+        timeout "$timeout_s" "$vm_qemu" "${vm_machine[@]}" \
             "$@" -m "$memory" -smp 2 \
             -nographic -no-reboot -nic none -pidfile "$work/qemu.pid" \
             "${display[@]}" "${monitor[@]}" \
             -kernel "$kernel" -initrd "$work/initramfs.cpio.gz" \
-            -append "console=ttyS0 quiet loglevel=3 panic=-1 rdinit=/init" </dev/null ||
+            -append "console=$vm_console quiet loglevel=3 panic=-1 rdinit=/init" </dev/null ||
             status=$?
         echo "$status" >"$work/qemu.status"
     } | tee "$log" &
@@ -99,7 +105,7 @@ log="$work/console.log"
 qemu_status=1
 # Some (nested) KVM hosts refuse to run the guest or reject MSRs of their own
 # CPU model: fall back to the emulator when the guest did not come up.
-if [ "${MARLO_VM_KVM:-1}" != "0" ] && (exec 3<>/dev/kvm) 2>/dev/null; then
+if [ "$vm_arch" = "amd64" ] && [ "${MARLO_VM_KVM:-1}" != "0" ] && (exec 3<>/dev/kvm) 2>/dev/null; then
     boot "${MARLO_VM_KVM_BOOT_LIMIT:-15}" -enable-kvm -cpu host,-arch-capabilities
     if ! is_up; then
         echo "vm: KVM did not boot the guest, using the emulator" >&2

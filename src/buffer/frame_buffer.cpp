@@ -25,6 +25,11 @@ static_assert(offsetof(FrameBufferInfo, size) == 72);
 static_assert(offsetof(FrameBufferInfo, flags) == 80);
 static_assert(sizeof(FrameBufferInfo) == 88);
 
+// Nanosecond timestamps, cookies and buffer sizes travel as unsigned long
+// (SetTimestamp, SetCookies, DmaBuffer): whole only where long has 64 bits.
+static_assert(sizeof(unsigned long) == sizeof(uint64_t),
+              "libmarlo is built for 64-bit (LP64) targets only");
+
 }  // namespace
 
 FrameBuffer::FrameBuffer(const FrameBufferInfo& info) : info_(info) {}

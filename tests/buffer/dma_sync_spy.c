@@ -7,6 +7,8 @@
 #include <stddef.h>
 #include <sys/ioctl.h>
 
+#include "support/ioctl_request.h"
+
 #define MAX_RECORDS 64
 
 static struct dma_sync_record records[MAX_RECORDS];
@@ -33,8 +35,8 @@ struct dma_sync_record dma_sync_spy_record(int index) {
     return records[index];
 }
 
-int ioctl(int fd, unsigned long request, ...) {
-    typedef int (*ioctl_fn)(int, unsigned long, ...);
+int ioctl(int fd, marlo_ioctl_request_t request, ...) {
+    typedef int (*ioctl_fn)(int, marlo_ioctl_request_t, ...);
     static ioctl_fn real_ioctl;
     va_list args;
     void* arg;
@@ -43,7 +45,7 @@ int ioctl(int fd, unsigned long request, ...) {
     arg = va_arg(args, void*);
     va_end(args);
 
-    if (request == DMA_BUF_IOCTL_SYNC) {
+    if (marlo_ioctl_command(request) == DMA_BUF_IOCTL_SYNC) {
         const struct dma_buf_sync* sync = (const struct dma_buf_sync*)arg;
         if (record_count < MAX_RECORDS) {
             records[record_count].fd = fd;

@@ -9,6 +9,7 @@
 #include <android/log.h>
 #include <dirent.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -261,27 +262,6 @@ class TraceRecorder {
     size_t ends_ = 0;
 };
 
-/*
- * Threads of this process right now. The first thread a process creates can
- * bring a sanitizer's helper thread with it, so one throwaway thread is run
- * first: counts taken before and after the code under test then differ only
- * by that code's threads.
- */
-inline size_t ThreadCount() {
-    static const bool settled = [] {
-        std::thread([] {}).join();
-        return true;
-    }();
-    (void)settled;
-    size_t n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir))
-            n += entry->d_name[0] != '.';
-        closedir(dir);
-    }
-    return n;
-}
-
 /* Waits (bounded) until \a done answers true. */
 template <typename F>
 bool WaitUntil(F done) {
@@ -292,6 +272,31 @@ bool WaitUntil(F done) {
         std::this_thread::sleep_for(1ms);
     }
     return true;
+}
+
+/*
+ * Threads of this process right now. The first thread a process creates can
+ * bring a sanitizer's helper thread with it, so one throwaway thread is run
+ * first: counts taken before and after the code under test then differ only
+ * by that code's threads. The throwaway thread leaves /proc/self/task a
+ * moment after its join (long moments on a slow or emulated machine), so
+ * that is waited for too.
+ */
+inline size_t ThreadCount() {
+    static const bool settled = [] {
+        pid_t tid = 0;
+        std::thread([&tid] { tid = static_cast<pid_t>(syscall(SYS_gettid)); }).join();
+        const std::string task = "/proc/self/task/" + std::to_string(tid);
+        return WaitUntil([&task] { return access(task.c_str(), F_OK) != 0; });
+    }();
+    (void)settled;
+    size_t n = 0;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (dirent* entry = readdir(dir))
+            n += entry->d_name[0] != '.';
+        closedir(dir);
+    }
+    return n;
 }
 
 /* Waits (bounded) until the process has \a expected threads: a joined

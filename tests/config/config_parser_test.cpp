@@ -61,6 +61,14 @@ TEST(ParseStreamConfig, AFrameRateIsOptional) {
     }
 }
 
+/* Format bytes of 0x80 and up land unchanged whatever the signedness of char
+ * (signed on x86, unsigned on arm64): no sign bits spill into the higher
+ * bytes. "&#xE9;" is U+00E9, the bytes 0xC3 0xA9 in the parsed text. */
+TEST(ParseStreamConfig, HighFormatBytesKeepTheirPlaces) {
+    Snippet s(R"(<stream id="1" format="&#xE9;AB"/>)");
+    EXPECT_EQ(GlobalCameraConfig::parseStreamConfig(s.root()).format, 0x4241A9C3u);
+}
+
 TEST(ParseStreamConfig, NullElementGivesDefaults) {
     auto stream = GlobalCameraConfig::parseStreamConfig(nullptr);
     EXPECT_EQ(stream.id, 0);

@@ -15,6 +15,8 @@
 #include <xf86drm.h>
 #include <xf86drmMode.h>
 
+#include "support/ioctl_request.h"
+
 #include <algorithm>
 #include <mutex>
 
@@ -28,7 +30,7 @@ std::mutex g_closeMutex;
 bool g_recordCloses = false;
 std::vector<CloseRecord> g_closes;
 
-using IoctlFn = int (*)(int, unsigned long, ...);
+using IoctlFn = int (*)(int, marlo_ioctl_request_t, ...);
 using CloseFn = int (*)(int);
 using OpenFn = int (*)(const char*, int, ...);
 
@@ -320,13 +322,13 @@ std::vector<CloseRecord> StopRecordingCloses() {
  * and close() through the dynamic linker, which finds these first because
  * the executable exports them.
  */
-extern "C" int ioctl(int fd, unsigned long request, ...) {
+extern "C" int ioctl(int fd, marlo_ioctl_request_t request, ...) {
     va_list args;
     va_start(args, request);
     void* arg = va_arg(args, void*);
     va_end(args);
     if (drm_fake::g_node && drm_fake::g_node->owns(fd))
-        return drm_fake::g_node->handle(request, arg);
+        return drm_fake::g_node->handle(marlo_ioctl_command(request), arg);
     return drm_fake::RealIoctl()(fd, request, arg);
 }
 

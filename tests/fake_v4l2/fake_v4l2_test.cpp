@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -128,6 +129,26 @@ TEST_F(FakeV4l2Test, QueryCapReportsTheConfiguredDriver) {
     ASSERT_EQ(ioctl(fd, VIDIOC_QUERYCAP, &caps), 0);
     EXPECT_STREQ(reinterpret_cast<char*>(caps.driver), "drv");
     EXPECT_EQ(caps.capabilities, V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING);
+    close(fd);
+}
+
+/*
+ * The kernel reads the request as 32 bits. Bionic declares ioctl(int, int,
+ * ...) and a caller may keep a request in an int: with the top bit set
+ * (every _IOR request) it reaches an unsigned long parameter sign-extended.
+ */
+TEST_F(FakeV4l2Test, RequestHeldInAnIntIsTakenAsThirtyTwoBits) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo();
+    const int request = static_cast<int>(VIDIOC_QUERYCAP);
+    ASSERT_LT(request, 0);
+    v4l2_capability caps = {};
+    ASSERT_EQ(ioctl(fd, request, &caps), 0) << strerror(errno);
+    EXPECT_NE(caps.capabilities, 0u);
+    auto records = node->Requests(VIDIOC_QUERYCAP);
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].request, VIDIOC_QUERYCAP);
+    EXPECT_EQ(records[0].name, "VIDIOC_QUERYCAP");
     close(fd);
 }
 

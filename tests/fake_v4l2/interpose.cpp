@@ -17,6 +17,7 @@
 #include <atomic>
 
 #include "fake_v4l2_internal.h"
+#include "support/ioctl_request.h"
 
 namespace marlo_fake::detail {
 
@@ -33,7 +34,7 @@ Fn Next(const char* name) {
 
 using OpenatFn = int (*)(int, const char*, int, ...);
 using CloseFn = int (*)(int);
-using IoctlFn = int (*)(int, unsigned long, ...);
+using IoctlFn = int (*)(int, marlo_ioctl_request_t, ...);
 using MmapFn = void* (*)(void*, size_t, int, int, int, off_t);
 using MunmapFn = int (*)(void*, size_t);
 
@@ -74,7 +75,7 @@ int RealClose(int fd) {
 
 int RealIoctl(int fd, unsigned long request, void* arg) {
     if (IoctlFn fn = Resolve(g_ioctl, "ioctl"))
-        return fn(fd, request, arg);
+        return fn(fd, static_cast<marlo_ioctl_request_t>(request), arg);
     return static_cast<int>(syscall(SYS_ioctl, fd, request, arg));
 }
 
@@ -166,14 +167,15 @@ int close(int fd) {
     return RealClose(fd);
 }
 
-int ioctl(int fd, unsigned long request, ...) {
+int ioctl(int fd, marlo_ioctl_request_t request, ...) {
     va_list args;
     va_start(args, request);
     void* arg = va_arg(args, void*);
     va_end(args);
+    const unsigned long command = marlo_ioctl_command(request);
     if (auto node = marlo_fake::NodeForFd(fd))
-        return node->HandleIoctl(fd, request, arg);
-    return RealIoctl(fd, request, arg);
+        return node->HandleIoctl(fd, command, arg);
+    return RealIoctl(fd, command, arg);
 }
 
 void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) {

@@ -68,6 +68,13 @@ TEST(HashTest, IsSixtyFourBitFnv1a) {
     EXPECT_NE(hash_("SetCacheHandle"), hash_("SetCacheHandlf"));
 }
 
+/* Bytes of 0x80 and up hash as unsigned bytes whatever the signedness of
+ * char (signed on x86, unsigned on arm64): keys hash alike on both. */
+TEST(HashTest, HighBytesHashAsUnsignedBytes) {
+    EXPECT_EQ(hash_("\xff\x80"), 0x0a9a2607b6f6e56aULL);
+    EXPECT_EQ(hash_("\xc3\xa9"), 0x0ac21707b7181e01ULL);
+}
+
 TEST(HashTest, StopsAtTheTerminatingZero) {
     const char text[] = {'a', '\0', 'b', '\0'};
     EXPECT_EQ(hash_(text), hash_("a"));

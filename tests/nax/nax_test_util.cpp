@@ -335,8 +335,9 @@ TestBuffer::TestBuffer(const Geometry& g, Backing backing, size_t extra)
         data_ = region_ + rounded - size_;
         handle_ = nax_import_vaddr(reinterpret_cast<uintptr_t>(data_), nullptr);
     } else {
-        heap_.assign(size_, 0);
-        data_ = heap_.data();
+        const size_t offset = backing_ == Backing::OddAddress ? 1 : 0;
+        heap_.assign(size_ + offset, 0);
+        data_ = heap_.data() + offset;
         handle_ = nax_import_vaddr(reinterpret_cast<uintptr_t>(data_), nullptr);
     }
 }

@@ -60,8 +60,10 @@ Rgba GreyOf(const Rgba& c);
 class TestBuffer {
   public:
     /* GuardPage: CPU memory that ends where an inaccessible page begins,
-     * so any access past the end faults, even from uninstrumented code. */
-    enum class Backing { Memfd, Heap, GuardPage };
+     * so any access past the end faults, even from uninstrumented code.
+     * OddAddress: CPU memory that starts at an odd address, so no plane or
+     * row is aligned for any access wider than a byte. */
+    enum class Backing { Memfd, Heap, GuardPage, OddAddress };
     TestBuffer(const Geometry& g, Backing backing = Backing::Memfd, size_t extra = 0);
     ~TestBuffer();
     TestBuffer(const TestBuffer&) = delete;
