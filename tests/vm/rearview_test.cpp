@@ -68,21 +68,16 @@ TEST(Rearview, ShowsTheCameraOnTheDisplayWhileRecording) {
     ASSERT_FALSE(node.empty());
     std::string dir = "/tmp/rearview_test";
     mkdir(dir.c_str(), 0755);
-    std::vector<std::string> args = {"marlo_rearview", "--device", node, "--mode", "640x480",
-                                     "--seconds", "3", "--out", dir,
-                                     /* Stamps at the start of the frame: latency from capture. */
-                                     "--ctrl", "Timestamp Source=1"};
-    std::vector<char*> argv;
-    for (std::string& arg : args)
-        argv.push_back(arg.data());
-    std::ostringstream out;
-    std::ostringstream err;
+    std::string report, err;
     marlo_test::FdLeakCheck leaks;
-    int status = marlo_demo::RunRearview(static_cast<int>(argv.size()), argv.data(), out, err);
-    std::string report = out.str();
-    ASSERT_EQ(status, 0) << report << err.str();
+    int status = RunTool(
+        {"marlo_rearview", "--device", node, "--mode", "640x480", "--seconds", "3", "--out", dir,
+         /* Stamps at the start of the frame: latency from capture. */
+         "--ctrl", "Timestamp Source=1"},
+        &report, &err);
+    ASSERT_EQ(status, 0) << report << err;
     EXPECT_TRUE(leaks.unchanged());
-    EXPECT_EQ(err.str(), "");
+    EXPECT_EQ(err, "");
     EXPECT_NE(report.find("display 640x480@"), std::string::npos) << report;
     EXPECT_NE(report.find("(virtio_gpu)"), std::string::npos) << report;
 
@@ -112,14 +107,9 @@ TEST(Rearview, ShowsTheCameraOnTheDisplayWhileRecording) {
 TEST(Rearview, ADisplayModeTheScreenLacksIsRefused) {
     std::string node = marlo_vm::VividCaptureNode(marlo_vm::Vivid::kSinglePlanar);
     ASSERT_FALSE(node.empty());
-    std::vector<std::string> args = {"marlo_rearview", "--device", node, "--mode", "1234x567"};
-    std::vector<char*> argv;
-    for (std::string& arg : args)
-        argv.push_back(arg.data());
-    std::ostringstream out;
-    std::ostringstream err;
-    EXPECT_EQ(marlo_demo::RunRearview(static_cast<int>(argv.size()), argv.data(), out, err), 2);
-    EXPECT_EQ(err.str(), "display: no connected display offers that mode\n");
+    std::string out, err;
+    EXPECT_EQ(RunTool({"marlo_rearview", "--device", node, "--mode", "1234x567"}, &out, &err), 2);
+    EXPECT_EQ(err, "display: no connected display offers that mode\n");
 }
 
 TEST(Rearview, TheDisplayGoesOnByItselfWhenTheCameraIsUnboundAndBoundAgain) {
