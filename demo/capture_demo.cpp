@@ -1,5 +1,7 @@
 #include "capture_demo.h"
 #include "demo_common.h"
+#include "frame_stats.h"
+#include "stream_health.h"
 
 #include <android/sync.h>
 #include <errno.h>
@@ -10,7 +12,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <fstream>
 #include <iomanip>
@@ -19,12 +20,14 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <marlo/base/unique_fd.h>
 #include <marlo/buffer/frame_buffer.h>
 #include <marlo/buffer/frame_buffer_allocator.h>
 #include <marlo/buffer/pixel_format.h>
+#include <marlo/camera/stream_event.h>
 #include <marlo/stream/v4l2_stream.h>
 #include <nax/nax.h>
 
@@ -66,7 +69,7 @@ struct Options {
     int sets = 3;
     int frames = 60;
     int seconds = 10;
-    /* 0: the device keeps the rate it has. */
+    /* 0: the configured rate, else the device's own. */
     int fps = 0;
     std::string outDir = ".";
     bool verbose = false;
@@ -155,8 +158,8 @@ void Usage(std::ostream& out) {
            "  --sets N          buffer sets lent per client (default 3)\n"
            "  --frames N        stop once every client received N frames (default 60)\n"
            "  --seconds S       stop after S seconds in any case (default 10)\n"
-           "  --fps N           ask the device for N frames per second before the start\n"
-           "                    (default: keep the device's own rate)\n"
+           "  --fps N           ask for N frames per second, which the library sets at the start\n"
+           "                    (default: the configured rate, else the device's own)\n"
            "  --out DIR         where the first frame of each client is written (default .)\n"
            "  --verbose         show the library's log lines of error severity\n";
 }
@@ -274,8 +277,15 @@ std::string LensFacingName(int32_t value) {
 /* One client: its stream, its buffers and what its callback saw. */
 class DemoClient {
   public:
-    DemoClient(int id, const ClientLayout& layout, GrallocFrameBufferAllocator* allocator)
-        : id_(id), layout_(layout), allocator_(allocator) {}
+    /* The client's event lines go to \a events. */
+    DemoClient(int id, const ClientLayout& layout, GrallocFrameBufferAllocator* allocator,
+               LineMailbox* events)
+        : id_(id),
+          layout_(layout),
+          allocator_(allocator),
+          stats_("client " + std::to_string(id)),
+          health_("client " + std::to_string(id)),
+          events_(events) {}
 
     /* The stream lets go of the lent buffers before they are freed. */
     ~DemoClient() {
@@ -290,6 +300,11 @@ class DemoClient {
     const ClientLayout& layout() const { return layout_; }
 
     bool Open(const Options& options, std::ostream& err) {
+        stream_.ClientSetEventListener(
+            health_.Listener([this](const tessaro::marlo::StreamEvent&, const std::string& line) {
+                if (!line.empty())
+                    events_->Post(line);
+            }));
         if (stream_.OpenCamera(id_, options.device, static_cast<int>(options.width),
                                static_cast<int>(options.height),
                                static_cast<int>(options.fourcc)) != 0) {
@@ -325,6 +340,17 @@ class DemoClient {
         return true;
     }
 
+    /* The library sets the rate on the device when capture starts. */
+    bool SetFrameRate(int fps, std::ostream& err) {
+        int status = stream_.ClientSetFrameRate(static_cast<float>(fps));
+        if (status != 0) {
+            err << "client " << id_ << ": ClientSetFrameRate(" << fps << ") failed (" << status
+                << ")\n";
+            return false;
+        }
+        return true;
+    }
+
     bool Start(std::ostream& err) {
         int status = stream_.ClientStartStream(
             [this](std::vector<std::shared_ptr<FrameBuffer>> frames) { OnFrames(frames); });
@@ -335,11 +361,7 @@ class DemoClient {
         return true;
     }
 
-    /* Waits until \a count frames arrived or \a deadline passed. */
-    bool WaitFor(int count, Clock::time_point deadline) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return cond_.wait_until(lock, deadline, [&] { return frames_ >= count; });
-    }
+    const StreamHealth& health() const { return health_; }
 
     /* The stream parameters, one line; asked while the stream is open. */
     std::string Params() {
@@ -380,15 +402,11 @@ class DemoClient {
             out << "  frames 0\n";
             return;
         }
-        int64_t span = static_cast<int64_t>(last_sequence_) - first_sequence_ + 1;
-        int64_t gaps = span > frames_ ? span - frames_ : 0;
-        out << "  frames " << frames_ << ", sequence " << first_sequence_ << ".." << last_sequence_
-            << ", dropped " << gaps;
-        if (frames_ > 1 && last_timestamp_ > first_timestamp_) {
-            double seconds = static_cast<double>(last_timestamp_ - first_timestamp_) / 1e9;
-            out << ", " << std::fixed << std::setprecision(1) << (frames_ - 1) / seconds
+        FrameStats::Summary summary = stats_.Summarize();
+        out << "  frames " << frames_ << ", dropped " << summary.drops;
+        if (summary.fps > 0)
+            out << ", " << std::fixed << std::setprecision(1) << summary.fps
                 << " fps by timestamps";
-        }
         out << "\n";
         if (incomplete_ > 0)
             out << "  " << incomplete_ << " set(s) not converted within " << kFenceWaitMs
@@ -488,26 +506,22 @@ class DemoClient {
             if (frame && frame->fence() >= 0 && sync_wait(frame->fence(), kFenceWaitMs) != 0)
                 complete = false;
         }
+        uint64_t now = MonotonicNs();
+        /* After a loss the capture restarts and its sequence counts anew. */
+        if (health_.OnFrame(now))
+            stats_.StartSegment();
+        stats_.Record(frames[0]->sequence(), frames[0]->timestamp(), now);
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            uint32_t sequence = frames[0]->sequence();
-            uint64_t timestamp = frames[0]->timestamp();
             if (!complete)
                 ++incomplete_;
-            if (frames_ == 0) {
-                first_sequence_ = sequence;
-                first_timestamp_ = timestamp;
-            }
             /* The first set the engine finished in time is the one written out. */
             if (complete && first_.empty()) {
-                kept_sequence_ = sequence;
+                kept_sequence_ = frames[0]->sequence();
                 KeepFirst(frames);
             }
-            last_sequence_ = sequence;
-            last_timestamp_ = timestamp;
             ++frames_;
         }
-        cond_.notify_all();
         /* Done with the set: it goes back to the library for a later frame. */
         stream_.ClientReturnFrame(frames);
     }
@@ -540,92 +554,38 @@ class DemoClient {
     std::vector<FrameSet> sets_;
 
     std::mutex mutex_;
-    std::condition_variable cond_;
     int frames_ = 0;
     /* Sets whose conversion had not finished within kFenceWaitMs. */
     int incomplete_ = 0;
-    uint32_t first_sequence_ = 0;
     uint32_t kept_sequence_ = 0;
-    uint32_t last_sequence_ = 0;
-    uint64_t first_timestamp_ = 0;
-    uint64_t last_timestamp_ = 0;
     std::vector<std::vector<uint8_t>> first_;
     std::vector<FrameInfo> first_info_;
+    FrameStats stats_;
+    StreamHealth health_;
+    LineMailbox* events_;
 
     /* Last: closed before the buffers it was lent go away. */
     V4l2Stream stream_;
 };
 
-/*
- * Runs VIDIOC_G_PARM or VIDIOC_S_PARM (\a request) on \a device, as a single
- * or multi-planar capture device. Returns 0 or the errno value.
- */
-int StreamParm(const std::string& device, unsigned long request, uint32_t fps,
-               v4l2_streamparm* parm) {
-    tessaro::marlo::UniqueFd fd(open(device.c_str(), O_RDWR | O_CLOEXEC));
-    if (fd.get() < 0)
-        return errno;
-    int error = EINVAL;
-    for (uint32_t type : {V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE}) {
-        *parm = {};
-        parm->type = type;
-        parm->parm.capture.timeperframe = {1, fps};
-        error = ioctl(fd.get(), request, parm) == 0 ? 0 : errno;
-        if (error != EINVAL)
-            break;
-    }
-    return error;
-}
-
-/* "25.0 fps" for the interval 1/25; an interval with a zero term has no rate. */
-std::string RateText(const v4l2_fract& interval) {
-    if (interval.numerator == 0 || interval.denominator == 0)
-        return "no frame interval";
-    std::ostringstream text;
-    text << std::fixed << std::setprecision(1)
-         << static_cast<double>(interval.denominator) / interval.numerator << " fps";
-    return text.str();
-}
-
-/*
- * Asks the device for options.fps frames per second. The stream session
- * leaves the frame interval alone, so a device runs at whatever rate it was
- * left at (vivid's webcam input starts at 5 fps); the driver picks the
- * nearest rate it offers, and a refusal only costs the rate.
- */
-void AskDeviceRate(const Options& options, std::ostream& out) {
-    std::string error;
-    double rate = SetDeviceRate(options.device, static_cast<unsigned>(options.fps), &error);
-    if (rate <= 0) {
-        out << "device rate: " << options.device << " refused " << options.fps << " fps (" << error
-            << "), keeping its own\n";
-        return;
-    }
-    std::ostringstream text;
-    text << std::fixed << std::setprecision(1) << rate << " fps";
-    out << "device rate: asked " << options.fps << " fps, the device chose " << text.str() << "\n";
-}
-
-/*
- * The rate once streaming: setting the capture format at the start may
- * change the interval again (vivid offers fewer rates for larger frames).
- */
+/* The rate once streaming, as the library set it (or the device kept its own). */
 void PrintStreamingRate(const Options& options, std::ostream& out) {
-    v4l2_streamparm parm;
-    int error = StreamParm(options.device, VIDIOC_G_PARM, 0, &parm);
-    if (error != 0)
-        out << "device rate while streaming: not reported (" << strerror(error) << ")\n";
+    std::string error;
+    double rate = DeviceRate(options.device, &error);
+    out << "device rate while streaming: ";
+    if (rate > 0)
+        out << std::fixed << std::setprecision(1) << rate << " fps\n";
     else
-        out << "device rate while streaming: " << RateText(parm.parm.capture.timeperframe) << "\n";
+        out << "not reported (" << error << ")\n";
 }
 
 /*
- * Prints the format the device captures in once streaming. The session
- * converts from the size and format it asked for, so a driver that chose
- * another (vivid's webcam has a few fixed sizes) leaves every conversion
- * failing; this says so plainly. Returns false on such a difference.
+ * Prints the format the device captures in once streaming. A driver may
+ * choose another size or format than asked (vivid's webcam has a few fixed
+ * sizes); the library then converts from what it captures and says so with
+ * a FormatAdjusted event.
  */
-bool CheckStreamingFormat(const Options& options, std::ostream& out, std::ostream& err) {
+void PrintStreamingFormat(const Options& options, std::ostream& out) {
     tessaro::marlo::UniqueFd fd(open(options.device.c_str(), O_RDWR | O_CLOEXEC));
     v4l2_format format = {};
     int error = fd.get() < 0 ? errno : EINVAL;
@@ -640,7 +600,7 @@ bool CheckStreamingFormat(const Options& options, std::ostream& out, std::ostrea
     }
     if (error != 0) {
         out << "device format while streaming: not reported (" << strerror(error) << ")\n";
-        return true;
+        return;
     }
     bool mplane = format.type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
     uint32_t width = mplane ? format.fmt.pix_mp.width : format.fmt.pix.width;
@@ -648,14 +608,30 @@ bool CheckStreamingFormat(const Options& options, std::ostream& out, std::ostrea
     uint32_t fourcc = mplane ? format.fmt.pix_mp.pixelformat : format.fmt.pix.pixelformat;
     out << "device format while streaming: " << width << "x" << height << " " << FourccText(fourcc)
         << "\n";
-    if (width == options.width && height == options.height && fourcc == options.fourcc)
-        return true;
-    err << options.device << " captures " << width << "x" << height << " " << FourccText(fourcc)
-        << ", not the " << options.width << "x" << options.height << " "
-        << FourccText(options.fourcc)
-        << " asked for: conversions from the asked format cannot work; pass a size and format "
-           "the device offers\n";
-    return false;
+}
+
+/* Prints the event lines that arrived since the last call; false when there were none. */
+bool PrintEventLines(LineMailbox& lines, double seconds, std::ostream& out) {
+    std::vector<std::string> taken = lines.Take();
+    for (const std::string& line : taken)
+        out << "events: " << std::fixed << std::setprecision(1) << seconds << " s | " << line
+            << "\n";
+    return !taken.empty();
+}
+
+/* One progress line: frames per client, the camera's state and what its events said. */
+void PrintProgress(double seconds, const std::vector<std::unique_ptr<DemoClient>>& clients,
+                   std::ostream& out) {
+    out << "progress: " << std::fixed << std::setprecision(1) << seconds << " s";
+    bool down = false;
+    for (const auto& client : clients) {
+        out << " | client " << client->id() << " " << client->frames() << " frames";
+        std::string brief = BriefHealth(client->health().Summarize());
+        if (!brief.empty())
+            out << " (" << brief << ")";
+        down = down || client->health().down();
+    }
+    out << (down ? " | CAMERA LOST, waiting for it" : " | camera live") << "\n";
 }
 
 }  // namespace
@@ -691,12 +667,17 @@ int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) 
         << " s\n";
 
     GrallocFrameBufferAllocator allocator;
+    /* Events arrive on the library's event thread; this one prints them. */
+    LineMailbox eventLines;
     std::vector<std::unique_ptr<DemoClient>> clients;
     for (size_t i = 0; i < options.clients.size(); ++i) {
         clients.push_back(std::make_unique<DemoClient>(options.firstClientId + static_cast<int>(i),
-                                                       options.clients[i], &allocator));
+                                                       options.clients[i], &allocator,
+                                                       &eventLines));
         DemoClient& client = *clients.back();
         if (!client.Open(options, err) || !client.LendBuffers(options, err))
+            return 2;
+        if (options.fps > 0 && !client.SetFrameRate(options.fps, err))
             return 2;
     }
 
@@ -705,35 +686,63 @@ int RunCaptureDemo(int argc, char** argv, std::ostream& out, std::ostream& err) 
         params.push_back(client->Params());
 
     if (options.fps > 0)
-        AskDeviceRate(options, out);
+        out << "device rate: asked " << options.fps << " fps, set by the library at the start\n";
 
     for (auto& client : clients) {
         if (!client->Start(err))
             return 2;
     }
-    if (options.fps > 0)
-        PrintStreamingRate(options, out);
-    bool formatKept = CheckStreamingFormat(options, out, err);
+    PrintStreamingRate(options, out);
+    PrintStreamingFormat(options, out);
 
-    Clock::time_point deadline = Clock::now() + std::chrono::seconds(options.seconds);
-    for (auto& client : clients)
-        client->WaitFor(options.frames, deadline);
+    Clock::time_point started = Clock::now();
+    Clock::time_point deadline = started + std::chrono::seconds(options.seconds);
+    Clock::time_point nextProgress = started + std::chrono::seconds(2);
+    bool wasDown = false;
+    auto seconds = [&] { return std::chrono::duration<double>(Clock::now() - started).count(); };
+    for (;;) {
+        bool done = true;
+        for (auto& client : clients)
+            done = done && client->frames() >= options.frames;
+        /* What the events changed, and the first frames after an outage, show at once. */
+        bool events = PrintEventLines(eventLines, seconds(), out);
+        if (done || Clock::now() >= deadline)
+            break;
+        bool down = false;
+        for (auto& client : clients)
+            down = down || client->health().down();
+        if (events || down != wasDown || Clock::now() >= nextProgress) {
+            wasDown = down;
+            PrintProgress(seconds(), clients, out);
+            nextProgress = Clock::now() + std::chrono::seconds(2);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
 
     for (auto& client : clients)
         client->Stop();
+    /* Events of the stops themselves are not listed. */
+    eventLines.Take();
 
     bool noFrames = false;
+    bool down = false;
+    std::vector<StreamHealth::Summary> health;
     for (size_t i = 0; i < clients.size(); ++i) {
         clients[i]->Report(options.outDir, params[i], out);
         if (clients[i]->frames() == 0)
             noFrames = true;
+        health.push_back(clients[i]->health().Summarize());
+        down = down || health.back().down;
     }
+    out << "stream events:\n";
+    PrintHealthTable(health, out);
     if (noFrames)
         err << "a client received no frame within " << options.seconds << " s: is "
             << options.device
             << " a streaming capture device that takes the capture size and format?\n";
-    /* Frames converted from a format the device does not deliver are no success either. */
-    int status = noFrames || !formatKept ? 1 : 0;
+    if (down)
+        err << "the camera was lost and had not come back when the run ended\n";
+    int status = noFrames || down ? 1 : 0;
     return status;
 }
 

@@ -62,7 +62,7 @@ bool ParseSize(const std::string& text, uint32_t* width, uint32_t* height) {
     return true;
 }
 
-double SetDeviceRate(const std::string& device, unsigned fps, std::string* error) {
+double DeviceRate(const std::string& device, std::string* error) {
     tessaro::marlo::UniqueFd fd(open(device.c_str(), O_RDWR | O_CLOEXEC));
     if (!fd.isValid()) {
         *error = strerror(errno);
@@ -72,10 +72,12 @@ double SetDeviceRate(const std::string& device, unsigned fps, std::string* error
     for (uint32_t type : {V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE}) {
         v4l2_streamparm parm = {};
         parm.type = type;
-        parm.parm.capture.timeperframe = {1, fps};
-        if (ioctl(fd.get(), VIDIOC_S_PARM, &parm) != 0) {
+        if (ioctl(fd.get(), VIDIOC_G_PARM, &parm) != 0) {
             failure = errno;
-            continue;
+            /* The other buffer type, unless the node has no frame interval at all. */
+            if (failure == EINVAL)
+                continue;
+            break;
         }
         const v4l2_fract& interval = parm.parm.capture.timeperframe;
         if (interval.numerator == 0 || interval.denominator == 0) {

@@ -1,6 +1,7 @@
 /*
  * Helpers the demo tools share: option values, fourcc text, the device's
- * frame rate, and the library's log level for the tool's own process.
+ * frame rate and controls, and the library's log level for the tool's own
+ * process.
  */
 #pragma once
 
@@ -20,11 +21,11 @@ bool ParseNumber(const std::string& text, int minimum, int* value);
 bool ParseSize(const std::string& text, uint32_t* width, uint32_t* height);
 
 /*
- * Asks the capture node \a device for \a fps frames per second (the library
- * leaves the frame interval alone). Returns the granted rate, or 0 with
- * \a error set when the node refuses.
+ * The frame rate the capture node \a device runs at (VIDIOC_G_PARM; the
+ * library sets it at the start). 0 with \a error set when the node does not
+ * tell.
  */
-double SetDeviceRate(const std::string& device, unsigned fps, std::string* error);
+double DeviceRate(const std::string& device, std::string* error);
 
 /*
  * Sets the control named \a name (as the driver lists it, e.g. "Brightness")

@@ -3,6 +3,7 @@
 #include <android/sync.h>
 
 #include <chrono>
+#include <utility>
 
 #include <marlo/buffer/pixel_format.h>
 
@@ -21,11 +22,13 @@ constexpr int kFenceTimeoutMs = 100;
 
 }  // namespace
 
-DisplayClient::DisplayClient(int id, DrmDisplay* display)
+DisplayClient::DisplayClient(int id, DrmDisplay* display, StreamHealth::Sink events)
     : id_(id),
       display_(display),
       delivered_("display (client " + std::to_string(id) + ")"),
-      shown_("  on screen (page flip)") {}
+      shown_("  on screen (page flip)"),
+      health_("display (client " + std::to_string(id) + ")"),
+      events_(std::move(events)) {}
 
 DisplayClient::~DisplayClient() {
     Stop();
@@ -34,6 +37,7 @@ DisplayClient::~DisplayClient() {
 
 bool DisplayClient::Open(const std::string& device, uint32_t width, uint32_t height,
                          uint32_t fourcc, std::string* error) {
+    stream_.ClientSetEventListener(health_.Listener(events_));
     if (stream_.OpenCamera(id_, device, static_cast<int>(width), static_cast<int>(height),
                            static_cast<int>(fourcc)) != 0) {
         *error = "display client: OpenCamera(" + device + ") failed";
@@ -52,6 +56,16 @@ bool DisplayClient::Open(const std::string& device, uint32_t width, uint32_t hei
     return true;
 }
 
+bool DisplayClient::SetFrameRate(int fps, std::string* error) {
+    int status = stream_.ClientSetFrameRate(static_cast<float>(fps));
+    if (status != 0) {
+        *error = "display client: ClientSetFrameRate(" + std::to_string(fps) + ") failed (" +
+                 std::to_string(status) + ")";
+        return false;
+    }
+    return true;
+}
+
 bool DisplayClient::Start(std::string* error) {
     presenter_ = std::thread([this] { Present(); });
     int status = stream_.ClientStartStream([this](FrameSet set) { OnFrame(std::move(set)); });
@@ -62,11 +76,21 @@ bool DisplayClient::Start(std::string* error) {
     return true;
 }
 
-/* On the camera's IO thread: note the frame and pass it on, nothing more. */
+/*
+ * On the camera's IO thread: note the frame and pass it on, nothing more.
+ * While the camera is lost no frame comes and the last one stays on screen;
+ * the first frame after the loss replaces it.
+ */
 void DisplayClient::OnFrame(FrameSet set) {
     if (set.empty())
         return;
-    delivered_.Record(set[0]->sequence(), set[0]->timestamp(), MonotonicNs());
+    uint64_t now = MonotonicNs();
+    if (health_.OnFrame(now)) {
+        /* The capture was restarted: its sequence counts anew. */
+        delivered_.StartSegment();
+        shown_.StartSegment();
+    }
+    delivered_.Record(set[0]->sequence(), set[0]->timestamp(), now);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         queue_.push_back(std::move(set));

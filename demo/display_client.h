@@ -19,12 +19,14 @@
 #include "contact_sheet.h"
 #include "drm_display.h"
 #include "frame_stats.h"
+#include "stream_health.h"
 
 namespace marlo_demo {
 
 class DisplayClient {
   public:
-    DisplayClient(int id, DrmDisplay* display);
+    /* \a events gets the stream's events as they come (see StreamHealth). */
+    DisplayClient(int id, DrmDisplay* display, StreamHealth::Sink events = nullptr);
     /* Closes the stream before the display's buffers go. */
     ~DisplayClient();
 
@@ -34,6 +36,8 @@ class DisplayClient {
     /* Opens the camera and lends every scan-out buffer, one set each. */
     bool Open(const std::string& device, uint32_t width, uint32_t height, uint32_t fourcc,
               std::string* error);
+    /* Asks the library for \a fps frames per second at the start (after Open). */
+    bool SetFrameRate(int fps, std::string* error);
     bool Start(std::string* error);
     /* Stops the stream, then the presenter once the last flip completed. */
     void Stop();
@@ -41,6 +45,8 @@ class DisplayClient {
 
     const FrameStats& delivered() const { return delivered_; }
     const FrameStats& shown() const { return shown_; }
+    /* Losses, recoveries and the other stream events; while lost the last picture stays up. */
+    const StreamHealth& health() const { return health_; }
     /* Commits the display refused and flips it did not complete in time. */
     uint64_t failures() const;
     std::string lastError() const;
@@ -59,6 +65,8 @@ class DisplayClient {
     DrmDisplay* display_;
     FrameStats delivered_;
     FrameStats shown_;
+    StreamHealth health_;
+    StreamHealth::Sink events_;
     std::thread presenter_;
     mutable std::mutex mutex_;
     std::condition_variable ready_;

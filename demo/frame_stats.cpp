@@ -27,14 +27,36 @@ uint64_t MonotonicNs() {
 
 void FrameStats::Record(uint32_t sequence, uint64_t timestampNs, uint64_t nowNs) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (frames_ == 0) {
-        firstSequence_ = sequence;
-        firstTimestamp_ = timestampNs;
+    if (current_.frames > 0 && (newSegment_ || sequence <= current_.lastSequence)) {
+        Add(current_, &closed_);
+        current_ = Segment();
     }
-    lastSequence_ = sequence;
-    lastTimestamp_ = timestampNs;
+    newSegment_ = false;
+    if (current_.frames == 0) {
+        current_.firstSequence = sequence;
+        current_.firstTimestamp = timestampNs;
+    }
+    current_.lastSequence = sequence;
+    current_.lastTimestamp = timestampNs;
+    ++current_.frames;
     ++frames_;
     latencyMs_.push_back((static_cast<double>(nowNs) - static_cast<double>(timestampNs)) / 1e6);
+}
+
+void FrameStats::StartSegment() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    newSegment_ = true;
+}
+
+void FrameStats::Add(const Segment& segment, Totals* totals) {
+    if (segment.frames == 0)
+        return;
+    uint64_t span = uint64_t{segment.lastSequence - segment.firstSequence} + 1;
+    totals->drops += span > segment.frames ? span - segment.frames : 0;
+    if (segment.frames > 1 && segment.lastTimestamp > segment.firstTimestamp) {
+        totals->intervals += segment.frames - 1;
+        totals->ns += segment.lastTimestamp - segment.firstTimestamp;
+    }
 }
 
 uint64_t FrameStats::frames() const {
@@ -44,14 +66,15 @@ uint64_t FrameStats::frames() const {
 
 FrameStats::Summary FrameStats::Summarize() const {
     std::lock_guard<std::mutex> lock(mutex_);
+    /* The totals as if the open segment were closed now. */
+    Totals totals = closed_;
+    Add(current_, &totals);
     Summary summary;
     summary.name = name_;
     summary.frames = frames_;
-    if (frames_ > 1 && lastTimestamp_ > firstTimestamp_)
-        summary.fps = static_cast<double>(frames_ - 1) * 1e9 /
-                      static_cast<double>(lastTimestamp_ - firstTimestamp_);
-    uint64_t span = frames_ == 0 ? 0 : uint64_t{lastSequence_ - firstSequence_} + 1;
-    summary.drops = span > frames_ ? span - frames_ : 0;
+    if (totals.ns > 0)
+        summary.fps = static_cast<double>(totals.intervals) * 1e9 / static_cast<double>(totals.ns);
+    summary.drops = totals.drops;
     summary.medianMs = Percentile(latencyMs_, 0.5);
     summary.p99Ms = Percentile(latencyMs_, 0.99);
     return summary;

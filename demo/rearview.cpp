@@ -24,7 +24,9 @@
 #include "display_client.h"
 #include "drm_display.h"
 #include "frame_stats.h"
+#include "rearview_report.h"
 #include "recorder_client.h"
+#include "stream_health.h"
 
 namespace marlo_demo {
 
@@ -65,7 +67,7 @@ void Usage(std::ostream& out) {
            "  --size WxH           capture size (default 640x480)\n"
            "  --format FOURCC      capture format, e.g. YUYV, NV12 (default YUYV)\n"
            "  --fps N              ask the camera for N frames per second (default 30; 0 keeps\n"
-           "                       its rate)\n"
+           "                       the configured or the camera's own rate)\n"
            "  --seconds S          run for S seconds (default 10)\n"
            "  --frames N           or until the display showed N frames\n"
            "  --card PATH          DRM card of the display (default /dev/dri/card0)\n"
@@ -176,11 +178,23 @@ std::string Fixed(double value, int digits) {
 /* One progress line, rewritten in place on a terminal. */
 void PrintProgress(double seconds, const DisplayClient& display, const RecorderClient& recorder,
                    bool terminal, std::ostream& out) {
-    FrameStats::Summary shown = display.shown().Summarize();
-    FrameStats::Summary recorded = recorder.stats().Summarize();
-    out << (terminal ? "\r" : "") << "rearview: " << Fixed(seconds, 1) << " s | shown "
-        << shown.frames << " (" << Fixed(shown.fps, 1) << " fps) | recorded " << recorded.frames
-        << " (" << Fixed(recorded.fps, 1) << " fps)" << (terminal ? "   " : "\n") << std::flush;
+    std::string line =
+        ProgressLine(seconds, display.shown().Summarize(), recorder.stats().Summarize(),
+                     {display.health().Summarize(), recorder.health().Summarize()}, MonotonicNs());
+    /* On a terminal the line is rewritten in place, the rest of the old one cleared. */
+    out << (terminal ? "\r" + line + "\x1b[K" : line + "\n") << std::flush;
+}
+
+/*
+ * Prints the event lines that arrived, each on a line of its own above the
+ * progress line; false when there were none.
+ */
+bool PrintEventLines(LineMailbox& lines, double seconds, bool terminal, std::ostream& out) {
+    std::vector<std::string> taken = lines.Take();
+    for (const std::string& line : taken)
+        out << (terminal ? "\r\x1b[K" : "") << "rearview: " << Fixed(seconds, 1) << " s | " << line
+            << "\n";
+    return !taken.empty();
 }
 
 }  // namespace
@@ -228,50 +242,82 @@ int RunRearview(int argc, char** argv, std::ostream& out, std::ostream& err) {
             return 2;
         }
     }
-    if (options.fps > 0) {
-        double rate = SetDeviceRate(options.device, static_cast<unsigned>(options.fps), &error);
-        if (rate > 0)
-            out << "camera rate: asked " << options.fps << " fps, granted " << Fixed(rate, 1)
-                << " fps\n";
-        else
-            out << "camera rate: " << options.device << " refused " << options.fps << " fps ("
-                << error << "), keeping its own\n";
-    }
+    /*
+     * Events arrive on the library's event thread and are printed by this
+     * one. A camera that comes back after a loss may have been reset: its
+     * controls are set again.
+     */
+    LineMailbox eventLines;
+    auto displayEvents = [&eventLines, &options](const tessaro::marlo::StreamEvent& event,
+                                                 const std::string& line) {
+        if (!line.empty())
+            eventLines.Post(line);
+        if (event.type != tessaro::marlo::StreamEventType::kDeviceRecovered)
+            return;
+        for (const auto& [control, value] : options.controls) {
+            std::string failure;
+            if (!SetDeviceControl(options.device, control, value, &failure))
+                eventLines.Post("camera: cannot set '" + control + "' again: " + failure);
+        }
+    };
+    auto recorderEvents = [&eventLines](const tessaro::marlo::StreamEvent&,
+                                        const std::string& line) {
+        if (!line.empty())
+            eventLines.Post(line);
+    };
 
-    DisplayClient displayClient(kDisplayClientId, display.get());
+    DisplayClient displayClient(kDisplayClientId, display.get(), displayEvents);
     RecorderClient recorder(kRecorderClientId, options.recordWidth, options.recordHeight,
-                            options.record);
+                            options.record, recorderEvents);
+    /* The display opens first: its geometry and the rate it asks are the camera's. */
     if (!displayClient.Open(options.device, options.width, options.height, options.fourcc,
                             &error) ||
+        (options.fps > 0 && !displayClient.SetFrameRate(options.fps, &error)) ||
         !recorder.Open(options.device, options.width, options.height, options.fourcc,
                        options.sets + 1, &error) ||
         !displayClient.Start(&error) || !recorder.Start(&error)) {
         err << error << "\n";
         return 2;
     }
+    double rate = DeviceRate(options.device, &error);
+    if (rate > 0)
+        out << "camera rate: "
+            << (options.fps > 0 ? "asked " + std::to_string(options.fps) + " fps, granted " : "")
+            << Fixed(rate, 1) << " fps\n";
+    else
+        out << "camera rate: not reported (" << error << ")\n";
 
     bool terminal = isatty(STDOUT_FILENO) == 1;
     Clock::time_point started = Clock::now();
     Clock::time_point deadline = started + std::chrono::seconds(options.seconds);
     Clock::time_point nextProgress = started;
+    bool wasDown = false;
     while (Clock::now() < deadline) {
         if (options.frames > 0 &&
             displayClient.shown().frames() >= static_cast<uint64_t>(options.frames))
             break;
-        if (Clock::now() >= nextProgress) {
-            double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
+        double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
+        /* What the events changed, and the first frame after an outage, show at once. */
+        bool events = PrintEventLines(eventLines, elapsed, terminal, out);
+        bool down = displayClient.health().down();
+        if (events || down != wasDown || Clock::now() >= nextProgress) {
+            wasDown = down;
             PrintProgress(elapsed, displayClient, recorder, terminal, out);
-            nextProgress += terminal ? std::chrono::milliseconds(500) : std::chrono::seconds(2);
+            nextProgress = Clock::now() +
+                           (terminal ? std::chrono::milliseconds(500) : std::chrono::seconds(2));
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
+    PrintEventLines(eventLines, elapsed, terminal, out);
     PrintProgress(elapsed, displayClient, recorder, terminal, out);
     if (terminal)
         out << "\n";
 
     recorder.Stop();
     displayClient.Stop();
+    /* Events of the stops themselves are not listed; drain them quietly. */
+    eventLines.Take();
 
     std::vector<SheetImage> last(2);
     bool haveShown = displayClient.LastShown(&last[0]);
@@ -285,6 +331,10 @@ int RunRearview(int argc, char** argv, std::ostream& out, std::ostream& err) {
                     out);
     out << "latency: from the frame's capture timestamp (CLOCK_MONOTONIC) to the client's "
            "callback; on screen: to the page-flip event\n";
+    out << "\n";
+    StreamHealth::Summary displayHealth = displayClient.health().Summarize();
+    StreamHealth::Summary recorderHealth = recorder.health().Summarize();
+    PrintEventReport({displayHealth, recorderHealth}, out);
     if (displayClient.failures() > 0)
         err << "display: " << displayClient.failures()
             << " commit(s) or flip(s) failed, the last: " << displayClient.lastError() << "\n";
@@ -304,6 +354,11 @@ int RunRearview(int argc, char** argv, std::ostream& out, std::ostream& err) {
     else if (!sheet.empty())
         err << "contact sheet: " << error << "\n";
 
+    if (displayHealth.down || recorderHealth.down) {
+        err << "the camera was " << (displayHealth.down ? displayHealth : recorderHealth).downCause
+            << " and had not come back when the run ended\n";
+        return 1;
+    }
     if (!haveShown || !haveRecorded) {
         err << "a client received no frame within " << options.seconds << " s: is "
             << options.device << " a streaming capture device that takes " << options.width << "x"

@@ -2,6 +2,8 @@
 
 #include <android/sync.h>
 
+#include <utility>
+
 #include <marlo/buffer/pixel_format.h>
 
 namespace marlo_demo {
@@ -16,12 +18,15 @@ constexpr int kFenceTimeoutMs = 100;
 
 }  // namespace
 
-RecorderClient::RecorderClient(int id, uint32_t width, uint32_t height, std::string path)
+RecorderClient::RecorderClient(int id, uint32_t width, uint32_t height, std::string path,
+                               StreamHealth::Sink events)
     : id_(id),
       width_(width),
       height_(height),
       path_(std::move(path)),
-      stats_("recorder (client " + std::to_string(id) + ")") {}
+      stats_("recorder (client " + std::to_string(id) + ")"),
+      health_("recorder (client " + std::to_string(id) + ")"),
+      events_(std::move(events)) {}
 
 RecorderClient::~RecorderClient() {
     Stop();
@@ -37,6 +42,7 @@ bool RecorderClient::Open(const std::string& device, uint32_t width, uint32_t he
             return false;
         }
     }
+    stream_.ClientSetEventListener(health_.Listener(events_));
     if (stream_.OpenCamera(id_, device, static_cast<int>(width), static_cast<int>(height),
                            static_cast<int>(fourcc)) != 0) {
         *error = "recorder: OpenCamera(" + device + ") failed";
@@ -79,7 +85,10 @@ bool RecorderClient::Start(std::string* error) {
 void RecorderClient::OnFrame(FrameSet set) {
     if (set.empty())
         return;
-    stats_.Record(set[0]->sequence(), set[0]->timestamp(), MonotonicNs());
+    uint64_t now = MonotonicNs();
+    if (health_.OnFrame(now))
+        stats_.StartSegment();
+    stats_.Record(set[0]->sequence(), set[0]->timestamp(), now);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         queue_.push_back(std::move(set));

@@ -22,13 +22,18 @@
 
 #include "contact_sheet.h"
 #include "frame_stats.h"
+#include "stream_health.h"
 
 namespace marlo_demo {
 
 class RecorderClient {
   public:
-    /* Frames of \a width x \a height NV12 go to \a path ("" keeps only the last one). */
-    RecorderClient(int id, uint32_t width, uint32_t height, std::string path);
+    /*
+     * Frames of \a width x \a height NV12 go to \a path ("" keeps only the
+     * last one); \a events gets the stream's events as they come.
+     */
+    RecorderClient(int id, uint32_t width, uint32_t height, std::string path,
+                   StreamHealth::Sink events = nullptr);
     ~RecorderClient();
 
     RecorderClient(const RecorderClient&) = delete;
@@ -41,6 +46,7 @@ class RecorderClient {
     void Close();
 
     const FrameStats& stats() const { return stats_; }
+    const StreamHealth& health() const { return health_; }
     uint64_t bytesWritten() const;
     const std::string& path() const { return path_; }
     uint32_t width() const { return width_; }
@@ -63,6 +69,8 @@ class RecorderClient {
     tessaro::marlo::GrallocFrameBufferAllocator allocator_;
     std::vector<FrameSet> sets_;
     FrameStats stats_;
+    StreamHealth health_;
+    StreamHealth::Sink events_;
     std::thread writer_;
     mutable std::mutex mutex_;
     std::condition_variable ready_;

@@ -5,11 +5,18 @@
 # project (release) in build-demo/, boots Debian's own kernel in QEMU with
 # its virtual video driver (vivid), a virtio-gpu display and vgem, and runs
 # marlo_rearview there: vivid's picture on the display, one atomic commit
-# per frame, while a second client records. Takes QEMU's screen dump of the
-# display midway and leaves it as build-demo/rearview_screen.png, beside the
-# tool's contact sheet of every client's last frame,
-# build-demo/rearview_sheet.png, and prints the tool's per-client table.
-# Options given here replace the default ones below.
+# per frame, while a second client records. Midway the camera is taken
+# away (vivid's device unbound from its driver) and brought back (bound
+# again) while the display and the recorder run on: the display keeps the
+# last picture, the library reopens the camera by itself and both clients
+# go on. Then QEMU's screen dump of the display is taken and left as
+# build-demo/rearview_screen.png, beside the tool's contact sheet of every
+# client's last frame, build-demo/rearview_sheet.png, and the tool's
+# per-client tables are printed. Options given here replace the default
+# ones below. MARLO_DEMO_LOSE_AFTER (seconds into the run, default 4; 0
+# keeps the camera), MARLO_DEMO_AWAY (seconds the camera is away, default
+# 2) and MARLO_DEMO_SHOT_AFTER (seconds after it is back, default 3) time
+# the loss and the screen dump.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -45,8 +52,11 @@ options="$options --ctrl 'Timestamp Source=1'"
 if [ $# -gt 0 ]; then
     options=$(printf "'%s' " "$@")
 fi
-# The screen dump is taken this many seconds into the run.
-shot_after=${MARLO_DEMO_SHOT_AFTER:-6}
+# The camera goes this many seconds into the run, stays away this long, and
+# the screen dump is taken this many seconds after it came back.
+lose_after=${MARLO_DEMO_LOSE_AFTER:-4}
+away=${MARLO_DEMO_AWAY:-2}
+shot_after=${MARLO_DEMO_SHOT_AFTER:-3}
 
 work=$(mktemp -d)
 watcher=""
@@ -76,6 +86,16 @@ MARLO_VM_CACHE="$cache" MARLO_VM_MONITOR="$work/monitor" scripts/vm/run.sh "
 node=\$(capture-node) || exit 2
 MARLO_SYSROOT=/opt/marlo/sysroot /opt/marlo/bin/marlo_rearview --device \$node --out /tmp $options &
 pid=\$!
+# The camera unplugged and plugged in again: vivid's platform device leaves
+# its driver (its nodes vanish) and is bound again (they come back).
+if [ $lose_after -gt 0 ]; then
+    sleep $lose_after
+    echo vivid.0 >/sys/bus/platform/drivers/vivid/unbind &&
+        echo \"demo: camera taken away (vivid.0 unbound) for $away s\"
+    sleep $away
+    echo vivid.0 >/sys/bus/platform/drivers/vivid/bind &&
+        echo \"demo: camera back (vivid.0 bound, \$(capture-node))\"
+fi
 sleep $shot_after
 printf '\nMARLO_SCREENSHOT\n'
 wait \$pid

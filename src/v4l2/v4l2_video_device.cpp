@@ -9,6 +9,8 @@
 #include <string.h>
 #include <sys/mman.h>
 
+#include <algorithm>
+
 #include <marlo/base/error.h>
 #include <marlo/base/logger.h>
 
@@ -68,7 +70,29 @@ class FormattedTraceSection {
 /* --- V4l2Buffer --- */
 
 V4l2Buffer::V4l2Buffer(V4l2Device* dev, v4l2_buffer& record)
-    : device(dev), buffer(record), queued(false) {}
+    : device(dev), buffer(record), queued(false) {
+    KeepPlanes(record);
+}
+
+void V4l2Buffer::SetBuffer(v4l2_buffer& record) {
+    buffer = record;
+    KeepPlanes(record);
+}
+
+void V4l2Buffer::KeepPlanes(const v4l2_buffer& record) {
+    if (!V4L2_TYPE_IS_MULTIPLANAR(record.type))
+        return;
+    /* A record that is already this buffer's own keeps its planes as they are. */
+    if (record.m.planes != plane_records) {
+        v4l2_plane copy[VIDEO_MAX_PLANES] = {};
+        if (record.m.planes != nullptr) {
+            uint32_t count = std::min<uint32_t>(record.length, VIDEO_MAX_PLANES);
+            std::copy(record.m.planes, record.m.planes + count, copy);
+        }
+        std::copy(copy, copy + VIDEO_MAX_PLANES, plane_records);
+    }
+    buffer.m.planes = plane_records;
+}
 
 V4l2Buffer::~V4l2Buffer() {
     for (auto& plane : planes) {
@@ -242,10 +266,9 @@ int V4l2VideoDevice::QueryBuffer() {
             return ret;
         }
 
+        /* A multi-planar buffer keeps its own copy of this call's plane array. */
         auto buffer = std::make_unique<V4l2Buffer>(this, record);
         if (multiPlanar) {
-            /* The stored copy must not point at this stack array. */
-            buffer->buffer.m.planes = nullptr;
             num_planes_ = record.length;
             for (uint32_t p = 0; p < num_planes_ && p < VIDEO_MAX_PLANES; ++p) {
                 if (memory_type_ != V4L2_MEMORY_MMAP)
@@ -372,10 +395,8 @@ std::unique_ptr<V4l2Buffer> V4l2VideoDevice::DequeBuffer() {
     marlo_log(MARLO_LOG_VERBOSE, kTag, "%s: dequed bufffer : %u vs %u\n", name_.c_str(),
               record.index, buffer->GetIndex());
     buffer->SetQueued(false);
+    /* The driver's plane array (per-plane bytesused) is copied into the buffer's own. */
     buffer->SetBuffer(record);
-    /* The plane array of this call is gone once it returns. */
-    if (IsMultiPlanar())
-        buffer->buffer.m.planes = nullptr;
     return buffer;
 }
 
@@ -420,8 +441,9 @@ int V4l2VideoDevice::QueueBuffer(std::unique_ptr<V4l2Buffer> buffer) {
     }
 
     int ret = IoCtl(VIDIOC_QBUF, record);
+    /* The driver's answer is the buffer's record now, its planes in the buffer's own array. */
     if (multiPlanar)
-        record->m.planes = nullptr;
+        buffer->SetBuffer(*record);
     if (ret < 0) {
         int err = errno;
         marlo_log(MARLO_LOG_ERROR, kTag, "%s: queue bufffer failed : %s\n", name_.c_str(),

@@ -48,3 +48,33 @@ TEST(FrameStats, TableHasAHeaderAndOneRowPerClient) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(FrameStats, ACaptureRestartStartsANewSegment) {
+    FrameStats stats("client");
+    /* 0..4 at 10 ms, then the device comes back 2 s later counting from 0 again, with 2 missed. */
+    for (uint32_t s = 0; s < 5; ++s)
+        stats.Record(s, 1000 * kMs + s * 10 * kMs, 1000 * kMs + s * 10 * kMs + kMs);
+    for (uint32_t s : {0u, 1u, 4u}) {
+        uint64_t timestamp = 3000 * kMs + s * 10 * kMs;
+        stats.Record(s, timestamp, timestamp + kMs);
+    }
+    FrameStats::Summary summary = stats.Summarize();
+    EXPECT_EQ(summary.frames, 8u);
+    EXPECT_EQ(summary.drops, 2u);
+    /* Six intervals over 40 + 40 ms: the outage is not counted as capture time. */
+    EXPECT_NEAR(summary.fps, 6 / 0.08, 1e-6);
+
+    /* A restart that keeps counting is marked by the client. */
+    FrameStats marked("marked");
+    marked.Record(10, 0, kMs);
+    marked.Record(11, 10 * kMs, 11 * kMs);
+    marked.StartSegment();
+    marked.Record(40, 500 * kMs, 501 * kMs);
+    marked.Record(41, 510 * kMs, 511 * kMs);
+    EXPECT_EQ(marked.Summarize().drops, 0u);
+    EXPECT_NEAR(marked.Summarize().fps, 100.0, 1e-6);
+}
+
+}  // namespace

@@ -756,21 +756,83 @@ TEST_F(V4l2VideoDeviceTest, SinglePlanarDequeueTakesTheDriversBytesUsedAndFlags)
     EXPECT_EQ(node_->Requests(VIDIOC_QBUF).back().flags, 0x1800u);
 }
 
-TEST_F(V4l2VideoDeviceTest, MultiPlanarDequeueKeepsNoPointerToTheCallsPlanes) {
-    AddNode();
+TEST_F(V4l2VideoDeviceTest, MultiPlanarDequeueKeepsTheDriversPlanesInTheBuffer) {
+    marlo_fake::VideoNodeConfig config;
+    config.numPlanes = 2;
+    AddNode(config);
     TestDevice device(kPath);
     Prepare(device, 2);
     QueueAll(device);
     ASSERT_EQ(device.StreamOn(), 0);
-    ASSERT_EQ(node_->ProduceFrame(), 0);
-    auto frame = device.DequeBuffer();
-    ASSERT_NE(frame, nullptr);
-    EXPECT_EQ(frame->GetBuffer()->m.planes, nullptr);
-    EXPECT_EQ(frame->GetBuffer()->length, 1u);
-    ASSERT_EQ(device.QueueBuffer(std::move(frame)), 0);
-    auto queued = device.GetQueuedBuffer(0);
+    marlo_fake::FrameContent content = marlo_fake::Frame(4, {1, 0}, 0x20);
+    content.bytesused = 1000;
+    ASSERT_GE(node_->ProduceFrame(content), 0);
+    ASSERT_GE(node_->ProduceFrame(), 0);
+
+    auto first = device.DequeBuffer();
+    auto second = device.DequeBuffer();
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    /* Each record points at its own buffer's copy, valid after the dequeue call returned. */
+    v4l2_buffer* record = first->GetBuffer();
+    EXPECT_EQ(record->m.planes, first->plane_records);
+    EXPECT_EQ(second->GetBuffer()->m.planes, second->plane_records);
+    ASSERT_EQ(record->length, 2u);
+    for (unsigned p = 0; p < 2; ++p) {
+        EXPECT_EQ(record->m.planes[p].bytesused, 1000u) << p;
+        EXPECT_EQ(record->m.planes[p].length, first->GetLength(p)) << p;
+        /* A frame that fills its planes: bytesused is each plane's own length. */
+        EXPECT_EQ(second->GetBuffer()->m.planes[p].bytesused, second->GetLength(p)) << p;
+    }
+    EXPECT_EQ(first->GetSequence(), 4u);
+
+    /* Queued again, the record still points at the buffer's own array. */
+    uint32_t index = first->GetIndex();
+    ASSERT_EQ(device.QueueBuffer(std::move(first)), 0);
+    auto queued = device.GetQueuedBuffer(index);
     ASSERT_NE(queued, nullptr);
-    EXPECT_EQ(queued->GetBuffer()->m.planes, nullptr);
+    EXPECT_EQ(queued->GetBuffer()->m.planes, queued->plane_records);
+    EXPECT_EQ(queued->GetBuffer()->length, 2u);
+}
+
+TEST(V4l2BufferTest, AMultiPlanarRecordsPlanesAreCopied) {
+    v4l2_plane planes[VIDEO_MAX_PLANES] = {};
+    planes[0].bytesused = 11;
+    planes[1].bytesused = 22;
+    v4l2_buffer record = {};
+    record.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    record.length = 2;
+    record.m.planes = planes;
+    V4l2Buffer buffer(nullptr, record);
+    planes[0].bytesused = 0;
+    EXPECT_EQ(buffer.GetBuffer()->m.planes, buffer.plane_records);
+    EXPECT_EQ(buffer.GetBuffer()->m.planes[0].bytesused, 11u);
+    EXPECT_EQ(buffer.GetBuffer()->m.planes[1].bytesused, 22u);
+
+    planes[0].bytesused = 33;
+    record.length = 1;
+    buffer.SetBuffer(record);
+    EXPECT_EQ(buffer.GetBuffer()->m.planes, buffer.plane_records);
+    EXPECT_EQ(buffer.plane_records[0].bytesused, 33u);
+    /* Planes beyond the record's count are cleared, not left from before. */
+    EXPECT_EQ(buffer.plane_records[1].bytesused, 0u);
+
+    /* A record without a plane array still points at the buffer's own, zeroed. */
+    record.m.planes = nullptr;
+    buffer.SetBuffer(record);
+    EXPECT_EQ(buffer.GetBuffer()->m.planes, buffer.plane_records);
+    EXPECT_EQ(buffer.plane_records[0].bytesused, 0u);
+    /* The buffer's own record given back keeps its planes. */
+    buffer.plane_records[0].bytesused = 44;
+    buffer.SetBuffer(*buffer.GetBuffer());
+    EXPECT_EQ(buffer.GetBuffer()->m.planes[0].bytesused, 44u);
+
+    /* A single-planar record is copied as it is. */
+    v4l2_buffer single = {};
+    single.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    single.m.offset = 4096;
+    V4l2Buffer plain(nullptr, single);
+    EXPECT_EQ(plain.GetBuffer()->m.offset, 4096u);
 }
 
 TEST_F(V4l2VideoDeviceTest, EmptyNonBlockingDequeue) {

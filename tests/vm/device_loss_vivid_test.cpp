@@ -32,9 +32,9 @@
 
 #include "demo_common.h"
 #include "support/colour_bars.h"
-#include "support/process_stats.h"
 #include "support/fd_count.h"
 #include "support/kernel_modules.h"
+#include "support/process_stats.h"
 #include "support/stream_event_log.h"
 #include "support/vivid.h"
 
@@ -306,7 +306,8 @@ TEST_F(VividLossTest, AnUnplugIsReportedTheIoThreadSleepsAndStopAndCloseArePromp
     holder.reset();
     EXPECT_TRUE(fds.unchanged());
     EXPECT_TRUE(WaitThreads(threads)) << ThreadCount() << " threads, " << threads << " before";
-    /* No mapping of the node's buffers or their dma-bufs is left (the 2D engine lets idle ones go). */
+    /* No mapping of the node's buffers or their dma-bufs is left (the 2D engine lets idle ones go).
+     */
     auto deadline = Clock::now() + 10s;
     auto captureMappings = [&] {
         return marlo_test::MappingsOf(node_) + marlo_test::MappingsOf("dmabuf");

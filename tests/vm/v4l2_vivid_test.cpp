@@ -191,10 +191,20 @@ TEST_P(VividTest, StreamingDeliversSequencedTimestampedColourBars) {
         ASSERT_EQ(device.StreamOn(), 0);
         uint64_t started = MonotonicNs();
         uint64_t previous = 0;
+        uint32_t sequence = 0;
         for (uint32_t frame = 0; frame < 8; ++frame) {
             std::unique_ptr<V4l2Buffer> buffer = device.DequeBuffer();
             ASSERT_NE(buffer, nullptr);
-            EXPECT_EQ(buffer->GetSequence(), frame);
+            /*
+             * The driver's count from 0. vivid counts frames by the time
+             * since stream-on: a frame its thread was late for on the busy
+             * emulated machine, or had no free buffer for, is skipped in
+             * the count, never repeated.
+             */
+            if (frame > 0) {
+                EXPECT_GT(buffer->GetSequence(), sequence);
+            }
+            sequence = buffer->GetSequence();
             uint64_t timestamp = buffer->GetTimestamp();
             /*
              * Monotonic clock stamps near now. vivid stamps a frame with the
@@ -206,8 +216,13 @@ TEST_P(VividTest, StreamingDeliversSequencedTimestampedColourBars) {
             EXPECT_GT(timestamp, previous);
             previous = timestamp;
             const v4l2_buffer* record = buffer->GetBuffer();
-            /* Multi-planar sizes are in the plane records, which the dequeue does not keep. */
-            if (!MultiPlanar()) {
+            /* Multi-planar sizes are in the plane records, which the buffer keeps. */
+            if (MultiPlanar()) {
+                ASSERT_EQ(record->m.planes, buffer->plane_records);
+                ASSERT_EQ(record->length, 1u);
+                EXPECT_EQ(record->m.planes[0].bytesused, kWidth * kHeight * 2);
+                EXPECT_EQ(record->m.planes[0].length, buffer->GetLength(0));
+            } else {
                 EXPECT_EQ(record->bytesused, kWidth * kHeight * 2);
             }
             EXPECT_TRUE(record->flags & V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC);
@@ -218,6 +233,7 @@ TEST_P(VividTest, StreamingDeliversSequencedTimestampedColourBars) {
             }
             ASSERT_EQ(device.QueueBuffer(std::move(buffer)), 0);
         }
+        EXPECT_LE(sequence, 7u + 4u) << "more than four frames skipped in eight";
         ASSERT_EQ(device.StreamOff(), 0);
         /* Stream off hands every buffer back. */
         int unqueued = 0;
@@ -342,6 +358,44 @@ INSTANTIATE_TEST_SUITE_P(Vivid, VividTest,
                              return info.param == Vivid::kSinglePlanar ? "SinglePlanar"
                                                                        : "MultiPlanar";
                          });
+
+/* Two-plane NV12 on the multi-planar instance: each plane's bytesused is the driver's. */
+TEST(VividMultiPlanar, EachPlanesBytesUsedIsKeptAfterTheDequeue) {
+    std::string node = marlo_vm::VividCaptureNode(Vivid::kMultiPlanar);
+    ASSERT_FALSE(node.empty());
+    ASSERT_GT(marlo_vm::SetFrameRate(node, 30), 0.0);
+    FdLeakCheck leaks;
+    {
+        V4l2VideoDevice device(node);
+        ASSERT_EQ(device.Open(true), 0);
+        ASSERT_EQ(device.QueryCap(), 0);
+        ASSERT_EQ(device.SetFormat(kWidth, kHeight, V4L2_PIX_FMT_NV12M), 0);
+        ASSERT_EQ(device.NumPlanes(), 2u);
+        ASSERT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 3);
+        ASSERT_EQ(device.QueryBuffer(), 0);
+        while (auto buffer = device.GetBuffer())
+            ASSERT_EQ(device.QueueBuffer(std::move(buffer)), 0);
+        ASSERT_EQ(device.StreamOn(), 0);
+        std::vector<std::unique_ptr<V4l2Buffer>> held;
+        for (int frame = 0; frame < 2; ++frame) {
+            held.push_back(device.DequeBuffer());
+            ASSERT_NE(held.back(), nullptr);
+        }
+        /* Read after a later dequeue: the records are the buffers' own. */
+        for (const auto& buffer : held) {
+            const v4l2_buffer* record = buffer->GetBuffer();
+            ASSERT_EQ(record->m.planes, buffer->plane_records);
+            ASSERT_EQ(record->length, 2u);
+            EXPECT_EQ(record->m.planes[0].bytesused, kWidth * kHeight);
+            EXPECT_EQ(record->m.planes[1].bytesused, kWidth * kHeight / 2);
+            EXPECT_EQ(record->m.planes[1].length, buffer->GetLength(1));
+        }
+        for (auto& buffer : held)
+            ASSERT_EQ(device.QueueBuffer(std::move(buffer)), 0);
+        ASSERT_EQ(device.StreamOff(), 0);
+    }
+    EXPECT_TRUE(leaks.unchanged());
+}
 
 /* A module reload takes the nodes away and brings fresh ones that stream. */
 TEST(VividReload, NodesComeBackAndStream) {

@@ -61,6 +61,10 @@ class V4l2Buffer {
         size_t length = 0;
     };
 
+    /*
+     * Copies \a buffer; a multi-planar record's plane array is copied too,
+     * into the buffer's own (see plane_records).
+     */
     V4l2Buffer(V4l2Device* device, v4l2_buffer& buffer);
     virtual ~V4l2Buffer();
 
@@ -73,8 +77,15 @@ class V4l2Buffer {
     uint64_t GetTimestamp() const;
     uint32_t GetMemType() const { return buffer.memory; }
 
+    /*
+     * The stored record. A multi-planar record's m.planes points at
+     * plane_records, which holds the driver's plane array of the last
+     * query, queue or dequeue (per-plane bytesused, lengths, offsets) and
+     * stays valid as long as the buffer.
+     */
     v4l2_buffer* GetBuffer() { return &buffer; }
-    void SetBuffer(v4l2_buffer& record) { buffer = record; }
+    /* Overwrites the stored record with a copy of \a record, its planes included. */
+    void SetBuffer(v4l2_buffer& record);
 
     /*
      * Callers pass planes 0 to 7. An index beyond that is logged and answers
@@ -95,9 +106,13 @@ class V4l2Buffer {
     v4l2_buffer buffer;
     Plane planes[VIDEO_MAX_PLANES];
     std::atomic<bool> queued;
+    /* The multi-planar record's plane array; buffer.m.planes points here. */
+    v4l2_plane plane_records[VIDEO_MAX_PLANES] = {};
 
   private:
     bool ValidPlane(unsigned plane, const char* operation) const;
+    /* Copies a multi-planar record's plane array into plane_records and points at it. */
+    void KeepPlanes(const v4l2_buffer& record);
 };
 
 class V4l2VideoDevice : public V4l2Device {

@@ -83,8 +83,22 @@ bool ShowPlainColourBars(const std::string& node) {
 }
 
 double SetFrameRate(const std::string& node, unsigned fps) {
-    std::string error;
-    return marlo_demo::SetDeviceRate(node, fps, &error);
+    UniqueFd fd(open(node.c_str(), O_RDWR | O_CLOEXEC));
+    if (!fd.isValid())
+        return 0;
+    /* The instance answers for its own buffer type only. */
+    for (uint32_t type : {V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE}) {
+        v4l2_streamparm parm = {};
+        parm.type = type;
+        parm.parm.capture.timeperframe = {1, fps};
+        if (ioctl(fd.get(), VIDIOC_S_PARM, &parm) != 0)
+            continue;
+        const v4l2_fract& interval = parm.parm.capture.timeperframe;
+        if (interval.numerator == 0 || interval.denominator == 0)
+            return 0;
+        return static_cast<double>(interval.denominator) / interval.numerator;
+    }
+    return 0;
 }
 
 }  // namespace marlo_vm
