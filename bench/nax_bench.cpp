@@ -9,9 +9,20 @@
  *   Operator  NaxImageOperator::process with the handle cache off, as the
  *             camera runs it: import, job and release of both buffers at
  *             every frame
+ *   Paired    libyuv, engine and operator timed in turns in one loop
+ *   Threads   the engine's job on one thread and on two, in turns
  * Throughput is destination bytes per second of CPU time: the machines
  * these run on are shared, and CPU time is what waiting for a core does
- * not inflate.
+ * not inflate. The engine runs every job on its calling thread alone here
+ * (nax_sw_set_job_threads(1)), as libyuv does, except in Threads, which
+ * compares wall times.
+ *
+ * Beside the cases:
+ *   Import    one import and release, beside a fresh mapping per import
+ *   Cycle     jobs into N full-HD client buffers in turn, as a camera with
+ *             N lent buffers runs them, with and without a hold on each
+ *   First     the first job into a buffer the engine never saw, with and
+ *             without a hold taken beforehand, beside a later job
  */
 #include <linux/videodev2.h>
 #include <sys/mman.h>
@@ -29,12 +40,21 @@
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
 #include <nax/nax.h>
+#include <nax/nax_sw.h>
 
 #include "marlo/imgproc/nax_image_operator.h"
 
+#include "bench_clock.h"
+
 using tessaro::marlo::ImageBuffer;
 using tessaro::marlo::ImageRect;
+using tessaro::marlo::NaxBufferHold;
 using tessaro::marlo::NaxImageOperator;
+
+using bench::Median;
+using bench::ProcessCpuMicros;
+using bench::ThreadCpuMicros;
+using bench::WallMicros;
 
 namespace {
 
@@ -47,11 +67,14 @@ constexpr int kHeight = 1080;
 /* An image in a memory file, as the camera's dma-bufs hold them. */
 class Frame {
   public:
-    Frame(int w, int h, int naxFormat, uint32_t fourcc, size_t size)
+    /* Without `fill`, the memory is never mapped or touched here. */
+    Frame(int w, int h, int naxFormat, uint32_t fourcc, size_t size, bool fill = true)
         : w_(w), h_(h), naxFormat_(naxFormat), fourcc_(fourcc), size_(size) {
         fd_ = memfd_create("nax_bench", MFD_CLOEXEC);
         if (fd_ < 0 || ftruncate(fd_, static_cast<off_t>(size)) != 0)
             abort();
+        if (!fill)
+            return;
         void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
         if (p == MAP_FAILED)
             abort();
@@ -60,7 +83,8 @@ class Frame {
             data_[i] = static_cast<uint8_t>(i * 131 + (i >> 12));
     }
     ~Frame() {
-        munmap(data_, size_);
+        if (data_)
+            munmap(data_, size_);
         close(fd_);
     }
     Frame(const Frame&) = delete;
@@ -250,17 +274,6 @@ void BM_Operator(benchmark::State& state, const Case& c) {
     Finish(state, c);
 }
 
-double ThreadCpuMicros() {
-    struct timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return ts.tv_sec * 1e6 + ts.tv_nsec / 1e3;
-}
-
-double Median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
 /*
  * libyuv, the engine and the operator cycle measured in turns within one
  * loop, in an order that rotates every iteration, so that the load of a
@@ -359,6 +372,164 @@ void BM_MmapTouchMunmap(benchmark::State& state) {
     }
 }
 
+/*
+ * The engine's job on one thread and on two, in turns within one loop (the
+ * order swaps every iteration), by wall time: the speed-up of one job from
+ * the second core.
+ */
+void BM_Threads(benchmark::State& state, const Case& c) {
+    Pair p = MakePair(c);
+    const uint32_t hs = nax_import_fd(p.src->fd(), nullptr);
+    const uint32_t hd = nax_import_fd(p.dst->fd(), nullptr);
+    const nax_buffer_t s = nax_wrap_handle(hs, c.srcW, c.srcH, c.srcW, c.srcH, c.srcNax);
+    const nax_buffer_t d = nax_wrap_handle(hd, c.dstW, c.dstH, c.dstW, c.dstH, c.dstNax);
+    /* CPU time of the calling thread and of the process (the workers'
+     * share is the difference) over the two-thread runs. */
+    std::vector<double> caller;
+    std::vector<double> helpers;
+    auto run = [&](int threads) {
+        nax_sw_set_job_threads(threads);
+        int fence = -1;
+        const double cpu0 = ThreadCpuMicros();
+        const double all0 = ProcessCpuMicros();
+        const double t0 = WallMicros();
+        nax_process(s, d, nax_buffer_t{}, nax_rect{}, nax_rect{}, nax_rect{}, -1, &fence, nullptr,
+                    NAX_USAGE_SYNC | c.transform);
+        const double wall = WallMicros() - t0;
+        if (threads == 2) {
+            const double own = ThreadCpuMicros() - cpu0;
+            caller.push_back(own);
+            helpers.push_back(ProcessCpuMicros() - all0 - own);
+        }
+        return wall;
+    };
+    run(2);
+    if (!SameAsLibyuv(c, *p.dst, *p.src)) {
+        state.SkipWithError("the engine on two threads does not match libyuv");
+        g_failed = true;
+    }
+    std::vector<double> times[2];
+    uint64_t turn = 0;
+    for (auto _ : state) {
+        for (int k = 0; k < 2; k++) {
+            const int which = static_cast<int>((turn + k) % 2);
+            times[which].push_back(run(which + 1));
+        }
+        turn++;
+    }
+    nax_sw_set_job_threads(1);
+    nax_release_handle(hs);
+    nax_release_handle(hd);
+    const double one = Median(times[0]);
+    const double two = Median(times[1]);
+    state.counters["one_thread_us"] = one;
+    state.counters["two_threads_us"] = two;
+    state.counters["speedup"] = one / two;
+    state.counters["caller_cpu_us"] = Median(caller);
+    state.counters["helper_cpu_us"] = Median(helpers);
+}
+
+/* A full-HD client buffer nobody mapped yet, as a fresh gralloc buffer. */
+std::unique_ptr<Frame> ClientFrame(uint32_t fourcc) {
+    const bool nv12 = fourcc == V4L2_PIX_FMT_NV12;
+    return std::make_unique<Frame>(
+        kWidth, kHeight, nv12 ? NAX_FORMAT_YCbCr_420_SP : NAX_FORMAT_RGBA_8888, fourcc,
+        nv12 ? Nv12Size(kWidth, kHeight) : static_cast<size_t>(kWidth) * kHeight * 4, false);
+}
+
+/* One job of the frame fan-out's shape: full-HD NV12 into a client buffer. */
+double FanOutJob(NaxImageOperator& op, ImageBuffer& src, ImageBuffer dst) {
+    ImageBuffer pat{0, 0, 0, -1, 0, 0, 0, 0, 0};
+    int fence = -1;
+    const double t0 = WallMicros();
+    op.process(src, dst, pat, ImageRect{0, 0, kWidth, kHeight}, ImageRect{0, 0, 0, 0},
+               ImageRect{0, 0, 0, 0}, 0, &fence, 0);
+    return WallMicros() - t0;
+}
+
+/*
+ * Jobs into N client buffers in turn, each iteration the next buffer: what
+ * a camera with N lent buffers does. Without holds the engine keeps at most
+ * 128 idle mappings, so past that every job maps and faults its buffer in;
+ * with a hold on each (taken when the buffer is lent) none does.
+ */
+void BM_Cycle(benchmark::State& state, uint32_t fourcc) {
+    const int count = static_cast<int>(state.range(0));
+    const bool held = state.range(1) != 0;
+    Frame src(kWidth, kHeight, NAX_FORMAT_YCbCr_420_SP, V4L2_PIX_FMT_NV12,
+              Nv12Size(kWidth, kHeight));
+    NaxImageOperator op;
+    bool cache = false;
+    op.control("SetCacheHandle", &cache);
+    std::vector<std::unique_ptr<Frame>> buffers;
+    std::vector<NaxBufferHold> holds;
+    ImageBuffer source = src.image();
+    NaxBufferHold sourceHold;
+    if (held)
+        sourceHold = op.holdBuffer(source);
+    for (int i = 0; i < count; i++) {
+        buffers.push_back(ClientFrame(fourcc));
+        if (held)
+            holds.push_back(op.holdBuffer(buffers.back()->image()));
+    }
+    /* One turn through them all first: every page exists afterwards. */
+    for (auto& b : buffers)
+        FanOutJob(op, source, b->image());
+    std::vector<double> times;
+    size_t next = 0;
+    for (auto _ : state) {
+        const double t = FanOutJob(op, source, buffers[next]->image());
+        state.SetIterationTime(t / 1e6);
+        times.push_back(t);
+        next = (next + 1) % buffers.size();
+    }
+    state.counters["job_us"] = Median(times);
+    state.counters["lent_buffers"] = count;
+}
+
+/*
+ * The first job into a fresh client buffer: unheld (the job maps it and
+ * faults its pages in), held beforehand (as when it is lent), and a later
+ * job into a buffer that has had one (warm). Warm jobs go to four such
+ * buffers in turn, as into a client's four sets, so that none is still in
+ * the cache from the job before.
+ */
+void BM_First(benchmark::State& state, uint32_t fourcc, int mode) {
+    constexpr size_t kWarmSets = 4;
+    Frame src(kWidth, kHeight, NAX_FORMAT_YCbCr_420_SP, V4L2_PIX_FMT_NV12,
+              Nv12Size(kWidth, kHeight));
+    NaxImageOperator op;
+    bool cache = false;
+    op.control("SetCacheHandle", &cache);
+    ImageBuffer source = src.image();
+    NaxBufferHold sourceHold = op.holdBuffer(source);
+    std::vector<std::unique_ptr<Frame>> warm;
+    std::vector<NaxBufferHold> warmHolds;
+    for (size_t i = 0; i < kWarmSets; i++) {
+        warm.push_back(ClientFrame(fourcc));
+        warmHolds.push_back(op.holdBuffer(warm.back()->image()));
+        FanOutJob(op, source, warm.back()->image());
+    }
+    std::vector<double> times;
+    size_t next = 0;
+    for (auto _ : state) {
+        double t;
+        if (mode == 2) {
+            t = FanOutJob(op, source, warm[next]->image());
+            next = (next + 1) % kWarmSets;
+        } else {
+            std::unique_ptr<Frame> fresh = ClientFrame(fourcc);
+            NaxBufferHold hold;
+            if (mode == 1)
+                hold = op.holdBuffer(fresh->image());
+            t = FanOutJob(op, source, fresh->image());
+        }
+        state.SetIterationTime(t / 1e6);
+        times.push_back(t);
+    }
+    state.counters["job_us"] = Median(times);
+}
+
 void Register() {
     benchmark::RegisterBenchmark("Import/ImportRelease", BM_ImportRelease);
     benchmark::RegisterBenchmark("Import/MmapMunmap", BM_MmapMunmap);
@@ -375,12 +546,30 @@ void Register() {
             ->Unit(benchmark::kMicrosecond);
         benchmark::RegisterBenchmark(("Paired/" + n).c_str(), BM_Paired, c)
             ->Unit(benchmark::kMicrosecond);
+        benchmark::RegisterBenchmark(("Threads/" + n).c_str(), BM_Threads, c)
+            ->Unit(benchmark::kMicrosecond);
+    }
+    for (uint32_t fourcc : {V4L2_PIX_FMT_NV12, V4L2_PIX_FMT_RGBA32}) {
+        const std::string f = fourcc == V4L2_PIX_FMT_NV12 ? "NV12" : "RGBA";
+        auto* cycle = benchmark::RegisterBenchmark(("Cycle/" + f).c_str(), BM_Cycle, fourcc);
+        cycle->ArgNames({"buffers", "held"})->UseManualTime()->Unit(benchmark::kMicrosecond);
+        for (int count : {8, 64, 120, 136, 192, 256})
+            for (int held : {0, 1})
+                cycle->Args({count, held});
+        const char* modes[] = {"cold", "held", "warm"};
+        for (int mode = 0; mode < 3; mode++)
+            benchmark::RegisterBenchmark(("First/" + f + "/" + modes[mode]).c_str(), BM_First,
+                                         fourcc, mode)
+                ->UseManualTime()
+                ->Unit(benchmark::kMicrosecond);
     }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    /* libyuv runs on one thread: so does the engine, but in Threads. */
+    nax_sw_set_job_threads(1);
     Register();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))

@@ -14,6 +14,9 @@ PACKAGES=(
     libtinyxml2-dev libdrm-dev libyuv-dev libpng-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     linux-libc-dev
+    # The converters the engine is benchmarked against (bench/peer_bench).
+    libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libunwind-dev
+    libswscale-dev libavutil-dev
 )
 
 # The arm64 libraries install beside the host's (their -dev packages are

@@ -15,6 +15,10 @@
 
 #include "log.h"
 
+#ifndef MADV_POPULATE_WRITE
+#define MADV_POPULATE_WRITE 23 /* Linux 5.14 */
+#endif
+
 namespace nax {
 
 Mapping::Mapping(dev_t dev, ino_t ino, uint8_t* addr, size_t size, bool writable)
@@ -52,14 +56,38 @@ uint64_t FileSize(int fd, const struct stat& st) {
 
 }  // namespace
 
+namespace {
+
+/*
+ * Faults every page of a new mapping in here, at import, rather than in
+ * the first job: a buffer imported when it is lent then costs its first
+ * frame no more than any later one. A writable mapping is faulted in for
+ * writing (a read fault would leave each page to be made writable and
+ * dirty at its first write, which costs as much again); where the kernel
+ * cannot (before Linux 5.14, or memory that refuses it), the mapping is
+ * made again with MAP_POPULATE, which faults it in for reading.
+ */
+void* MapPopulated(int fd, uint64_t size, bool writable) {
+    const int prot = writable ? PROT_READ | PROT_WRITE : PROT_READ;
+    if (!writable)
+        return mmap(nullptr, size, prot, MAP_SHARED | MAP_POPULATE, fd, 0);
+    void* addr = mmap(nullptr, size, prot, MAP_SHARED, fd, 0);
+    if (addr == MAP_FAILED || madvise(addr, size, MADV_POPULATE_WRITE) == 0)
+        return addr;
+    munmap(addr, size);
+    return mmap(nullptr, size, prot, MAP_SHARED | MAP_POPULATE, fd, 0);
+}
+
+}  // namespace
+
 std::shared_ptr<Mapping> BufferTable::MapFile(int fd, Key key, uint64_t size) {
     bool writable = true;
-    void* addr = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void* addr = MapPopulated(fd, size, true);
     if (addr == MAP_FAILED && (errno == EACCES || errno == EPERM)) {
         /* Read-only memory (a read-only descriptor, a sealed memfd) can
          * still be a source. */
         writable = false;
-        addr = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+        addr = MapPopulated(fd, size, false);
     }
     if (addr == MAP_FAILED) {
         NAX_LOGE("import fd %d: mmap of %llu bytes failed: %s", fd,

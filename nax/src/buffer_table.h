@@ -9,9 +9,16 @@
  * correctly. A mapping holds a reference to its file, so its identity cannot
  * be reused for another file while the mapping lives.
  *
- * Policy: a mapping with handles stays. When its last handle goes it turns
- * idle, because the next frame will most likely import the same memory
- * again (the camera imports and releases every buffer at every frame).
+ * Policy: a mapping with handles stays. A caller that keeps one handle of
+ * a buffer for as long as the buffer is in use (the operator's
+ * NaxBufferHold, taken when a client lends the buffer) therefore keeps it
+ * mapped at any number of buffers, and every import of it in between is a
+ * lookup. New mappings are faulted in at once (for writing where they are
+ * writable), so the pages are present and writable from the import on.
+ *
+ * When the last handle of a mapping goes it turns idle, because the next
+ * frame will most likely import the same memory again (a caller that holds
+ * nothing imports and releases every buffer at every frame).
  * Whether anybody else still holds the memory cannot be read from the file
  * (memfds have no links, dma-bufs always one, and the mapping itself holds
  * a reference), so "the file is gone" is approximated by age: an idle
@@ -24,9 +31,9 @@
  * stays pinned by this engine. A background thread, started when the first
  * mapping turns idle and ending when none is left, drops them on time even
  * when no other engine call follows (a stream that stopped). kMaxIdle
- * (128) holds the buffers of several cameras with their clients' buffer
- * sets: the frame fan-out visits them in a cycle, for which a cache smaller
- * than the cycle misses every time.
+ * (128) bounds the cycle of buffers a caller that holds nothing can go
+ * through without mapping them again: beyond it every import misses, so
+ * callers with more buffers than that hold them.
  *
  * A file whose size changed is mapped afresh at its next import.
  *

@@ -1,8 +1,9 @@
 /*
  * Entry points of the software 2D engine.
  *
- * Every job runs on the calling thread and is finished when the call
- * returns, asynchronous ones included: the release fence is always -1.
+ * Every job is finished when the call returns, asynchronous ones included:
+ * the release fence is always -1. The calling thread runs it, helped by the
+ * worker pool when it is large.
  * Requests are checked in full before a byte is touched: the handle, the
  * format, the geometry against the imported memory and each rectangle
  * against its image.
@@ -16,11 +17,13 @@
 #include <new>
 
 #include <nax/nax.h>
+#include <nax/nax_sw.h>
 
 #include "buffer_table.h"
 #include "engine.h"
 #include "format.h"
 #include "log.h"
+#include "worker_pool.h"
 
 namespace nax {
 namespace {
@@ -383,6 +386,10 @@ int nax_release_handle(uint32_t handle) {
         NAX_LOGE("release %u: out of memory", handle);
         return -ENOMEM;
     }
+}
+
+int nax_sw_set_job_threads(int threads) {
+    return WorkerPool::Instance().SetWidth(threads);
 }
 
 int nax_sync(int fence) {

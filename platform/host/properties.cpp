@@ -1,20 +1,34 @@
 /*
  * System properties for a development machine: one process-wide store,
  * seeded on first use from the file named by MARLO_PROPERTIES
- * ("name=value" lines, '#' starts a comment).
+ * ("name=value" lines, '#' starts a comment). As in Android's property
+ * area, each property has a change serial and the store an area serial,
+ * so that a reader notices a change without reading the value.
  */
 #include <cutils/properties.h>
 #include <marlo_host/hooks.h>
+#include <sys/system_properties.h>
 
 #include <errno.h>
 #include <inttypes.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <atomic>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
+
+// A property's record. Records are never freed, so a pointer handed out by
+// __system_property_find() stays valid, as on Android; a reset only takes
+// their values away.
+struct prop_info {
+    std::string value;  // guarded by the store's mutex
+    bool present = false;
+    std::atomic<uint32_t> serial{0};
+};
 
 namespace {
 
@@ -23,24 +37,38 @@ class PropertyStore {
     bool Get(const std::string& key, std::string* value) {
         std::lock_guard<std::mutex> lock(mutex_);
         SeedLocked();
-        auto it = values_.find(key);
-        if (it == values_.end())
+        const prop_info* info = FindLocked(key);
+        if (info == nullptr)
             return false;
-        *value = it->second;
+        *value = info->value;
         return true;
     }
 
     void Set(const std::string& key, const std::string& value) {
         std::lock_guard<std::mutex> lock(mutex_);
         SeedLocked();
-        values_[key] = value;
+        SetLocked(key, value);
+    }
+
+    const prop_info* Find(const std::string& key) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        SeedLocked();
+        return FindLocked(key);
     }
 
     void Reset() {
         std::lock_guard<std::mutex> lock(mutex_);
-        values_.clear();
+        for (auto& [key, info] : records_) {
+            if (!info->present)
+                continue;
+            info->value.clear();
+            info->present = false;
+            info->serial.fetch_add(1, std::memory_order_release);
+        }
         seeded_ = false;
     }
+
+    uint32_t AreaSerial() const { return areaSerial_.load(std::memory_order_acquire); }
 
   private:
     static std::string Trim(const std::string& text) {
@@ -50,6 +78,23 @@ class PropertyStore {
             return "";
         size_t last = text.find_last_not_of(blanks);
         return text.substr(first, last - first + 1);
+    }
+
+    const prop_info* FindLocked(const std::string& key) const {
+        auto it = records_.find(key);
+        return it != records_.end() && it->second->present ? it->second.get() : nullptr;
+    }
+
+    void SetLocked(const std::string& key, const std::string& value) {
+        std::unique_ptr<prop_info>& info = records_[key];
+        if (!info)
+            info = std::make_unique<prop_info>();
+        info->value = value;
+        info->serial.fetch_add(1, std::memory_order_release);
+        if (!info->present) {
+            info->present = true;
+            areaSerial_.fetch_add(1, std::memory_order_release);
+        }
     }
 
     void SeedLocked() {
@@ -71,12 +116,13 @@ class PropertyStore {
             std::string key = Trim(line.substr(0, equals));
             std::string value = Trim(line.substr(equals + 1));
             if (!key.empty() && value.size() < PROPERTY_VALUE_MAX)
-                values_[key] = value;
+                SetLocked(key, value);
         }
     }
 
     std::mutex mutex_;
-    std::map<std::string, std::string> values_;
+    std::map<std::string, std::unique_ptr<prop_info>> records_;
+    std::atomic<uint32_t> areaSerial_{0};
     bool seeded_ = false;
 };
 
@@ -153,6 +199,18 @@ int property_set(const char* key, const char* value) {
         return -1;
     Store().Set(key, value);
     return 0;
+}
+
+const prop_info* __system_property_find(const char* name) {
+    return name != nullptr ? Store().Find(name) : nullptr;
+}
+
+uint32_t __system_property_serial(const prop_info* pi) {
+    return pi->serial.load(std::memory_order_acquire);
+}
+
+uint32_t __system_property_area_serial(void) {
+    return Store().AreaSerial();
 }
 
 void marlo_host_properties_reset(void) {

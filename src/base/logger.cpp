@@ -9,11 +9,30 @@
 
 #include <map>
 
+#include "base/cached_property.h"
+
 namespace tessaro::marlo {
 
 namespace {
 
 constexpr char kLogLevelProperty[] = "persist.vendor.tessaro.marlo.loglevel";
+
+int32_t ReadLogLevel(const char* name) {
+    char level[PROPERTY_VALUE_MAX];
+    property_get(name, level, "4");
+    return atoi(level);
+}
+
+/*
+ * Every log call, taken or not, asks for the level; it is read again only
+ * when the property changed, so a level set at run time applies from the
+ * next call on.
+ */
+int32_t LogLevel() {
+    // Never destroyed: destructors of other statics may still log at exit.
+    static auto* level = new detail::CachedProperty(kLogLevelProperty, ReadLogLevel);
+    return level->get();
+}
 
 const std::map<marlo_log_severity, android_LogPriority>& SeverityToPriority() {
     // Never destroyed: destructors of other statics may still log at exit.
@@ -85,15 +104,14 @@ std::unique_ptr<BaseLogger> LogManager::logger_;
 
 }  // namespace tessaro::marlo
 
+using tessaro::marlo::LogLevel;
 using tessaro::marlo::PriorityOf;
 
 extern "C" void marlo_log(marlo_log_severity severity, const char* tag, const char* fmt, ...) {
     if (severity < 0)
         return;
 
-    char level[PROPERTY_VALUE_MAX];
-    property_get(tessaro::marlo::kLogLevelProperty, level, "4");
-    if (atoi(level) > severity)
+    if (LogLevel() > severity)
         return;
 
     if (fmt == nullptr) {

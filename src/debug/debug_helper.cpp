@@ -18,6 +18,8 @@
 #include <system_error>
 #include <vector>
 
+#include "base/cached_property.h"
+
 namespace tessaro::marlo {
 
 namespace {
@@ -41,6 +43,16 @@ void LogMissingStream(const char* operation, unsigned int streamId) {
 void LogMissingNode(const char* operation, const std::string& node) {
     marlo_log(MARLO_LOG_ERROR, kTag, "%s: failed to find corresponding deviceNode %s!", operation,
               node.c_str());
+}
+
+/*
+ * The switch is asked twice for every converted buffer; it is read again
+ * only when the property changed.
+ */
+bool SwitchedOn() {
+    static auto* on = new detail::CachedProperty(
+        kOnProperty, [](const char* name) -> int32_t { return property_get_bool(name, false); });
+    return on->get() != 0;
 }
 
 }  // namespace
@@ -119,7 +131,7 @@ bool DebugHelper::isPropertySupported() {
     bool tooShort = false;
     {
         std::lock_guard<std::mutex> lock(timerMutex_);
-        on = property_get_bool(kOnProperty, false);
+        on = SwitchedOn();
         if (on)
             tooShort = readInterval();
     }
@@ -129,7 +141,7 @@ bool DebugHelper::isPropertySupported() {
 
 bool DebugHelper::isTimerStarted() {
     std::unique_lock<std::mutex> lock(timerMutex_);
-    bool on = property_get_bool(kOnProperty, false);
+    bool on = SwitchedOn();
     if (!started_ && on) {
         bool tooShort = readInterval();
         lock.unlock();

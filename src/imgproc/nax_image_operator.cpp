@@ -5,7 +5,6 @@
 
 #include <dlfcn.h>
 
-#include <map>
 #include <utility>
 
 #include "imgproc/nax_ops.h"
@@ -104,26 +103,31 @@ bool operator<(const ImageBuffer& a, const ImageBuffer& b) {
     return sumA < sumB;
 }
 
-int WrapFormat(int fourcc) {
-    /* Built per call on purpose: the cost is small beside an engine job. */
-    static constexpr std::pair<int, int> kFormats[] = {
-        {Fourcc('Y', '0', '4', ' '), 0x1400}, {Fourcc('G', 'R', 'E', 'Y'), 0x1500},
-        {Fourcc('N', 'V', '1', '2'), 0xA00},  {Fourcc('N', 'V', '2', '1'), 0xE00},
-        {Fourcc('N', 'V', '1', '6'), 0x800},  {Fourcc('N', 'V', '6', '1'), 0xC00},
-        {Fourcc('Y', 'V', 'Y', 'U'), 0x1800}, {Fourcc('Y', 'V', '1', '2'), 0xF00},
-        {Fourcc('Y', 'U', '1', '2'), 0xB00},  {Fourcc('Y', 'U', 'Y', 'V'), 0x1C00},
-        {Fourcc('U', 'Y', 'V', 'Y'), 0x1E00}, {Fourcc('A', 'B', '2', '4'), 0x0},
-        {Fourcc('R', 'A', '2', '4'), 0x300},  {Fourcc('B', 'A', '2', '4'), 0x2800},
-        {Fourcc('A', 'R', '2', '4'), 0x2C00}, {Fourcc('R', 'G', 'B', '3'), 0x200},
-        {Fourcc('B', 'G', 'R', '3'), 0x700},  {Fourcc('R', 'G', 'B', '3'), 0x200},
-        {Fourcc('B', 'G', 'R', '3'), 0x700},
-    };
-    std::map<int, int> formats;
-    for (const auto& entry : kFormats)
-        formats.insert(entry);
+/*
+ * The operator's own engine format table, in its list order. It repeats RGB3
+ * and BGR3 on purpose; the first match wins, as in a map filled first-wins.
+ * It is read at every import of every frame, so it is a constant table
+ * walked in place rather than a map built per call.
+ */
+constexpr std::pair<int, int> kWrapFormats[] = {
+    {Fourcc('Y', '0', '4', ' '), 0x1400}, {Fourcc('G', 'R', 'E', 'Y'), 0x1500},
+    {Fourcc('N', 'V', '1', '2'), 0xA00},  {Fourcc('N', 'V', '2', '1'), 0xE00},
+    {Fourcc('N', 'V', '1', '6'), 0x800},  {Fourcc('N', 'V', '6', '1'), 0xC00},
+    {Fourcc('Y', 'V', 'Y', 'U'), 0x1800}, {Fourcc('Y', 'V', '1', '2'), 0xF00},
+    {Fourcc('Y', 'U', '1', '2'), 0xB00},  {Fourcc('Y', 'U', 'Y', 'V'), 0x1C00},
+    {Fourcc('U', 'Y', 'V', 'Y'), 0x1E00}, {Fourcc('A', 'B', '2', '4'), 0x0},
+    {Fourcc('R', 'A', '2', '4'), 0x300},  {Fourcc('B', 'A', '2', '4'), 0x2800},
+    {Fourcc('A', 'R', '2', '4'), 0x2C00}, {Fourcc('R', 'G', 'B', '3'), 0x200},
+    {Fourcc('B', 'G', 'R', '3'), 0x700},  {Fourcc('R', 'G', 'B', '3'), 0x200},
+    {Fourcc('B', 'G', 'R', '3'), 0x700},
+};
 
-    auto it = formats.find(fourcc);
-    return it != formats.end() ? it->second : ERR_FAILED;
+int WrapFormat(int fourcc) {
+    for (const auto& [code, naxFormat] : kWrapFormats) {
+        if (code == fourcc)
+            return naxFormat;
+    }
+    return ERR_FAILED;
 }
 
 uint64_t hash_(const char* str) {
@@ -274,6 +278,36 @@ void NaxImageOperator::releaseHandle(uint32_t handle) const {
         return;
     }
     nax_ops_->releaseHandle(handle);
+}
+
+NaxBufferHold NaxImageOperator::holdBuffer(const ImageBuffer& buffer) const {
+    NaxOps* ops = nax_ops_.get();
+    if (!ops || !ops->releaseHandle) {
+        /* An import that cannot be given back is not taken. */
+        marlo_log(MARLO_LOG_ERROR, kHdlTag, "%s : Not implemented, fd %d not held", __func__,
+                  buffer.fd);
+        return NaxBufferHold();
+    }
+    if (!nax_is_buffer_valid(buffer)) {
+        marlo_log(MARLO_LOG_ERROR, kHdlTag, "%s : the buffer names no memory", __func__);
+        return NaxBufferHold();
+    }
+    nax_import_param_t param{static_cast<uint32_t>(buffer.width),
+                             static_cast<uint32_t>(buffer.height),
+                             static_cast<uint32_t>(WrapFormat(buffer.format))};
+    const uint32_t handle = ImportHandle(*ops, buffer, &param);
+    if (handle == 0) {
+        marlo_log(MARLO_LOG_ERROR, kHdlTag, "%s : import failed, fd %d not held", __func__,
+                  buffer.fd);
+        return NaxBufferHold();
+    }
+    return NaxBufferHold(handle);
+}
+
+void NaxImageOperator::releaseHeld(uint32_t handle) {
+    NaxOps* ops = nax_ops_.get();
+    if (ops && ops->releaseHandle)
+        ops->releaseHandle(handle);
 }
 
 void NaxImageOperator::releaseUncached(uint32_t first, uint32_t second) const {

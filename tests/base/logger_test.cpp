@@ -1,16 +1,20 @@
 #include <marlo/base/logger.h>
 
 #include <android/log.h>
+#include <cutils/properties.h>
 #include <gtest/gtest.h>
+#include <marlo_host/hooks.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "support/log_capture.h"
 #include "support/scoped_property.h"
@@ -105,6 +109,56 @@ TEST(MarloLog, LevelChangesWhileRunning) {
     }
     EXPECT_EQ(capture.count("dropped"), 0u);
     EXPECT_EQ(capture.count("passed"), 1u);
+}
+
+TEST(MarloLog, ALevelSetByAnotherThreadAppliesToTheNextCall) {
+    LogCapture capture(false);
+    ScopedProperty level(kLevel, "4");
+    marlo_log(MARLO_LOG_ERROR, "marlo_base", "before");
+    std::thread([] { property_set(kLevel, "5"); }).join();
+    marlo_log(MARLO_LOG_ERROR, "marlo_base", "silenced");
+    std::thread([] { property_set(kLevel, "0"); }).join();
+    marlo_log(MARLO_LOG_VERBOSE, "marlo_base", "verbose");
+    EXPECT_EQ(capture.count("before"), 1u);
+    EXPECT_EQ(capture.count("silenced"), 0u);
+    EXPECT_EQ(capture.count("verbose"), 1u);
+}
+
+TEST(MarloLog, ALevelPropertyThatAppearsLaterIsSeen) {
+    LogCapture capture(false);
+    // No level at all: the default 4 lets errors through.
+    marlo_host_properties_reset();
+    marlo_log(MARLO_LOG_WARN, "marlo_base", "default level");
+    marlo_log(MARLO_LOG_ERROR, "marlo_base", "default error");
+    ASSERT_EQ(property_set(kLevel, "3"), 0);
+    marlo_log(MARLO_LOG_WARN, "marlo_base", "new level");
+    marlo_host_properties_reset();
+    marlo_log(MARLO_LOG_WARN, "marlo_base", "level gone");
+    EXPECT_EQ(capture.count("default level"), 0u);
+    EXPECT_EQ(capture.count("default error"), 1u);
+    EXPECT_EQ(capture.count("new level"), 1u);
+    EXPECT_EQ(capture.count("level gone"), 0u);
+}
+
+TEST(MarloLog, LevelChangesRacingWithLogCallsSettleOnTheLastValue) {
+    LogCapture capture(false);
+    ScopedProperty level(kLevel, "4");
+    std::atomic<bool> stop{false};
+    std::thread logger([&stop] {
+        while (!stop.load())
+            marlo_log(MARLO_LOG_VERBOSE, "marlo_base", "racing");
+    });
+    for (int i = 0; i < 200; ++i)
+        property_set(kLevel, i % 2 == 0 ? "0" : "9");
+    property_set(kLevel, "9");
+    stop = true;
+    logger.join();
+    capture.clear();
+    marlo_log(MARLO_LOG_FATAL, "marlo_base", "after the race");
+    EXPECT_EQ(capture.count("after the race"), 0u);
+    ASSERT_EQ(property_set(kLevel, "0"), 0);
+    marlo_log(MARLO_LOG_VERBOSE, "marlo_base", "verbose after");
+    EXPECT_EQ(capture.count("verbose after"), 1u);
 }
 
 namespace {

@@ -8,6 +8,9 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <fstream>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -235,6 +238,130 @@ TEST_F(NaxEngineTest, Nv12FrameReachesEachClientInItsByteOrder) {
             }
         }
     }
+}
+
+/* A memory file the test never maps: every mapping of its name is the engine's. */
+class UnmappedImage {
+  public:
+    UnmappedImage(const std::string& name, size_t size)
+        : name_(name), fd_(memfd_create(name.c_str(), MFD_CLOEXEC)) {
+        if (fd_ && ftruncate(fd_.get(), static_cast<off_t>(size)) == 0)
+            buffer_ = ImageBuffer{0,         0,       0,
+                                  fd_.get(), kWidth,  kHeight,
+                                  kWidth,    kHeight, static_cast<int32_t>(V4L2_PIX_FMT_NV12)};
+    }
+    bool valid() const { return buffer_.fd >= 0; }
+    ImageBuffer& buffer() { return buffer_; }
+    const std::string& name() const { return name_; }
+
+  private:
+    std::string name_;
+    UniqueFd fd_;
+    ImageBuffer buffer_{0, 0, 0, -1, 0, 0, 0, 0, 0};
+};
+
+/* The start addresses of the mappings of a memory file of this name. */
+std::vector<std::string> MappingsOf(const std::string& name) {
+    std::ifstream maps("/proc/self/maps");
+    std::vector<std::string> starts;
+    const std::string needle = "/memfd:" + name + " ";
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find(needle) != std::string::npos)
+            starts.push_back(line.substr(0, line.find('-')));
+    }
+    return starts;
+}
+
+/* Resident kilobytes of the one mapping of a memory file of this name. */
+long ResidentKilobytesOf(const std::string& name) {
+    std::ifstream smaps("/proc/self/smaps");
+    const std::string needle = "/memfd:" + name + " ";
+    bool inside = false;
+    for (std::string line; std::getline(smaps, line);) {
+        if (line.find(needle) != std::string::npos) {
+            inside = true;
+        } else if (inside && line.rfind("Rss:", 0) == 0) {
+            std::istringstream fields(line.substr(4));
+            long kilobytes = -1;
+            fields >> kilobytes;
+            return kilobytes;
+        }
+    }
+    return -1;
+}
+
+/* More buffers than the engine keeps idle mappings of (128), each imported
+ * and released by every job, as the camera does. */
+constexpr int kManyBuffers = 160;
+
+std::vector<std::unique_ptr<UnmappedImage>> ManyBuffers(const std::string& prefix) {
+    std::vector<std::unique_ptr<UnmappedImage>> images;
+    for (int i = 0; i < kManyBuffers; ++i)
+        images.push_back(std::make_unique<UnmappedImage>(prefix + std::to_string(i), kNv12Size));
+    return images;
+}
+
+void CopyInto(NaxImageOperator& op, ImageBuffer& src, UnmappedImage& dst) {
+    ImageBuffer noPattern{0, 0, 0, -1, 0, 0, 0, 0, 0};
+    ImageRect whole{0, 0, 0, 0};
+    int fence = -1;
+    op.process(src, dst.buffer(), noPattern, whole, whole, whole, 0, &fence, 0);
+}
+
+TEST_F(NaxEngineTest, HeldBuffersStayMappedAtAnyNumberOfBuffers) {
+    auto images = ManyBuffers("marlo-held-");
+    std::vector<NaxBufferHold> holds;
+    for (auto& image : images) {
+        ASSERT_TRUE(image->valid());
+        holds.push_back(op_.holdBuffer(image->buffer()));
+        ASSERT_TRUE(holds.back().isValid());
+    }
+    std::vector<std::vector<std::string>> held;
+    for (auto& image : images) {
+        held.push_back(MappingsOf(image->name()));
+        ASSERT_EQ(held.back().size(), 1u) << image->name();
+    }
+    for (int round = 0; round < 3; ++round) {
+        for (auto& image : images)
+            CopyInto(op_, src_.buffer(), *image);
+    }
+    /* Each still has the one mapping it got when it was held. */
+    for (size_t i = 0; i < images.size(); ++i)
+        EXPECT_EQ(MappingsOf(images[i]->name()), held[i]) << images[i]->name();
+}
+
+TEST_F(NaxEngineTest, WithoutHoldsTheOldestOfManyBuffersAreUnmapped) {
+    auto images = ManyBuffers("marlo-unheld-");
+    for (auto& image : images) {
+        ASSERT_TRUE(image->valid());
+        CopyInto(op_, src_.buffer(), *image);
+    }
+    /* Only the idle cache keeps them: the first ones went for the last. */
+    EXPECT_TRUE(MappingsOf(images.front()->name()).empty());
+    EXPECT_EQ(MappingsOf(images.back()->name()).size(), 1u);
+}
+
+TEST_F(NaxEngineTest, AHoldFaultsThePagesInAtOnce) {
+    constexpr size_t kSize = 1 << 20;
+    UnmappedImage image("marlo-prefault", kSize);
+    ASSERT_TRUE(image.valid());
+    NaxBufferHold hold = op_.holdBuffer(image.buffer());
+    ASSERT_TRUE(hold.isValid());
+    EXPECT_EQ(ResidentKilobytesOf("marlo-prefault"), static_cast<long>(kSize / 1024));
+}
+
+TEST_F(NaxEngineTest, DroppingTheLastHoldLetsTheEngineDropTheMapping) {
+    auto images = ManyBuffers("marlo-dropped-");
+    std::vector<NaxBufferHold> holds;
+    for (auto& image : images)
+        holds.push_back(op_.holdBuffer(image->buffer()));
+    ASSERT_EQ(MappingsOf(images.front()->name()).size(), 1u);
+    holds.clear();
+    /* Idle now, and more of them than the engine keeps idle. */
+    EXPECT_TRUE(MappingsOf(images.front()->name()).empty());
+    /* A job still imports a buffer that is no longer held, as before. */
+    CopyInto(op_, src_.buffer(), *images.front());
+    EXPECT_EQ(MappingsOf(images.front()->name()).size(), 1u);
 }
 
 }  // namespace

@@ -249,6 +249,96 @@ TEST_F(NaxImageOperatorTest, FailedImportIsNotCached) {
     EXPECT_FALSE(log_.containsText("get new hdl"));
 }
 
+TEST_F(NaxImageOperatorTest, AHoldImportsOnceAndReleasesWhenItGoes) {
+    NaxImageOperator op;
+    {
+        NaxBufferHold hold = op.holdBuffer(dst_);
+        ASSERT_TRUE(hold.isValid());
+        EXPECT_EQ(hold.handle(), 1u);
+        EXPECT_EQ(engine_.callNames(), Names({"nax_import_fd"}));
+        auto import = engine_.callsOf("nax_import_fd").at(0);
+        EXPECT_EQ(import.address, 41u);
+        ASSERT_TRUE(import.hasParam);
+        EXPECT_EQ(import.param.width, 32u);
+        EXPECT_EQ(import.param.height, 24u);
+        EXPECT_EQ(import.param.format, 0x0u);
+        EXPECT_EQ(engine_.liveHandles(), 1u);
+    }
+    EXPECT_EQ(engine_.callNames(), Names({"nax_import_fd", "nax_release_handle"}));
+    EXPECT_EQ(engine_.callsOf("nax_release_handle").at(0).address, 1u);
+    EXPECT_EQ(engine_.liveHandles(), 0u);
+}
+
+TEST_F(NaxImageOperatorTest, AHoldImportsAsTheJobsDo) {
+    NaxImageOperator op;
+    NaxBufferHold byAddress = op.holdBuffer(ImageBuffer{0, 0x7000, 0, -1, 8, 8, 8, 8, kNv12});
+    NaxBufferHold byPhysical = op.holdBuffer(ImageBuffer{0, 0x7000, 0x9000, -1, 8, 8, 8, 8, kNv12});
+    NaxBufferHold byFd = op.holdBuffer(ImageBuffer{0, 0x7000, 0x9000, 12, 8, 8, 8, 8, kNv12});
+    EXPECT_TRUE(byAddress.isValid() && byPhysical.isValid() && byFd.isValid());
+    EXPECT_EQ(engine_.callNames(),
+              Names({"nax_import_vaddr", "nax_import_paddr", "nax_import_fd"}));
+}
+
+TEST_F(NaxImageOperatorTest, JobsStillImportAndReleaseTheirBuffersBesideAHold) {
+    NaxImageOperator op;
+    NaxBufferHold hold = op.holdBuffer(dst_);
+    ASSERT_EQ(hold.handle(), 1u);
+    int fence = -1;
+    ImageBuffer pattern = NoImage();
+    ImageRect zero{0, 0, 0, 0};
+    EXPECT_EQ(op.process(src_, dst_, pattern, zero, zero, zero, 0, &fence, 0), OK);
+    EXPECT_EQ(engine_.callNames(), Names({"nax_import_fd", "nax_import_fd", "nax_wrap_handle",
+                                          "nax_import_fd", "nax_wrap_handle", "nax_process",
+                                          "nax_release_handle", "nax_release_handle"}));
+    /* The job's own handles (2 and 3) went; the hold's stays. */
+    auto releases = engine_.callsOf("nax_release_handle");
+    EXPECT_EQ(releases.at(0).address, 2u);
+    EXPECT_EQ(releases.at(1).address, 3u);
+    EXPECT_EQ(engine_.liveHandles(), 1u);
+}
+
+TEST_F(NaxImageOperatorTest, AMovedHoldReleasesOnceAndAResetOneNever) {
+    NaxImageOperator op;
+    NaxBufferHold first = op.holdBuffer(dst_);
+    NaxBufferHold second = std::move(first);
+    EXPECT_FALSE(first.isValid());
+    ASSERT_TRUE(second.isValid());
+    NaxBufferHold third;
+    third = std::move(second);
+    EXPECT_EQ(engine_.liveHandles(), 1u);
+    third.reset();
+    third.reset();
+    first.reset();
+    EXPECT_FALSE(third.isValid());
+    EXPECT_EQ(engine_.callsOf("nax_release_handle").size(), 1u);
+    EXPECT_EQ(engine_.liveHandles(), 0u);
+    /* Assigning over a hold gives its import back first. */
+    NaxBufferHold a = op.holdBuffer(dst_);
+    a = op.holdBuffer(src_);
+    EXPECT_EQ(engine_.callsOf("nax_release_handle").size(), 2u);
+    EXPECT_EQ(engine_.liveHandles(), 1u);
+}
+
+TEST_F(NaxImageOperatorTest, AHoldOfNoMemoryHoldsNothing) {
+    NaxImageOperator op;
+    NaxBufferHold hold = op.holdBuffer(NoImage());
+    EXPECT_FALSE(hold.isValid());
+    EXPECT_TRUE(engine_.calls().empty());
+    EXPECT_TRUE(
+        log_.contains(ANDROID_LOG_ERROR, kHdlTag, "holdBuffer : the buffer names no memory"));
+}
+
+TEST_F(NaxImageOperatorTest, AFailedHoldIsLoggedAndHoldsNothing) {
+    NaxImageOperator op;
+    engine_.setImportResult(0);
+    NaxBufferHold hold = op.holdBuffer(dst_);
+    EXPECT_FALSE(hold.isValid());
+    EXPECT_TRUE(
+        log_.contains(ANDROID_LOG_ERROR, kHdlTag, "holdBuffer : import failed, fd 41 not held"));
+    hold.reset();
+    EXPECT_TRUE(engine_.callsOf("nax_release_handle").empty());
+}
+
 TEST_F(NaxImageOperatorTest, ResizeAnswersNotImplementedAfterASuccessfulJob) {
     NaxImageOperator op;
     int fence = -1;

@@ -84,6 +84,15 @@ TEST(NaxNoEngineTest, ImportWithoutEngineGivesZeroHandle) {
     EXPECT_EQ(handle, 0u);
 }
 
+TEST(NaxNoEngineTest, NothingIsHeldWithoutEngine) {
+    NaxImageOperator op;
+    LogCapture log;
+    NaxBufferHold hold = op.holdBuffer(FdImage(40, 64, 48, 0));
+    EXPECT_FALSE(hold.isValid());
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "marlo_hdl",
+                             "holdBuffer : Not implemented, fd 40 not held"));
+}
+
 TEST(NaxNoEngineTest, ControlStillWorks) {
     NaxImageOperator op;
     bool on = true;

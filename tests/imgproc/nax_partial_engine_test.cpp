@@ -142,6 +142,18 @@ TEST_F(PARTIAL_SUITE, MissingReleaseEntryKeepsTheHandle) {
                              "nax_release_handle : Not implemented, handle 2 kept"));
 }
 
+TEST_F(PARTIAL_SUITE, WithoutTheReleaseEntryNothingIsHeld) {
+    NaxImageOperator op;
+    LogCapture log;
+    ImageBuffer physical = FdImage(-1, 16, 16, 0);
+    physical.phyAddr = 0x9000;
+    NaxBufferHold hold = op.holdBuffer(physical);
+    EXPECT_FALSE(hold.isValid());
+    EXPECT_TRUE(engine_.calls().empty());
+    EXPECT_TRUE(
+        log.contains(ANDROID_LOG_ERROR, kHdlTag, "holdBuffer : Not implemented, fd -1 not held"));
+}
+
 TEST_F(PARTIAL_SUITE, MissingCpuImportIsReportedByName) {
     unsigned int handle = 9;
     LogCapture log;

@@ -34,6 +34,8 @@ TEST(Exports, EveryEntryPointTheOperatorResolves) {
     };
     for (const char* name : names)
         EXPECT_NE(nullptr, dlsym(lib, name)) << name;
+    /* The software engine's own extension (nax_sw.h). */
+    EXPECT_NE(nullptr, dlsym(lib, "nax_sw_set_job_threads"));
     /* Internals stay inside: the engine's own namespace is not exported. */
     EXPECT_EQ(nullptr, dlsym(lib, "_ZN3nax6RunJobERKNS_7SurfaceERKNS_4RectES2_S5_iNS_6FilterE"));
     dlclose(lib);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <marlo_host/hooks.h>
 #include <stdlib.h>
+#include <sys/system_properties.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -141,6 +142,59 @@ TEST_F(Properties, ParsingLeavesErrnoAlone) {
     errno = EBADF;
     property_get_int32("test.int", 0);
     EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(Properties, OnlyAPropertyWithAValueHasARecord) {
+    EXPECT_EQ(__system_property_find("test.key"), nullptr);
+    EXPECT_EQ(__system_property_find(nullptr), nullptr);
+    ASSERT_EQ(property_set("test.key", "value"), 0);
+    const prop_info* info = __system_property_find("test.key");
+    ASSERT_NE(info, nullptr);
+    // An emptied property still has its record, as on Android.
+    ASSERT_EQ(property_set("test.key", ""), 0);
+    EXPECT_EQ(__system_property_find("test.key"), info);
+}
+
+TEST_F(Properties, EveryChangeMovesThePropertysSerial) {
+    ASSERT_EQ(property_set("test.key", "1"), 0);
+    const prop_info* info = __system_property_find("test.key");
+    ASSERT_NE(info, nullptr);
+    const uint32_t first = __system_property_serial(info);
+    ASSERT_EQ(property_set("test.key", "2"), 0);
+    const uint32_t second = __system_property_serial(info);
+    EXPECT_NE(second, first);
+    // Setting the same value again is a change as well.
+    ASSERT_EQ(property_set("test.key", "2"), 0);
+    EXPECT_NE(__system_property_serial(info), second);
+    // Reading changes nothing.
+    const uint32_t third = __system_property_serial(info);
+    EXPECT_EQ(Get("test.key"), "2");
+    EXPECT_EQ(__system_property_serial(info), third);
+}
+
+TEST_F(Properties, TheAreaSerialMovesWhenAPropertyGetsAValue) {
+    const uint32_t before = __system_property_area_serial();
+    ASSERT_EQ(property_set("test.key", "1"), 0);
+    const uint32_t added = __system_property_area_serial();
+    EXPECT_NE(added, before);
+    // A change of an existing property leaves it alone.
+    ASSERT_EQ(property_set("test.key", "2"), 0);
+    EXPECT_EQ(__system_property_area_serial(), added);
+}
+
+TEST_F(Properties, AResetKeepsRecordsValidAndMovesTheirSerials) {
+    ASSERT_EQ(property_set("test.key", "1"), 0);
+    const prop_info* info = __system_property_find("test.key");
+    ASSERT_NE(info, nullptr);
+    const uint32_t serial = __system_property_serial(info);
+    marlo_host_properties_reset();
+    EXPECT_EQ(__system_property_find("test.key"), nullptr);
+    EXPECT_NE(__system_property_serial(info), serial);
+    const uint32_t area = __system_property_area_serial();
+    ASSERT_EQ(property_set("test.key", "3"), 0);
+    EXPECT_EQ(__system_property_find("test.key"), info);
+    EXPECT_NE(__system_property_area_serial(), area);
+    EXPECT_EQ(Get("test.key"), "3");
 }
 
 TEST_F(Properties, TheStoreIsSeededFromTheFileAtFirstUse) {

@@ -44,6 +44,21 @@ TEST(Trace, EnabledTagsComeFromTheProperty) {
     }
 }
 
+TEST(Trace, TagsFollowEveryChangeOfTheProperty) {
+    marlo_test::ScopedProperty tags(kTagsProperty, "0x400");
+    EXPECT_EQ(atrace_get_enabled_tags(), uint64_t{ATRACE_TAG_CAMERA});
+    EXPECT_EQ(atrace_get_enabled_tags(), uint64_t{ATRACE_TAG_CAMERA});
+    ASSERT_EQ(property_set(kTagsProperty, "0"), 0);
+    EXPECT_EQ(atrace_get_enabled_tags(), 0u);
+    ASSERT_EQ(property_set(kTagsProperty, "0x400"), 0);
+    EXPECT_EQ(atrace_get_enabled_tags(), uint64_t{ATRACE_TAG_CAMERA});
+    // Gone altogether, then back.
+    marlo_host_properties_reset();
+    EXPECT_EQ(atrace_get_enabled_tags(), 0u);
+    ASSERT_EQ(property_set(kTagsProperty, "1"), 0);
+    EXPECT_EQ(atrace_get_enabled_tags(), uint64_t{ATRACE_TAG_ALWAYS});
+}
+
 TEST(Trace, SectionsReachTheHook) {
     std::vector<std::string> sections;
     marlo_host_set_trace_hook(Record, &sections);

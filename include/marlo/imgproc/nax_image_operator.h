@@ -13,6 +13,8 @@
 #include <mutex>
 #include <string>
 
+#include "marlo/imgproc/nax_buffer_hold.h"
+
 /*
  * The engine's buffer descriptor stays opaque here: clients of the camera
  * library never need its layout, and only code that also includes
@@ -102,6 +104,22 @@ class NaxImageOperator {
      */
     virtual ~NaxImageOperator();
 
+    /*
+     * Imports \a buffer into the engine (by fd, else physical, else CPU
+     * address, as the operations do) and keeps the import until the
+     * returned hold is destroyed or reset. While it lives, every job's
+     * import of the same memory finds it: with the software engine a
+     * lookup, the memory staying mapped with its pages present, whatever
+     * the number of held buffers. The first hold of a buffer costs one
+     * engine import (the software engine maps the buffer and faults its
+     * pages in); destroying the last one lets the engine drop it. Safe from
+     * any thread, alongside jobs on others. A hold of nothing (isValid()
+     * false) comes back when the buffer names no memory, the engine lacks
+     * the import or release entry, or the import fails; each is logged.
+     * Drop holds before the process exits.
+     */
+    NaxBufferHold holdBuffer(const ImageBuffer& buffer) const;
+
   private:
     struct HandleCache {
         bool enabled = false;
@@ -110,6 +128,10 @@ class NaxImageOperator {
 
     friend nax_buffer_t NaxImportBuffer(const NaxImageOperator* op, const ImageBuffer& buffer,
                                         unsigned int* handle);
+    friend class NaxBufferHold;
+
+    /* Gives a held import back, if the engine is still loaded. */
+    static void releaseHeld(uint32_t handle);
 
     static int resolve_symbles();
     void releaseHandle(uint32_t handle) const;

@@ -110,10 +110,10 @@ typedef struct nax_import_param {
  * -1 when it is already done). Each returns 0 or a negative errno value.
  *
  * The software engine (libnax.so built from nax/ for machines without the
- * hardware block) finishes every job, asynchronous ones included, on the
- * calling thread before it returns and always stores -1 in *releaseFence:
- * a CPU job has nothing to overlap with, and callers that merge and wait on
- * fences skip -1. Every entry point may be called from any thread at once;
+ * hardware block) finishes every job, asynchronous ones included, before it
+ * returns and always stores -1 in *releaseFence: callers that merge and
+ * wait on fences skip -1. The calling thread does the job, with the help
+ * of the engine's worker threads for large ones (see nax_sw.h). Every entry point may be called from any thread at once;
  * a handle released while another thread's job uses it keeps its memory
  * mapped until that job ends.
  *
