@@ -23,7 +23,7 @@ PACKAGES=(
 # Multi-Arch: same); the cross compiler brings its own C library headers.
 ARM64_PACKAGES=(
     g++-aarch64-linux-gnu
-    libtinyxml2-dev:arm64 libdrm-dev:arm64 libyuv-dev:arm64
+    libtinyxml2-dev:arm64 libdrm-dev:arm64 libyuv-dev:arm64 libpng-dev:arm64
     libgtest-dev:arm64 libgmock-dev:arm64 libbenchmark-dev:arm64
 )
 

@@ -5,11 +5,11 @@
 # AddressSanitizer + UndefinedBehaviorSanitizer build and in a
 # ThreadSanitizer build with lock-order checks. Outside CI,
 # MARLO_SANITIZE_TESTS=1 and MARLO_TSAN_TESTS=1 ask for them.
-# Always: the arm64 cross build (release) with its unit suites inside an
-# emulated arm64 machine (MARLO_ARM64_TESTS=0 skips it outside CI), the
-# vendor build's checks (Android.bp formatting, a clang build with
-# -Wthread-safety), the release build's suites and, last, the release
-# build's real-kernel suites in a QEMU machine (tests/vm/run.sh).
+# Always: the arm64 cross build (release) with its unit suites and its
+# real-kernel bench inside an emulated arm64 machine (MARLO_ARM64_TESTS=0
+# skips them outside CI), the vendor build's checks (Android.bp formatting,
+# a clang build with -Wthread-safety), the release build's suites and, last,
+# the release build's real-kernel suites in a QEMU machine (tests/vm/run.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -63,6 +63,9 @@ if [ "$ARM64" = "1" ]; then
     echo "== arm64 unit suites (qemu-system-aarch64, emulated Cortex-A72) =="
     MARLO_VM_ARCH=arm64 scripts/vm/run-suites.sh build-arm64
     phase arm64-suites
+    echo "== arm64 real-kernel bench (qemu-system-aarch64: virtio-gpu, vivid, vgem) =="
+    MARLO_VM_ARCH=arm64 tests/vm/run.sh build-arm64
+    phase arm64-bench
 fi
 
 echo "== vendor build checks: Android.bp format, clang with -Wthread-safety =="

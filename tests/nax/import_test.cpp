@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -203,6 +204,49 @@ TEST(Import, IdleMappingsAgeOutWithoutFurtherCalls) {
     EXPECT_GE(pinned, std::chrono::milliseconds(1900));
     EXPECT_EQ(1, MappingsOf("nax_aging_held"));
     ASSERT_EQ(0, nax_release_handle(keep));
+}
+
+/* Threads of this process named \a name. */
+int ThreadsNamed(const std::string& name) {
+    DIR* tasks = opendir("/proc/self/task");
+    if (tasks == nullptr)
+        return -1;
+    int count = 0;
+    while (const dirent* task = readdir(tasks)) {
+        if (task->d_name[0] == '.')
+            continue;
+        std::ifstream comm(std::string("/proc/self/task/") + task->d_name + "/comm");
+        std::string thread;
+        std::getline(comm, thread);
+        count += thread == name;
+    }
+    closedir(tasks);
+    return count;
+}
+
+/*
+ * The thread that drops idle mappings is named for itself, not after the
+ * thread that released the last handle (a camera's IO thread, whose CPU
+ * time is measured by its name).
+ */
+TEST(Import, TheIdleMappingThreadHasANameOfItsOwn) {
+    Memfd mem("nax_reaper_name", 4096, 0);
+    int starter = -1;
+    int reapers = -1;
+    std::thread client([&] {
+        pthread_setname_np(pthread_self(), "client_io");
+        const uint32_t h = nax_import_fd(mem.fd(), nullptr);
+        ASSERT_NE(0u, h);
+        ASSERT_EQ(0, nax_release_handle(h)); /* now idle: the thread runs */
+        /* The new thread names itself once it runs. */
+        for (int i = 0; i < 200 && ThreadsNamed("nax_reaper") == 0; i++)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        starter = ThreadsNamed("client_io");
+        reapers = ThreadsNamed("nax_reaper");
+    });
+    client.join();
+    EXPECT_EQ(1, starter);
+    EXPECT_EQ(1, reapers);
 }
 
 /*

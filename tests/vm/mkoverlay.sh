@@ -2,7 +2,8 @@
 # Usage: tests/vm/mkoverlay.sh BUILD_DIR OUTPUT
 #
 # Packs the bench's suites of BUILD_DIR (listed in BUILD_DIR/tests/vm/suites
-# by CMake) into an initramfs overlay for scripts/vm/run.sh: the test
+# by CMake; a build for the guest's architecture, MARLO_VM_ARCH, see
+# scripts/vm/arch.sh) into an initramfs overlay for scripts/vm/run.sh: the test
 # executables without their debug information, every shared library they
 # load that the base image lacks, the libraries of a suite's own library
 # folder, the guest runner, and the module list with the bench's vivid
@@ -10,6 +11,8 @@
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
+# shellcheck source=scripts/vm/arch.sh
+source "$here/../../scripts/vm/arch.sh"
 build=$(cd "${1:?usage: mkoverlay.sh BUILD_DIR OUTPUT}" && pwd)
 output=${2:?usage: mkoverlay.sh BUILD_DIR OUTPUT}
 cache=${MARLO_VM_CACHE:-$build/vm-cache}
@@ -36,7 +39,7 @@ while IFS=$'\t' read -r name executable filter library_dir; do
         echo "bench: $executable is missing (build the project first)" >&2
         exit 2
     fi
-    strip --strip-debug -o "$root/opt/marlo/tests/$name" "$executable"
+    "$vm_triplet-strip" --strip-debug -o "$root/opt/marlo/tests/$name" "$executable"
     binaries+=("$executable")
     if [ -n "$library_dir" ]; then
         mkdir -p "$root/opt/marlo/tests/lib/$name"
@@ -46,10 +49,7 @@ while IFS=$'\t' read -r name executable filter library_dir; do
 done <"$suites"
 
 # Libraries outside the build that the base image does not carry yet.
-for binary in "${binaries[@]}"; do
-    LD_LIBRARY_PATH="$build/lib:$build/nax" ldd "$binary" |
-        sed -n 's/.*=> \(\/[^ ]*\) .*/\1/p; s/^\t\(\/[^ ]*\) .*/\1/p'
-done | sort -u | while read -r library; do
+vm_shared_libraries "$build/lib:$build/nax" "${binaries[@]}" | while read -r library; do
     case "$library" in "$build"/*) continue ;; esac
     [ -e "$cache/root$library" ] && continue
     mkdir -p "$root$(dirname "$library")"

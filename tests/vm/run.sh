@@ -3,16 +3,21 @@
 #
 # The real-kernel bench. Boots Debian's kernel in QEMU as scripts/vm does
 # (virtio-gpu as card0 with mode setting, vgem as card1, vivid twice:
-# single- and multi-planar) with the bench suites of BUILD_DIR (default
-# build/, a release build with tests), runs them there, prints each suite's
-# result and the total, and fails when any test failed or was skipped or the
-# machine did not finish. The emulator is used unless MARLO_VM_KVM=1: it is
-# what CI has. MARLO_VM_CACHE (default BUILD_DIR/vm-cache) holds the kernel.
+# single- and multi-planar) with the bench suites of BUILD_DIR, runs them
+# there, prints each suite's result and the total, and fails when any test
+# failed or was skipped or the machine did not finish.
+# MARLO_VM_ARCH=arm64 boots the arm64 machine instead (see
+# scripts/vm/arch.sh); BUILD_DIR is a release build with tests for the
+# guest's architecture (default build/, build-arm64/ for arm64). The x86
+# machine uses the emulator unless MARLO_VM_KVM=1: it is what CI has.
+# MARLO_VM_CACHE (default BUILD_DIR/vm-cache) holds the kernel.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 source_dir=$(cd "$here/../.." && pwd)
-build=$(cd "${1:-$source_dir/build}" && pwd)
+# shellcheck source=scripts/vm/arch.sh
+source "$source_dir/scripts/vm/arch.sh"
+build=$(cd "${1:-$source_dir/$vm_default_build}" && pwd)
 export MARLO_VM_CACHE=${MARLO_VM_CACHE:-$build/vm-cache}
 export MARLO_VM_KVM=${MARLO_VM_KVM:-0}
 started=$(date +%s)
