@@ -100,7 +100,7 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
     int32_t width() const { return width_.load(); }
     int32_t height() const { return height_.load(); }
     int32_t format() const { return format_.load(); }
-    /* The capture camera, null before the first clientStreamOpening and after a loss. */
+    /* The capture camera: null before the first clientStreamOpening, unopened after a loss. */
     V4l2Camera* hwCamera() const { return hw_camera_.get(); }
     /* Whether capture runs without a working device and is being retried. */
     bool recovering() const;
