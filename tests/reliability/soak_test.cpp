@@ -243,6 +243,7 @@ class SoakTest : public ::testing::Test {
 
 TEST_F(SoakTest, ResourcesStayFlatOverOpenStartStopCloseCycles) {
     QuietLog quiet;
+    marlo_test::UseOneHeap();
     const size_t total = CyclesAsked();
     /* Rounds of every client count first, so that caches and arenas reach their size. */
     const size_t round = std::clamp<size_t>(total / 40, 8, 250);

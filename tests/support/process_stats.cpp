@@ -107,4 +107,10 @@ void TrimHeap() {
 #endif
 }
 
+void UseOneHeap() {
+#ifdef M_ARENA_MAX
+    mallopt(M_ARENA_MAX, 1);
+#endif
+}
+
 }  // namespace marlo_test

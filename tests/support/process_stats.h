@@ -32,5 +32,12 @@ size_t ResidentKiB();
 size_t HeapInUseBytes();
 /* Gives free heap pages back to the system, so that RSS shows what is in use. */
 void TrimHeap();
+/*
+ * Makes every thread allocate from the one heap TrimHeap() empties: the C
+ * library otherwise gives threads heaps of their own, keeps their free pages
+ * resident, and RSS then tells which threads ran rather than what is in use.
+ * For tests that judge RSS; call it before the threads start.
+ */
+void UseOneHeap();
 
 }  // namespace marlo_test
