@@ -32,19 +32,13 @@
 #include <gtest/gtest.h>
 
 #include "reliability_util.h"
-#include "stream/stream_registry_access.h"
 #include "support/fd_count.h"
 #include "support/stream_event_log.h"
 
 using namespace reliability_test;
-using camera_test::kNode0;
-using camera_test::ThreadCount;
-using camera_test::WaitUntil;
 using marlo_fake::kCloseRequest;
 using marlo_fake::kMmapRequest;
 using marlo_fake::kOpenRequest;
-using tessaro::marlo::V4l2Stream;
-using Registry = tessaro::marlo::detail::StreamRegistryAccess;
 
 namespace {
 

@@ -17,11 +17,17 @@
 #include <marlo_host/hooks.h>
 #include "camera/camera_test_util.h"
 #include "marlo/stream/v4l2_stream.h"
+#include "stream/stream_registry_access.h"
 
 namespace reliability_test {
 
 using camera_test::FrameSet;
+using camera_test::kNode0;
 using camera_test::MemFrame;
+using camera_test::ThreadCount;
+using camera_test::WaitUntil;
+using tessaro::marlo::V4l2Stream;
+using Registry = tessaro::marlo::detail::StreamRegistryAccess;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define MARLO_TEST_SANITIZED 1

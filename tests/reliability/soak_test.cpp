@@ -25,17 +25,11 @@
 
 #include "marlo/debug/debug_helper.h"
 #include "reliability_util.h"
-#include "stream/stream_registry_access.h"
 #include "support/fd_count.h"
 #include "support/process_stats.h"
 
 using namespace reliability_test;
-using camera_test::kNode0;
 using camera_test::kNode1;
-using camera_test::ThreadCount;
-using camera_test::WaitUntil;
-using tessaro::marlo::V4l2Stream;
-using Registry = tessaro::marlo::detail::StreamRegistryAccess;
 
 namespace {
 
