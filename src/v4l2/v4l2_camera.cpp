@@ -42,7 +42,12 @@ bool V4l2Camera::OpenInternal(int width, int height, int fourcc) {
         CAM_LOG(MARLO_LOG_ERROR, "OpenInternal", 106, "QueryCap failed %d", ret);
         return false;
     }
-    ret = SetFormat(width, height, fourcc);
+    /*
+     * A negative size goes to the driver as the large unsigned value it
+     * converts to; the driver clamps it, and the granted format tells.
+     */
+    ret = SetFormat(static_cast<unsigned>(width), static_cast<unsigned>(height),
+                    static_cast<unsigned>(fourcc));
     if (ret < 0) {
         CAM_LOG(MARLO_LOG_ERROR, "OpenInternal", 113, "set format %dx%d failed %d", width, height,
                 ret);

@@ -59,9 +59,16 @@
 
 namespace marlo_fake {
 
-/* Pseudo request codes for open() and mmap() in injections and the record. */
+/* Pseudo request codes for open(), mmap() and close() in injections and the record. */
 constexpr unsigned long kOpenRequest = 0xffff0001ul;
 constexpr unsigned long kMmapRequest = 0xffff0002ul;
+/*
+ * close() cannot fail to close on Linux: an injected error releases the
+ * descriptor all the same and then answers -1 with the errno (EIO, EINTR),
+ * as a driver's release that reports a failure does. Recorded only after
+ * RecordCloses(true).
+ */
+constexpr unsigned long kCloseRequest = 0xffff0003ul;
 
 /* The key fields of one request as the caller passed it (0 where not relevant). */
 struct RequestRecord {
@@ -124,6 +131,9 @@ class FakeNode : public std::enable_shared_from_this<FakeNode> {
     size_t CountRequests(unsigned long request) const;
     void ClearRequests();
 
+    /* Whether close() is recorded (off by default: many tests expect no record after a close). */
+    void RecordCloses(bool on);
+
     /* Flags and mode of the last open(), and the number of descriptors open now. */
     int LastOpenFlags() const;
     unsigned LastOpenMode() const;
@@ -140,7 +150,7 @@ class FakeNode : public std::enable_shared_from_this<FakeNode> {
 
     /* --- called by the interposed C functions --- */
     int HandleOpen(int flags, unsigned mode); /* descriptor, or -1 with errno */
-    void HandleClose(int fd);
+    int HandleClose(int fd); /* 0, or the errno close() answers after releasing \a fd */
     int HandleIoctl(int fd, unsigned long request, void* arg); /* 0, or -1 with errno */
     virtual void* HandleMmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset);
 
@@ -193,6 +203,7 @@ class FakeNode : public std::enable_shared_from_this<FakeNode> {
     std::vector<Injection> injections_;
     std::multimap<unsigned long, int> results_;
     std::vector<RequestRecord> records_;
+    bool recordCloses_ = false;
     int lastOpenFlags_ = 0;
     unsigned lastOpenMode_ = 0;
 };

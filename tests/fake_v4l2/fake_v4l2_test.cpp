@@ -119,6 +119,42 @@ TEST_F(FakeV4l2Test, InjectedOpenFailure) {
     close(fd);
 }
 
+TEST_F(FakeV4l2Test, AnInjectedCloseFailureStillReleasesTheDescriptor) {
+    auto node = marlo_fake::AddVideoNode(kVideo);
+    node->RecordCloses(true);
+    marlo_test::FdLeakCheck fds;
+    node->InjectError(marlo_fake::kCloseRequest, EIO, 1, 1);
+    int first = OpenVideo();
+    int second = OpenVideo();
+    EXPECT_EQ(close(first), 0);
+    EXPECT_EQ(close(second), -1);
+    EXPECT_EQ(errno, EIO);
+    /* Released as the kernel releases it: gone from the node and the process. */
+    EXPECT_EQ(node->OpenDescriptors(), 0u);
+    EXPECT_EQ(fcntl(second, F_GETFD), -1);
+    EXPECT_TRUE(fds.unchanged());
+    auto closes = node->Requests(marlo_fake::kCloseRequest);
+    ASSERT_EQ(closes.size(), 2u);
+    EXPECT_EQ(closes[0].name, "close");
+    EXPECT_EQ(closes[0].error, 0);
+    EXPECT_EQ(closes[1].error, EIO);
+}
+
+TEST_F(FakeV4l2Test, ASizeBeyondTheLargestIsClamped) {
+    marlo_fake::AddVideoNode(kVideo);
+    int fd = OpenVideo();
+    v4l2_format fmt = {};
+    fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+    fmt.fmt.pix_mp.width = 64;
+    fmt.fmt.pix_mp.height = 0xfffffff9u;
+    fmt.fmt.pix_mp.pixelformat = V4L2_PIX_FMT_NV12;
+    ASSERT_EQ(ioctl(fd, VIDIOC_S_FMT, &fmt), 0);
+    EXPECT_EQ(fmt.fmt.pix_mp.width, 64u);
+    EXPECT_EQ(fmt.fmt.pix_mp.height, 4096u);
+    EXPECT_EQ(fmt.fmt.pix_mp.plane_fmt[0].sizeimage, 64u * 4096u * 3 / 2);
+    close(fd);
+}
+
 TEST_F(FakeV4l2Test, QueryCapReportsTheConfiguredDriver) {
     marlo_fake::VideoNodeConfig config;
     config.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;

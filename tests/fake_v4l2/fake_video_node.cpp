@@ -16,6 +16,9 @@ namespace marlo_fake {
 
 namespace {
 
+/* The largest width and height a node without a size list grants. */
+constexpr uint32_t kMaxSide = 4096;
+
 /* Bytes per line and whole-image bytes of the formats the fake knows. */
 void FrameGeometry(uint32_t fourcc, uint32_t width, uint32_t height, uint32_t* bpl,
                    uint32_t* total) {
@@ -268,6 +271,10 @@ void FakeVideoNode::ApplyFormat(v4l2_format& fmt) {
             width = std::clamp(width, first.stepwise.min_width, first.stepwise.max_width);
             height = std::clamp(height, first.stepwise.min_height, first.stepwise.max_height);
         }
+    } else {
+        /* A driver without a size list still has a largest size it captures. */
+        width = std::min(width, kMaxSide);
+        height = std::min(height, kMaxSide);
     }
     if (width == 0 || height == 0) {
         width = config_.width;

@@ -175,9 +175,15 @@ int openat64(int dirfd, const char* path, int flags, ...) {
 }
 
 int close(int fd) {
+    int err = 0;
     if (auto node = UnbindFd(fd))
-        node->HandleClose(fd);
-    return RealClose(fd);
+        err = node->HandleClose(fd);
+    int ret = RealClose(fd);
+    if (ret == 0 && err != 0) {
+        errno = err;
+        return -1;
+    }
+    return ret;
 }
 
 int ioctl(int fd, marlo_ioctl_request_t request, ...) {

@@ -137,6 +137,15 @@ TEST_F(V4l2CameraTest, OpenFailsOnExport) {
     ExpectOpenFailure(Cam("OpenInternal", 133, "export buffer failed -2"), "VIDIOC_EXPBUF");
 }
 
+TEST_F(V4l2CameraTest, ANegativeSizeReachesTheDriverAsItsUnsignedValue) {
+    V4l2Camera camera(kPath);
+    camera.OpenCamera(-8, 480, V4L2_PIX_FMT_NV12);
+    auto formats = node_->Requests(VIDIOC_S_FMT);
+    ASSERT_EQ(formats.size(), 1u);
+    EXPECT_EQ(formats[0].width, 0xfffffff8u);
+    EXPECT_EQ(formats[0].height, 480u);
+}
+
 TEST_F(V4l2CameraTest, FailedOpenKeepsTheDescriptorUntilShutdown) {
     node_->InjectError(VIDIOC_S_FMT, EINVAL);
     V4l2Camera camera(kPath);
