@@ -10,7 +10,7 @@
 # failed. Without SUITE names every suite of BUILD_DIR/suites runs.
 #
 # Environment: as run.sh; MARLO_VM_TIMEOUT defaults to 2400 s here and
-# MARLO_VM_MEMORY to 2G.
+# MARLO_VM_MEMORY to 2G; MARLO_VM_SKIP_SUITES names suites not to run.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -48,6 +48,13 @@ vm_shared_libraries "$build/lib:$build/nax" "${binaries[@]}" | while read -r lib
     [ -e "$root$library" ] && continue
     mkdir -p "$root$(dirname "$library")"
     cp -L "$library" "$root$library"
+done
+
+# Suites left out of this machine (MARLO_VM_SKIP_SUITES, names separated by
+# blanks) are left out of the archive's suite list.
+for suite in ${MARLO_VM_SKIP_SUITES:-}; do
+    rm -f "$tree$build/suites/$suite.env"
+    echo "vm: $suite left out (MARLO_VM_SKIP_SUITES)"
 done
 
 (cd "$root" && find . | LC_ALL=C sort | cpio -o -H newc --quiet) | gzip -1 >"$cache/suites.cpio.gz"

@@ -95,6 +95,16 @@ bool HalCamera::clientStreamOpening(int width, int height, int format) {
         return true;
     }
     CAM_LOG(MARLO_LOG_ERROR, "Failed to open a hw camera");
+    /*
+     * A node refused halfway (buffers not queried or not exported) stays
+     * open: started as it is, it would give no frame or unconverted ones.
+     * An unopened camera takes its place, so that the next opener or a
+     * start's background retries open it whole.
+     */
+    if (hw_camera_->Fd() >= 0) {
+        CAM_LOG(MARLO_LOG_WARN, "releasing the half-opened node, it is opened again whole");
+        hw_camera_ = std::make_unique<V4l2Camera>(device_id_);
+    }
     return false;
 }
 

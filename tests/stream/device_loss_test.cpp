@@ -209,7 +209,7 @@ TEST_F(DeviceLossTest, ARefusedStreamOnIsReportedAndRetried) {
  * releases such a node and leaves it to the background retries
  * (HalCamera::clientStreamOpening keeps it as V4l2Camera leaves it).
  */
-TEST_F(DeviceLossTest, DISABLED_AnOpenRefusedHalfwayIsReleasedAndRetried) {
+TEST_F(DeviceLossTest, AnOpenRefusedHalfwayIsReleasedAndRetried) {
     for (unsigned long request : {VIDIOC_QUERYBUF, VIDIOC_EXPBUF}) {
         SCOPED_TRACE(marlo_fake::RequestName(request));
         node_->InjectError(request, EIO);
