@@ -134,6 +134,17 @@ int V4l2Device::IoCtl(unsigned request, void* arg) {
     return ERR_FAILED;
 }
 
+int V4l2Device::Request(unsigned request, void* arg, const char* what, bool named) {
+    int ret = IoCtl(request, arg);
+    if (ret < 0) {
+        int err = errno;
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s%s%s failed : %s\n", named ? name_.c_str() : "",
+                  named ? ": " : "", what, strerror(err));
+        errno = err;
+    }
+    return ret;
+}
+
 int V4l2Device::QueryCap() {
     struct v4l2_capability caps = {};
     if (IoCtl(VIDIOC_QUERYCAP, &caps) < 0) {

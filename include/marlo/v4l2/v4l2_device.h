@@ -40,6 +40,11 @@ class V4l2Device {
 
     /* Issues \a request, retrying on EINTR: 0 on success, -2 on failure. */
     int IoCtl(unsigned request, void* arg);
+    /*
+     * IoCtl that also logs "<what> failed : <system error>" when the request
+     * fails, led by "<node name>: " when \a named. errno stays the request's.
+     */
+    int Request(unsigned request, void* arg, const char* what, bool named);
 
     int QueryCap();
     int SubscribeEvent(V4l2EventSubscription& sub);
