@@ -138,11 +138,20 @@ int V4l2Device::Request(unsigned request, void* arg, const char* what, bool name
     int ret = IoCtl(request, arg);
     if (ret < 0) {
         int err = errno;
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s%s%s failed : %s\n", named ? name_.c_str() : "",
-                  named ? ": " : "", what, strerror(err));
+        LogFailure(what, named, err);
         errno = err;
     }
     return ret;
+}
+
+void V4l2Device::LogFailure(const char* what, bool named, int err) const {
+    marlo_log(MARLO_LOG_ERROR, kTag, "%s%s%s failed : %s\n", named ? name_.c_str() : "",
+              named ? ": " : "", what, strerror(err));
+}
+
+int V4l2Device::RefuseMissingOutput(const char* what) const {
+    LogFailure(what, false, EINVAL);
+    return ERR_INVALID_ARGUMENT;
 }
 
 int V4l2Device::QueryCap() {

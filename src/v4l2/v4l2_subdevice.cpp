@@ -5,19 +5,10 @@
 #include <string.h>
 
 #include <marlo/base/error.h>
-#include <marlo/base/logger.h>
 
 namespace tessaro::marlo {
 
 namespace {
-
-constexpr char kTag[] = "marlo_v4l2";
-
-/* A call refused for a missing output is logged like a failed request. */
-int RefuseMissingOutput(const char* what) {
-    marlo_log(MARLO_LOG_ERROR, kTag, "%s failed : %s\n", what, strerror(EINVAL));
-    return ERR_INVALID_ARGUMENT;
-}
 
 /*
  * Issues \a request with \a record's index 0, 1, ... until the driver
@@ -33,7 +24,7 @@ void EnumerateAll(V4l2Device& device, unsigned request, Record& record, const ch
         take(record);
         ++record.index;
     }
-    marlo_log(MARLO_LOG_ERROR, kTag, "%s failed : %s\n", what, strerror(errno));
+    device.LogFailure(what, false, errno);
 }
 
 v4l2_subdev_format ActiveFormat(unsigned pad) {
