@@ -14,6 +14,27 @@ namespace {
 
 constexpr char kTag[] = "marlo_drm";
 
+/*
+ * Reads the properties of \a connector in order and hands each (null when
+ * it cannot be read) with its index to \a visit until \a visit takes one.
+ * Returns the index taken, or -1; no connector or no name is refused for
+ * \a operation.
+ */
+template <typename Visit>
+int FindConnectorProperty(int fd, const drmModeConnector* connector, const char* name,
+                          const char* operation, Visit visit) {
+    if (!connector || !name) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: no connector or no property name", operation);
+        return -1;
+    }
+    for (int i = 0; i < connector->count_props; ++i) {
+        DrmPropertyPtr property(drmModeGetProperty(fd, connector->props[i]));
+        if (visit(property, i))
+            return i;
+    }
+    return -1;
+}
+
 }  // namespace
 
 void DrmResourcesDeleter::operator()(drmModeRes* resources) const {
@@ -173,21 +194,20 @@ DrmPropertyPtr DrmDevice::GetProperty(uint32_t id) {
 }
 
 DrmPropertyPtr DrmDevice::GetProperty(drmModeConnector* connector, const char* name) {
-    if (!connector || !name) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: no connector or no property name", __func__);
-        return nullptr;
-    }
-    for (int i = 0; i < connector->count_props; ++i) {
-        DrmPropertyPtr property(drmModeGetProperty(fd_.get(), connector->props[i]));
-        if (!property) {
-            marlo_log(MARLO_LOG_INFO, kTag, "drm prop id : %d failed", connector->props[i]);
-            continue;
-        }
-        marlo_log(MARLO_LOG_INFO, kTag, "drm prop name : %s", property->name);
-        if (strcmp(property->name, name) == 0)
-            return property;
-    }
-    return nullptr;
+    DrmPropertyPtr found;
+    FindConnectorProperty(
+        fd_.get(), connector, name, __func__, [&](DrmPropertyPtr& property, int i) {
+            if (!property) {
+                marlo_log(MARLO_LOG_INFO, kTag, "drm prop id : %d failed", connector->props[i]);
+                return false;
+            }
+            marlo_log(MARLO_LOG_INFO, kTag, "drm prop name : %s", property->name);
+            if (strcmp(property->name, name) != 0)
+                return false;
+            found = std::move(property);
+            return true;
+        });
+    return found;
 }
 
 bool DrmDevice::SetProperty(uint32_t connector, uint32_t property, uint64_t value) {
@@ -217,20 +237,15 @@ DrmPropertyBlobPtr DrmDevice::GetPropertyBlob(uint32_t id) {
 }
 
 DrmPropertyBlobPtr DrmDevice::GetPropertyBlob(drmModeConnector* connector, const char* name) {
-    if (!connector || !name) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: no connector or no property name", __func__);
+    const int index = FindConnectorProperty(
+        fd_.get(), connector, name, __func__, [name](const DrmPropertyPtr& property, int) {
+            return property && strcmp(property->name, name) == 0 &&
+                   (property->flags & DRM_MODE_PROP_BLOB);
+        });
+    /* The property itself is freed before its blob is read. */
+    if (index < 0)
         return nullptr;
-    }
-    for (int i = 0; i < connector->count_props; ++i) {
-        DrmPropertyPtr property(drmModeGetProperty(fd_.get(), connector->props[i]));
-        if (!property)
-            continue;
-        if (strcmp(property->name, name) == 0 && (property->flags & DRM_MODE_PROP_BLOB)) {
-            property.reset();
-            return GetPropertyBlob(static_cast<uint32_t>(connector->prop_values[i]));
-        }
-    }
-    return nullptr;
+    return GetPropertyBlob(static_cast<uint32_t>(connector->prop_values[index]));
 }
 
 DrmAtomicReqPtr DrmDevice::AtomicAlloc() {

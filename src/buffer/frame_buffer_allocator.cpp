@@ -81,25 +81,49 @@ void get_share_fd(const native_handle* handle, int* fd) {
     *fd = static_cast<int>(fds[0]);
 }
 
-/* Plane 0 gets a private duplicate; the share fd stays with the handle. */
-void SetPlaneFd(FrameBuffer* fb, int shareFd) {
+/*
+ * Wraps \a handle in a buffer of \a allocator. Plane 0 gets a private
+ * duplicate of the share fd, which stays with the handle.
+ */
+FrameBuffer* WrapHandle(GrallocFrameBufferAllocator* allocator, FrameBufferInfo& info,
+                        const native_handle* handle) {
+    int shareFd = -1;
+    get_share_fd(handle, &shareFd);
+
+    auto* fb = new GrallocFrameBuffer(allocator, info, handle);
     fb->planes()[0].fd.reset(shareFd >= 0 ? dup(shareFd) : -1);
+    return fb;
 }
 
-GrallocFrameBuffer* AsGralloc(FrameBuffer* fb, const char* operation) {
+/* OK for a graphics call that succeeded; otherwise logs \a failure and answers ERR_FAILED. */
+int CheckStatus(android::status_t status, const char* failure) {
+    if (status == android::NO_ERROR)
+        return OK;
+    marlo_log(MARLO_LOG_ERROR, kTag, "%s", failure);
+    return ERR_FAILED;
+}
+
+/*
+ * The gralloc buffer \a fb whose handle \a operation may use, or null after
+ * logging why not: \a nullMessage for no buffer, else another kind of
+ * buffer, or one whose handle was freed already (nothing left to give back).
+ */
+GrallocFrameBuffer* HandleHolder(FrameBuffer* fb, const char* nullMessage, const char* operation) {
+    if (fb == nullptr) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s", nullMessage);
+        return nullptr;
+    }
     auto* gralloc = dynamic_cast<GrallocFrameBuffer*>(fb);
-    if (gralloc == nullptr)
+    if (gralloc == nullptr) {
         marlo_log(MARLO_LOG_ERROR, kTag, "%s: buffer %p is not a gralloc buffer", operation, fb);
+        return nullptr;
+    }
+    if (gralloc->handle() == nullptr) {
+        marlo_log(MARLO_LOG_ERROR, kTag, "%s: buffer %p holds no handle", operation,
+                  static_cast<const void*>(gralloc));
+        return nullptr;
+    }
     return gralloc;
-}
-
-/* A buffer whose handle was freed already has nothing left to give back. */
-bool HasHandle(const GrallocFrameBuffer* fb, const char* operation) {
-    if (fb->handle() != nullptr)
-        return true;
-    marlo_log(MARLO_LOG_ERROR, kTag, "%s: buffer %p holds no handle", operation,
-              static_cast<const void*>(fb));
-    return false;
 }
 
 /*
@@ -161,10 +185,8 @@ int GrallocFrameBufferAllocator::Allocate(FrameBufferInfo& info, FrameBuffer** o
     auto halFormat = static_cast<android::PixelFormat>(FourccFormatToHalFormat(info.fourcc));
     android::status_t status = GraphicBufferAllocator::get().allocate(
         info.width, info.height, halFormat, 1, info.flags, &handle, &stride, 0, kRequestorName);
-    if (status != android::NO_ERROR) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "Failed to allocate buffer");
+    if (CheckStatus(status, "Failed to allocate buffer") != OK)
         return ERR_FAILED;
-    }
 
     info.type = kGrallocType;
     info.stride = stride;
@@ -175,12 +197,7 @@ int GrallocFrameBufferAllocator::Allocate(FrameBufferInfo& info, FrameBuffer** o
                   handle);
     info.size = static_cast<uint32_t>(size);
 
-    int shareFd = -1;
-    get_share_fd(handle, &shareFd);
-
-    auto* fb = new GrallocFrameBuffer(this, info, handle);
-    SetPlaneFd(fb, shareFd);
-    *out = fb;
+    *out = WrapHandle(this, info, handle);
     return OK;
 }
 
@@ -194,44 +211,28 @@ int GrallocFrameBufferAllocator::ImportBuffer(FrameBufferInfo& info, const nativ
     android::status_t status = GraphicBufferMapper::get().importBuffer(
         handle, info.width, info.height, 1, FourccFormatToHalFormat(info.fourcc), info.flags,
         info.stride, &imported);
-    if (status != android::NO_ERROR) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "Failed to import buffer");
+    if (CheckStatus(status, "Failed to import buffer") != OK)
         return ERR_FAILED;
-    }
 
-    int shareFd = -1;
-    get_share_fd(imported, &shareFd);
-
-    auto* fb = new GrallocFrameBuffer(this, info, imported);
-    SetPlaneFd(fb, shareFd);
-    *out = fb;
+    *out = WrapHandle(this, info, imported);
     return OK;
 }
 
 int GrallocFrameBufferAllocator::Free(FrameBuffer* fb) {
-    if (fb == nullptr) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "Freeing null buffer");
+    GrallocFrameBuffer* gralloc = HandleHolder(fb, "Freeing null buffer", __func__);
+    if (gralloc == nullptr)
         return ERR_INVALID_ARGUMENT;
-    }
-    GrallocFrameBuffer* gralloc = AsGralloc(fb, __func__);
-    if (gralloc == nullptr || !HasHandle(gralloc, __func__))
-        return ERR_INVALID_ARGUMENT;
-    if (GraphicBufferAllocator::get().free(gralloc->handle_) != android::NO_ERROR) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "Failed to free buffer");
-        return ERR_FAILED;
-    }
+    int ret =
+        CheckStatus(GraphicBufferAllocator::get().free(gralloc->handle_), "Failed to free buffer");
     // The handle is gone; a second Free must not hand it out again.
-    gralloc->handle_ = nullptr;
-    return OK;
+    if (ret == OK)
+        gralloc->handle_ = nullptr;
+    return ret;
 }
 
 void* GrallocFrameBufferAllocator::Map(FrameBuffer* fb) {
-    if (fb == nullptr) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "Mapping null buffer");
-        return nullptr;
-    }
-    GrallocFrameBuffer* gralloc = AsGralloc(fb, __func__);
-    if (gralloc == nullptr || !HasHandle(gralloc, __func__))
+    GrallocFrameBuffer* gralloc = HandleHolder(fb, "Mapping null buffer", __func__);
+    if (gralloc == nullptr)
         return nullptr;
 
     constexpr uint32_t kMaxExtent = std::numeric_limits<int32_t>::max();
@@ -240,26 +241,15 @@ void* GrallocFrameBufferAllocator::Map(FrameBuffer* fb) {
     void* address = nullptr;
     android::status_t status = GraphicBufferMapper::get().lock(
         gralloc->handle_, static_cast<uint32_t>(fb->flags()), bounds, &address);
-    if (status != android::NO_ERROR) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "Failed to map buffer");
-        return nullptr;
-    }
-    return address;
+    return CheckStatus(status, "Failed to map buffer") == OK ? address : nullptr;
 }
 
 int GrallocFrameBufferAllocator::UnMap(FrameBuffer* fb) {
-    if (fb == nullptr) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "UnMapping null buffer");
+    GrallocFrameBuffer* gralloc = HandleHolder(fb, "UnMapping null buffer", __func__);
+    if (gralloc == nullptr)
         return ERR_INVALID_ARGUMENT;
-    }
-    GrallocFrameBuffer* gralloc = AsGralloc(fb, __func__);
-    if (gralloc == nullptr || !HasHandle(gralloc, __func__))
-        return ERR_INVALID_ARGUMENT;
-    if (GraphicBufferMapper::get().unlock(gralloc->handle_) != android::NO_ERROR) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "Failed to unmap buffer");
-        return ERR_FAILED;
-    }
-    return OK;
+    return CheckStatus(GraphicBufferMapper::get().unlock(gralloc->handle_),
+                       "Failed to unmap buffer");
 }
 
 int GrallocFrameBufferAllocator::FreeRawHandle(native_handle* handle) {
@@ -272,35 +262,19 @@ int GrallocFrameBufferAllocator::FreeRawHandle(native_handle* handle) {
     return OK;
 }
 
-int V4l2FrameBufferAllocator::Allocate(FrameBufferInfo& /*info*/, FrameBuffer** /*out*/) {
+int InertFrameBufferAllocator::Allocate(FrameBufferInfo& /*info*/, FrameBuffer** /*out*/) {
     return OK;
 }
 
-int V4l2FrameBufferAllocator::Free(FrameBuffer* /*fb*/) {
+int InertFrameBufferAllocator::Free(FrameBuffer* /*fb*/) {
     return OK;
 }
 
-void* V4l2FrameBufferAllocator::Map(FrameBuffer* /*fb*/) {
+void* InertFrameBufferAllocator::Map(FrameBuffer* /*fb*/) {
     return nullptr;
 }
 
-int V4l2FrameBufferAllocator::UnMap(FrameBuffer* /*fb*/) {
-    return OK;
-}
-
-int DrmFrameBufferAllocator::Allocate(FrameBufferInfo& /*info*/, FrameBuffer** /*out*/) {
-    return OK;
-}
-
-int DrmFrameBufferAllocator::Free(FrameBuffer* /*fb*/) {
-    return OK;
-}
-
-void* DrmFrameBufferAllocator::Map(FrameBuffer* /*fb*/) {
-    return nullptr;
-}
-
-int DrmFrameBufferAllocator::UnMap(FrameBuffer* /*fb*/) {
+int InertFrameBufferAllocator::UnMap(FrameBuffer* /*fb*/) {
     return OK;
 }
 

@@ -76,10 +76,7 @@ void CaptureSupervisor::begin(bool streaming, int status, int error) {
     }
     SUP_LOG(MARLO_LOG_ERROR, "the device refused to stream (%d), retrying in the background",
             status);
-    lost_status_ = status;
-    lost_error_ = error;
-    releaseDevice();
-    state_ = State::kRecovering;
+    enterRecovery(status, error);
     armRetry();
 }
 
@@ -96,13 +93,16 @@ void CaptureSupervisor::onFrame() {
     failed_dequeues_ = 0;
 }
 
+bool CaptureSupervisor::loseIfGone(int error) {
+    if (!DeviceGone(error))
+        return false;
+    lose(StreamEventType::kDeviceLost, MapSystemError(error), error, 0);
+    return true;
+}
+
 void CaptureSupervisor::onDequeueFailed(int error) {
-    if (state_ != State::kStreaming || error == EINTR)
+    if (state_ != State::kStreaming || error == EINTR || loseIfGone(error))
         return;
-    if (DeviceGone(error)) {
-        lose(StreamEventType::kDeviceLost, MapSystemError(error), error, 0);
-        return;
-    }
     /* A node that keeps saying it has a frame and then refuses it would spin the loop. */
     if (++failed_dequeues_ >= kMaxFailedDequeues) {
         SUP_LOG(MARLO_LOG_ERROR, "%d dequeues in a row failed (%d), restarting the device",
@@ -113,12 +113,8 @@ void CaptureSupervisor::onDequeueFailed(int error) {
 }
 
 void CaptureSupervisor::onQueueFailed(int error) {
-    if (state_ != State::kStreaming)
+    if (state_ != State::kStreaming || loseIfGone(error))
         return;
-    if (DeviceGone(error)) {
-        lose(StreamEventType::kDeviceLost, MapSystemError(error), error, 0);
-        return;
-    }
     /* The buffer waits in the free list; a starving driver shows as a stall. */
     SUP_LOG(MARLO_LOG_WARN, "the driver refused a buffer back (%d)", error);
 }
@@ -176,10 +172,7 @@ void CaptureSupervisor::lose(StreamEventType type, int status, int error, uint32
     else
         SUP_LOG(MARLO_LOG_ERROR, "capture device lost (%d, %s), releasing it and retrying", status,
                 error != 0 ? strerror(error) : "no system error");
-    lost_status_ = status;
-    lost_error_ = error;
-    releaseDevice();
-    state_ = State::kRecovering;
+    enterRecovery(status, error);
     attempts_ = 0;
     backoff_ = kFirstRetry;
     DebugHelper::getInstance().updateCameraState(camera_.device_id_, "LOST");
@@ -190,6 +183,13 @@ void CaptureSupervisor::lose(StreamEventType type, int status, int error, uint32
     event.timeoutMs = stalledMs;
     camera_.postToClients(event);
     armRetry();
+}
+
+void CaptureSupervisor::enterRecovery(int status, int error) {
+    lost_status_ = status;
+    lost_error_ = error;
+    releaseDevice();
+    state_ = State::kRecovering;
 }
 
 void CaptureSupervisor::releaseDevice() {

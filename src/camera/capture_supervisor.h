@@ -83,8 +83,12 @@ class CaptureSupervisor {
     enum class State { kIdle, kStreaming, kRecovering };
 
     void onTimer();
+    /* Loses the device when \a error says its node has gone; whether it did. */
+    bool loseIfGone(int error);
     /* Releases the device and starts retrying; \a type says what happened. */
     void lose(StreamEventType type, int status, int error, uint32_t stalledMs);
+    /* Keeps why the device was lost, releases it and waits for a retry. */
+    void enterRecovery(int status, int error);
     /* Closes the capture node with its buffers: its driver may then go and come back. */
     void releaseDevice();
     /* One retry: open, configure, start. True when the device streams again. */

@@ -73,24 +73,23 @@ int VirtualCamera::startVideoStream(FrameCallback callback) {
     state_ = kRunning;
     for (auto it = hal_cameras_.begin(); it != hal_cameras_.end(); ++it) {
         std::shared_ptr<HalCamera> camera = it->second.lock();
-        if (!camera) {
+        if (camera) {
+            VCAM_LOG(MARLO_LOG_INFO, "Starts a video stream");
+            if (camera->clientStreamStarting(this) == 0)
+                continue;
+            VCAM_LOG(MARLO_LOG_ERROR, "Failed to start a client video stream");
+        } else {
             /*
              * A camera that has gone never comes back, so trying the same entry
              * again could only repeat this forever. The start fails like a
              * refused one instead.
              */
             VCAM_LOG(MARLO_LOG_ERROR, "Failed to start a video stream");
-            state_ = kStopped;
-            endStartedBefore(it);
-            return -2;
         }
-        VCAM_LOG(MARLO_LOG_INFO, "Starts a video stream");
-        if (camera->clientStreamStarting(this) != 0) {
-            VCAM_LOG(MARLO_LOG_ERROR, "Failed to start a client video stream");
-            state_ = kStopped;
-            endStartedBefore(it);
-            return -2;
-        }
+        /* The cameras started before this one end their streams again. */
+        state_ = kStopped;
+        endStartedBefore(it);
+        return -2;
     }
     return 0;
 }

@@ -320,89 +320,66 @@ void NaxImageOperator::releaseUncached(uint32_t first, uint32_t second) const {
         releaseHandle(second);
 }
 
-int NaxImageOperator::crop(const ImageBuffer& src, ImageBuffer& dst, ImageRect rect, int sync,
-                           int* fence) {
-    if (!nax_ops_->crop)
-        return NotImplemented("crop");
+/*
+ * The one sequence every operation runs: refuse when the engine lacks the
+ * entry, import both buffers, hand their descriptors to \a job, and release
+ * the handles the cache does not keep. Engine results are not reported: the
+ * job's outcome shows in the image.
+ */
+template <typename Entry, typename Job>
+int NaxImageOperator::runJob(Entry entry, const char* name, const ImageBuffer& src,
+                             const ImageBuffer& dst, Job&& job) const {
+    if (!entry)
+        return NotImplemented(name);
 
     unsigned int srcHandle = 0;
     unsigned int dstHandle = 0;
     nax_buffer_t s = NaxImportBuffer(this, src, &srcHandle);
     nax_buffer_t d = NaxImportBuffer(this, dst, &dstHandle);
-    /* Engine results are not reported: the job's outcome shows in the image. */
-    nax_ops_->crop(s, d, ToNaxRect(rect), sync, fence);
+    job(s, d);
     releaseUncached(srcHandle, dstHandle);
     return OK;
 }
 
+int NaxImageOperator::crop(const ImageBuffer& src, ImageBuffer& dst, ImageRect rect, int sync,
+                           int* fence) {
+    return runJob(nax_ops_->crop, "crop", src, dst, [&](nax_buffer_t s, nax_buffer_t d) {
+        nax_ops_->crop(s, d, ToNaxRect(rect), sync, fence);
+    });
+}
+
 int NaxImageOperator::resize(const ImageBuffer& src, ImageBuffer& dst, double fx, double fy,
                              int interpolation, int sync, int* fence) {
-    if (!nax_ops_->resize)
-        return NotImplemented("resize");
-
-    unsigned int srcHandle = 0;
-    unsigned int dstHandle = 0;
-    nax_buffer_t s = NaxImportBuffer(this, src, &srcHandle);
-    nax_buffer_t d = NaxImportBuffer(this, dst, &dstHandle);
-    nax_ops_->resize(s, d, fx, fy, interpolation, sync, fence);
-    releaseUncached(srcHandle, dstHandle);
+    runJob(nax_ops_->resize, "resize", src, dst, [&](nax_buffer_t s, nax_buffer_t d) {
+        nax_ops_->resize(s, d, fx, fy, interpolation, sync, fence);
+    });
     /* Callers rely on resize reporting "not implemented" even after the job ran. */
     return ERR_NOT_IMPLEMENTED;
 }
 
 int NaxImageOperator::cvtcolor(ImageBuffer& src, ImageBuffer& dst, int srcFormat, int dstFormat,
                                int mode, int sync, int* fence) {
-    if (!nax_ops_->cvtcolor)
-        return NotImplemented("cvtcolor");
-
-    unsigned int srcHandle = 0;
-    unsigned int dstHandle = 0;
-    nax_buffer_t s = NaxImportBuffer(this, src, &srcHandle);
-    nax_buffer_t d = NaxImportBuffer(this, dst, &dstHandle);
-    nax_ops_->cvtcolor(s, d, WrapFormat(srcFormat), WrapFormat(dstFormat), mode, sync, fence);
-    releaseUncached(srcHandle, dstHandle);
-    return OK;
+    return runJob(nax_ops_->cvtcolor, "cvtcolor", src, dst, [&](nax_buffer_t s, nax_buffer_t d) {
+        nax_ops_->cvtcolor(s, d, WrapFormat(srcFormat), WrapFormat(dstFormat), mode, sync, fence);
+    });
 }
 
 int NaxImageOperator::rotate(const ImageBuffer& src, ImageBuffer& dst, int rotation, int sync,
                              int* fence) {
-    if (!nax_ops_->rotate)
-        return NotImplemented("rotate");
-
-    unsigned int srcHandle = 0;
-    unsigned int dstHandle = 0;
-    nax_buffer_t s = NaxImportBuffer(this, src, &srcHandle);
-    nax_buffer_t d = NaxImportBuffer(this, dst, &dstHandle);
-    nax_ops_->rotate(s, d, rotation, sync, fence);
-    releaseUncached(srcHandle, dstHandle);
-    return OK;
+    return runJob(nax_ops_->rotate, "rotate", src, dst, [&](nax_buffer_t s, nax_buffer_t d) {
+        nax_ops_->rotate(s, d, rotation, sync, fence);
+    });
 }
 
 int NaxImageOperator::flip(const ImageBuffer& src, ImageBuffer& dst, int mode, int sync,
                            int* fence) {
-    if (!nax_ops_->flip)
-        return NotImplemented("flip");
-
-    unsigned int srcHandle = 0;
-    unsigned int dstHandle = 0;
-    nax_buffer_t s = NaxImportBuffer(this, src, &srcHandle);
-    nax_buffer_t d = NaxImportBuffer(this, dst, &dstHandle);
-    nax_ops_->flip(s, d, mode, sync, fence);
-    releaseUncached(srcHandle, dstHandle);
-    return OK;
+    return runJob(nax_ops_->flip, "flip", src, dst,
+                  [&](nax_buffer_t s, nax_buffer_t d) { nax_ops_->flip(s, d, mode, sync, fence); });
 }
 
 int NaxImageOperator::copy(const ImageBuffer& src, ImageBuffer& dst, int sync, int* fence) {
-    if (!nax_ops_->copy)
-        return NotImplemented("copy");
-
-    unsigned int srcHandle = 0;
-    unsigned int dstHandle = 0;
-    nax_buffer_t s = NaxImportBuffer(this, src, &srcHandle);
-    nax_buffer_t d = NaxImportBuffer(this, dst, &dstHandle);
-    nax_ops_->copy(s, d, sync, fence);
-    releaseUncached(srcHandle, dstHandle);
-    return OK;
+    return runJob(nax_ops_->copy, "copy", src, dst,
+                  [&](nax_buffer_t s, nax_buffer_t d) { nax_ops_->copy(s, d, sync, fence); });
 }
 
 int NaxImageOperator::process(const ImageBuffer& src, ImageBuffer& dst, ImageBuffer& pat,
@@ -411,21 +388,14 @@ int NaxImageOperator::process(const ImageBuffer& src, ImageBuffer& dst, ImageBuf
     /* Availability is judged by the copy entry: engines offer both or neither. */
     if (!nax_ops_->copy)
         return NotImplemented("process");
-    if (!nax_ops_->process)
-        return NotImplemented("nax_process");
 
-    unsigned int srcHandle = 0;
-    unsigned int dstHandle = 0;
-    unsigned int patHandle = 0;
-    nax_buffer_t s = NaxImportBuffer(this, src, &srcHandle);
-    nax_buffer_t d = NaxImportBuffer(this, dst, &dstHandle);
-    nax_buffer_t p = NaxImportBuffer(this, pat, &patHandle);
-
-    nax_ops_->process(s, d, p, ToNaxRect(srect), ToNaxRect(drect), ToNaxRect(prect), -1, fence,
-                      nullptr, AddModeBit(usage, sync));
-    /* Only src and dst are released; the pattern's handle is kept as before. */
-    releaseUncached(srcHandle, dstHandle);
-    return OK;
+    return runJob(nax_ops_->process, "nax_process", src, dst, [&](nax_buffer_t s, nax_buffer_t d) {
+        /* The pattern is imported after src and dst; its handle is kept, as before. */
+        unsigned int patHandle = 0;
+        nax_buffer_t p = NaxImportBuffer(this, pat, &patHandle);
+        nax_ops_->process(s, d, p, ToNaxRect(srect), ToNaxRect(drect), ToNaxRect(prect), -1, fence,
+                          nullptr, AddModeBit(usage, sync));
+    });
 }
 
 int NaxImageOperator::control(std::string key, void* value) {

@@ -4,11 +4,12 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/ioctl.h>
 
 #include <utility>
 
 #include <marlo/base/error.h>
+
+#include "base/retrying_ioctl.h"
 
 namespace tessaro::marlo {
 
@@ -33,11 +34,7 @@ void MediaDevice::Close() {
 }
 
 int MediaDevice::Request(unsigned long request, void* arg, const char* failure) {
-    int ret;
-    do {
-        ret = ::ioctl(fd_.get(), request, arg);
-    } while (ret == -1 && errno == EINTR);
-    if (ret >= 0)
+    if (detail::RetryingIoctl(fd_.get(), request, arg) >= 0)
         return OK;
     fprintf(stderr, failure, strerror(errno));
     return ERR_FAILED;

@@ -4,12 +4,13 @@
 #include <fcntl.h>
 #include <linux/v4l2-subdev.h>
 #include <string.h>
-#include <sys/ioctl.h>
 
 #include <map>
 
 #include <marlo/base/error.h>
 #include <marlo/base/logger.h>
+
+#include "base/retrying_ioctl.h"
 
 namespace tessaro::marlo {
 
@@ -81,6 +82,14 @@ const std::map<unsigned, std::string>& RequestNames() {
     return names;
 }
 
+/* Issues \a request on \a device; a refusal is logged as "<what> failed <error>". */
+int IssueOrLog(V4l2Device& device, unsigned request, void* arg, const char* what) {
+    if (device.IoCtl(request, arg) >= 0)
+        return OK;
+    marlo_log(MARLO_LOG_ERROR, kTag, "%s failed %s\n", what, strerror(errno));
+    return ERR_FAILED;
+}
+
 }  // namespace
 
 namespace detail {
@@ -119,11 +128,7 @@ void V4l2Device::Close() {
 }
 
 int V4l2Device::IoCtl(unsigned request, void* arg) {
-    int ret;
-    do {
-        ret = ::ioctl(fd_.get(), request, arg);
-    } while (ret == -1 && errno == EINTR);
-    if (ret >= 0)
+    if (detail::RetryingIoctl(fd_.get(), request, arg) >= 0)
         return OK;
 
     int err = errno;
@@ -134,12 +139,30 @@ int V4l2Device::IoCtl(unsigned request, void* arg) {
     return ERR_FAILED;
 }
 
+int V4l2Device::Request(unsigned request, void* arg, const char* what, bool named) {
+    int ret = IoCtl(request, arg);
+    if (ret < 0) {
+        int err = errno;
+        LogFailure(what, named, err);
+        errno = err;
+    }
+    return ret;
+}
+
+void V4l2Device::LogFailure(const char* what, bool named, int err) const {
+    marlo_log(MARLO_LOG_ERROR, kTag, "%s%s%s failed : %s\n", named ? name_.c_str() : "",
+              named ? ": " : "", what, strerror(err));
+}
+
+int V4l2Device::RefuseMissingOutput(const char* what) const {
+    LogFailure(what, false, EINVAL);
+    return ERR_INVALID_ARGUMENT;
+}
+
 int V4l2Device::QueryCap() {
     struct v4l2_capability caps = {};
-    if (IoCtl(VIDIOC_QUERYCAP, &caps) < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "query capabilities failed %s\n", strerror(errno));
+    if (IssueOrLog(*this, VIDIOC_QUERYCAP, &caps, "query capabilities") != OK)
         return ERR_FAILED;
-    }
     marlo_log(MARLO_LOG_INFO, kTag, "device capabilities: driver\t\t%s\n",
               reinterpret_cast<const char*>(caps.driver));
     marlo_log(MARLO_LOG_INFO, kTag, "                   : card\t\t%s\n",
@@ -152,28 +175,16 @@ int V4l2Device::QueryCap() {
 }
 
 int V4l2Device::SubscribeEvent(V4l2EventSubscription& sub) {
-    if (IoCtl(VIDIOC_SUBSCRIBE_EVENT, &sub) < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "subscribe event failed %s\n", strerror(errno));
-        return ERR_FAILED;
-    }
-    return OK;
+    return IssueOrLog(*this, VIDIOC_SUBSCRIBE_EVENT, &sub, "subscribe event");
 }
 
 int V4l2Device::UnSubscribeEvent(V4l2EventSubscription& sub) {
-    if (IoCtl(VIDIOC_UNSUBSCRIBE_EVENT, &sub) < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "unsubscribe event failed %s\n", strerror(errno));
-        return ERR_FAILED;
-    }
-    return OK;
+    return IssueOrLog(*this, VIDIOC_UNSUBSCRIBE_EVENT, &sub, "unsubscribe event");
 }
 
 int V4l2Device::DequeEvent(V4l2Event& event) {
     memset(&event, 0, sizeof(event));
-    if (IoCtl(VIDIOC_DQEVENT, &event) < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "dq event failed %s\n", strerror(errno));
-        return ERR_FAILED;
-    }
-    return OK;
+    return IssueOrLog(*this, VIDIOC_DQEVENT, &event, "dq event");
 }
 
 }  // namespace tessaro::marlo

@@ -5,13 +5,43 @@
 #include <string.h>
 
 #include <marlo/base/error.h>
-#include <marlo/base/logger.h>
 
 namespace tessaro::marlo {
 
 namespace {
 
-constexpr char kTag[] = "marlo_v4l2";
+/*
+ * Issues \a request with \a record's index 0, 1, ... until the driver
+ * refuses, handing each answer to \a take. The end of the enumeration is
+ * reported like any failure, as "<what> failed".
+ */
+template <typename Record, typename Take>
+void EnumerateAll(V4l2Device& device, unsigned request, Record& record, const char* what,
+                  Take take) {
+    record.index = 0;
+    record.which = 0;
+    while (device.IoCtl(request, &record) == 0) {
+        take(record);
+        ++record.index;
+    }
+    device.LogFailure(what, false, errno);
+}
+
+v4l2_subdev_format ActiveFormat(unsigned pad) {
+    struct v4l2_subdev_format fmt = {};
+    fmt.which = V4L2_SUBDEV_FORMAT_ACTIVE;
+    fmt.pad = pad;
+    return fmt;
+}
+
+v4l2_subdev_selection ActiveSelection(unsigned pad, unsigned target) {
+    struct v4l2_subdev_selection sel = {};
+    sel.which = V4L2_SUBDEV_FORMAT_ACTIVE;
+    sel.pad = pad;
+    sel.target = target;
+    sel.flags = 0;
+    return sel;
+}
 
 }  // namespace
 
@@ -19,21 +49,15 @@ V4l2SubDevice::V4l2SubDevice(const std::string& name) : V4l2Device(name) {}
 
 int V4l2SubDevice::QueryCap() {
     struct v4l2_subdev_capability caps = {};
-    int ret = IoCtl(VIDIOC_SUBDEV_QUERYCAP, &caps);
-    if (ret < 0)
-        marlo_log(MARLO_LOG_ERROR, kTag, "get fmt failed : %s\n", strerror(errno));
-    return ret;
+    /* Reported with the format wording, as it always was. */
+    return Request(VIDIOC_SUBDEV_QUERYCAP, &caps, "get fmt", false);
 }
 
 int V4l2SubDevice::GetFormat(unsigned pad, V4l2SubdevFormat& format) {
-    struct v4l2_subdev_format fmt = {};
-    fmt.which = V4L2_SUBDEV_FORMAT_ACTIVE;
-    fmt.pad = pad;
-    int ret = IoCtl(VIDIOC_SUBDEV_G_FMT, &fmt);
-    if (ret < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "get fmt failed : %s\n", strerror(errno));
+    v4l2_subdev_format fmt = ActiveFormat(pad);
+    int ret = Request(VIDIOC_SUBDEV_G_FMT, &fmt, "get fmt", false);
+    if (ret < 0)
         return ret;
-    }
     format.width = fmt.format.width;
     format.height = fmt.format.height;
     format.code = fmt.format.code;
@@ -41,58 +65,35 @@ int V4l2SubDevice::GetFormat(unsigned pad, V4l2SubdevFormat& format) {
 }
 
 int V4l2SubDevice::SetFormat(unsigned pad, const V4l2SubdevFormat& format) {
-    struct v4l2_subdev_format fmt = {};
-    fmt.which = V4L2_SUBDEV_FORMAT_ACTIVE;
-    fmt.pad = pad;
+    v4l2_subdev_format fmt = ActiveFormat(pad);
     fmt.format.width = format.width;
     fmt.format.height = format.height;
     fmt.format.code = format.code;
-    int ret = IoCtl(VIDIOC_SUBDEV_S_FMT, &fmt);
-    if (ret < 0)
-        marlo_log(MARLO_LOG_ERROR, kTag, "set fmt failed : %s\n", strerror(errno));
-    return ret;
+    return Request(VIDIOC_SUBDEV_S_FMT, &fmt, "set fmt", false);
 }
 
 int V4l2SubDevice::GetSelection(unsigned pad, unsigned target, V4l2Rect& rect) {
-    struct v4l2_subdev_selection sel = {};
-    sel.which = V4L2_SUBDEV_FORMAT_ACTIVE;
-    sel.pad = pad;
-    sel.target = target;
-    sel.flags = 0;
-    int ret = IoCtl(VIDIOC_SUBDEV_G_SELECTION, &sel);
-    if (ret < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "get sel failed : %s\n", strerror(errno));
-        return ret;
-    }
-    memcpy(&rect, &sel.r, sizeof(rect));
+    v4l2_subdev_selection sel = ActiveSelection(pad, target);
+    int ret = Request(VIDIOC_SUBDEV_G_SELECTION, &sel, "get sel", false);
+    if (ret == 0)
+        memcpy(&rect, &sel.r, sizeof(rect));
     return ret;
 }
 
 int V4l2SubDevice::SetSelection(unsigned pad, unsigned target, const V4l2Rect& rect) {
-    struct v4l2_subdev_selection sel = {};
-    sel.which = V4L2_SUBDEV_FORMAT_ACTIVE;
-    sel.pad = pad;
-    sel.target = target;
-    sel.flags = 0;
+    v4l2_subdev_selection sel = ActiveSelection(pad, target);
     memcpy(&sel.r, &rect, sizeof(sel.r));
-    int ret = IoCtl(VIDIOC_SUBDEV_S_SELECTION, &sel);
-    if (ret < 0)
-        marlo_log(MARLO_LOG_ERROR, kTag, "set sel failed : %s\n", strerror(errno));
-    return ret;
+    return Request(VIDIOC_SUBDEV_S_SELECTION, &sel, "set sel", false);
 }
 
 int V4l2SubDevice::GetFrameIntervals(unsigned pad, unsigned* numerator, unsigned* denominator) {
-    if (numerator == nullptr || denominator == nullptr) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "subdev get interval failed : %s\n", strerror(EINVAL));
-        return ERR_INVALID_ARGUMENT;
-    }
+    if (numerator == nullptr || denominator == nullptr)
+        return RefuseMissingOutput("subdev get interval");
     struct v4l2_subdev_frame_interval fi = {};
     fi.pad = pad;
-    int ret = IoCtl(VIDIOC_SUBDEV_G_FRAME_INTERVAL, &fi);
-    if (ret < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "subdev get interval failed : %s\n", strerror(errno));
+    int ret = Request(VIDIOC_SUBDEV_G_FRAME_INTERVAL, &fi, "subdev get interval", false);
+    if (ret < 0)
         return ret;
-    }
     *numerator = fi.interval.numerator;
     *denominator = fi.interval.denominator;
     return ret;
@@ -103,47 +104,34 @@ int V4l2SubDevice::SetFrameIntervals(unsigned pad, unsigned numerator, unsigned 
     fi.pad = pad;
     fi.interval.numerator = numerator;
     fi.interval.denominator = denominator;
-    int ret = IoCtl(VIDIOC_SUBDEV_S_FRAME_INTERVAL, &fi);
-    if (ret < 0)
-        marlo_log(MARLO_LOG_ERROR, kTag, "subdev set interval failed : %s\n", strerror(errno));
-    return ret;
+    return Request(VIDIOC_SUBDEV_S_FRAME_INTERVAL, &fi, "subdev set interval", false);
 }
 
 int V4l2SubDevice::EnumMbusCode(unsigned pad, std::vector<unsigned>* codes) {
-    if (codes == nullptr) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "subdev enum mbus code failed : %s\n", strerror(EINVAL));
-        return ERR_INVALID_ARGUMENT;
-    }
+    if (codes == nullptr)
+        return RefuseMissingOutput("subdev enum mbus code");
     codes->clear();
     struct v4l2_subdev_mbus_code_enum code = {};
     code.pad = pad;
-    code.index = 0;
-    code.which = 0;
-    while (IoCtl(VIDIOC_SUBDEV_ENUM_MBUS_CODE, &code) == 0) {
-        codes->push_back(code.code);
-        ++code.index;
-    }
-    /* The end of the enumeration is reported like any failure. */
-    marlo_log(MARLO_LOG_ERROR, kTag, "subdev enum mbus code failed : %s\n", strerror(errno));
+    EnumerateAll(
+        *this, VIDIOC_SUBDEV_ENUM_MBUS_CODE, code, "subdev enum mbus code",
+        [codes](const v4l2_subdev_mbus_code_enum& answer) { codes->push_back(answer.code); });
+    /* Every enumeration ends in a refusal, which this call reports. */
     return ERR_FAILED;
 }
 
 int V4l2SubDevice::EnumFrameSize(unsigned pad, unsigned code,
                                  std::vector<V4l2FrameSizeRange>* sizes) {
-    if (sizes == nullptr) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "subdev enum frame size failed : %s\n", strerror(EINVAL));
-        return ERR_INVALID_ARGUMENT;
-    }
+    if (sizes == nullptr)
+        return RefuseMissingOutput("subdev enum frame size");
     struct v4l2_subdev_frame_size_enum fse = {};
     fse.pad = pad;
     fse.code = code;
-    fse.index = 0;
-    fse.which = 0;
-    while (IoCtl(VIDIOC_SUBDEV_ENUM_FRAME_SIZE, &fse) == 0) {
-        sizes->push_back({fse.min_width, fse.min_height, fse.max_width, fse.max_height, 0, 0});
-        ++fse.index;
-    }
-    marlo_log(MARLO_LOG_ERROR, kTag, "subdev enum frame size failed : %s\n", strerror(errno));
+    EnumerateAll(*this, VIDIOC_SUBDEV_ENUM_FRAME_SIZE, fse, "subdev enum frame size",
+                 [sizes](const v4l2_subdev_frame_size_enum& answer) {
+                     sizes->push_back({answer.min_width, answer.min_height, answer.max_width,
+                                       answer.max_height, 0, 0});
+                 });
     return OK;
 }
 
@@ -157,14 +145,11 @@ std::vector<std::pair<unsigned, unsigned>> V4l2SubDevice::EnumFrameInterval(unsi
     fie.code = code;
     fie.width = width;
     fie.height = height;
-    fie.index = 0;
-    fie.which = 0;
-    while (IoCtl(VIDIOC_SUBDEV_ENUM_FRAME_INTERVAL, &fie) == 0) {
-        intervals.emplace_back(fie.interval.numerator, fie.interval.denominator);
-        ++fie.index;
-    }
-    /* This message deliberately uses the frame-size wording. */
-    marlo_log(MARLO_LOG_ERROR, kTag, "subdev enum frame size failed : %s\n", strerror(errno));
+    /* This enumeration deliberately reports with the frame-size wording. */
+    EnumerateAll(*this, VIDIOC_SUBDEV_ENUM_FRAME_INTERVAL, fie, "subdev enum frame size",
+                 [&intervals](const v4l2_subdev_frame_interval_enum& answer) {
+                     intervals.emplace_back(answer.interval.numerator, answer.interval.denominator);
+                 });
     return intervals;
 }
 

@@ -27,7 +27,7 @@ constexpr char kTag[] = "marlo_v4l2";
 /* A trace section that is only opened while the camera tag is enabled. */
 class TraceSection {
   public:
-    explicit TraceSection(const char* name) : enabled_(CameraTraceEnabled()) {
+    explicit TraceSection(const char* name) : TraceSection(CameraTraceEnabled()) {
         if (enabled_)
             atrace_begin_body(name);
     }
@@ -38,15 +38,18 @@ class TraceSection {
     TraceSection(const TraceSection&) = delete;
     TraceSection& operator=(const TraceSection&) = delete;
 
-  private:
-    bool enabled_;
+  protected:
+    /* Opens nothing: the caller begins the section when \a enabled. */
+    explicit TraceSection(bool enabled) : enabled_(enabled) {}
+
+    const bool enabled_;
 };
 
 /* Like TraceSection, with a printf-style name formatted only when tracing. */
-class FormattedTraceSection {
+class FormattedTraceSection : public TraceSection {
   public:
     FormattedTraceSection(const char* fmt, ...) __attribute__((__format__(printf, 2, 3)))
-    : enabled_(CameraTraceEnabled()) {
+    : TraceSection(CameraTraceEnabled()) {
         if (!enabled_)
             return;
         va_list args;
@@ -54,16 +57,37 @@ class FormattedTraceSection {
         detail::BeginFormattedTrace(fmt, args);
         va_end(args);
     }
-    ~FormattedTraceSection() {
-        if (enabled_)
-            atrace_end_body();
-    }
-    FormattedTraceSection(const FormattedTraceSection&) = delete;
-    FormattedTraceSection& operator=(const FormattedTraceSection&) = delete;
-
-  private:
-    bool enabled_;
 };
+
+/*
+ * Maps one plane of a buffer of \a device for the CPU; null after logging
+ * when the mapping fails.
+ */
+void* MapPlane(const V4l2Device& device, size_t length, uint32_t offset) {
+    void* addr = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, device.Fd(), offset);
+    if (addr != MAP_FAILED)
+        return addr;
+    marlo_log(MARLO_LOG_ERROR, kTag, "%s: mmap bufffer failed : %s\n", device.Name().c_str(),
+              strerror(errno));
+    return nullptr;
+}
+
+/*
+ * Every record \a request answers for index 0, 1, ... until the driver
+ * refuses; each request starts from a copy of \a first.
+ */
+template <typename Record>
+std::list<Record> EnumerateAll(V4l2Device& device, unsigned request, const Record& first) {
+    std::list<Record> records;
+    for (uint32_t index = 0;; ++index) {
+        Record record = first;
+        record.index = index;
+        if (device.IoCtl(request, &record) < 0)
+            break;
+        records.push_back(record);
+    }
+    return records;
+}
 
 }  // namespace
 
@@ -151,15 +175,27 @@ void V4l2Buffer::SetDmaFd(int fd, unsigned plane) {
 V4l2VideoDevice::V4l2VideoDevice(const std::string& path) : V4l2Device(path) {}
 
 V4l2VideoDevice::~V4l2VideoDevice() {
-    while (!queued_buffers_.empty())
-        queued_buffers_.pop_back();
-    while (!unqueued_buffers_.empty())
-        unqueued_buffers_.pop_back();
+    /* Nothing else can reach the lists any more. */
+    ClearBuffersLocked();
 }
 
 bool V4l2VideoDevice::IsMultiPlanar() const {
     return buffer_type_ == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE ||
            buffer_type_ == V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
+}
+
+void V4l2VideoDevice::AttachPlanes(v4l2_buffer& record, v4l2_plane* planes) const {
+    if (IsMultiPlanar()) {
+        record.m.planes = planes;
+        record.length = num_planes_;
+    }
+}
+
+void V4l2VideoDevice::PrepareRecord(v4l2_buffer& record, v4l2_plane* planes) const {
+    record.type = buffer_type_;
+    record.memory = memory_type_;
+    record.flags = buffer_flags_;
+    AttachPlanes(record, planes);
 }
 
 void V4l2VideoDevice::Close() {
@@ -222,12 +258,9 @@ int V4l2VideoDevice::ReqBuffer(unsigned count, unsigned memory) {
     /* Pre-set on purpose; the driver overwrites it with what it supports. */
     req.capabilities =
         memory == V4L2_MEMORY_MMAP ? V4L2_BUF_CAP_SUPPORTS_MMAP : V4L2_BUF_CAP_SUPPORTS_DMABUF;
-    if (IoCtl(VIDIOC_REQBUFS, &req) < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: request bufffer failed : %s\n", name_.c_str(),
-                  strerror(errno));
-        /* Callers compare the answer with the count they asked for. */
+    /* Callers compare the answer with the count they asked for. */
+    if (Request(VIDIOC_REQBUFS, &req, "request bufffer", true) < 0)
         return -1;
-    }
 
     memory_type_ = memory;
     num_buffers_ = req.count;
@@ -251,20 +284,11 @@ int V4l2VideoDevice::QueryBuffer() {
         struct v4l2_buffer record = {};
         struct v4l2_plane planes[VIDEO_MAX_PLANES] = {};
         record.index = index;
-        record.type = buffer_type_;
-        record.memory = memory_type_;
-        record.flags = buffer_flags_;
-        if (multiPlanar) {
-            record.m.planes = planes;
-            record.length = num_planes_;
-        }
+        PrepareRecord(record, planes);
 
-        int ret = IoCtl(VIDIOC_QUERYBUF, &record);
-        if (ret < 0) {
-            marlo_log(MARLO_LOG_ERROR, kTag, "%s: query bufffer failed : %s\n", name_.c_str(),
-                      strerror(errno));
+        int ret = Request(VIDIOC_QUERYBUF, &record, "query bufffer", true);
+        if (ret < 0)
             return ret;
-        }
 
         /* A multi-planar buffer keeps its own copy of this call's plane array. */
         auto buffer = std::make_unique<V4l2Buffer>(this, record);
@@ -273,25 +297,16 @@ int V4l2VideoDevice::QueryBuffer() {
             for (uint32_t p = 0; p < num_planes_ && p < VIDEO_MAX_PLANES; ++p) {
                 if (memory_type_ != V4L2_MEMORY_MMAP)
                     continue;
-                void* addr = mmap(nullptr, planes[p].length, PROT_READ | PROT_WRITE, MAP_SHARED,
-                                  fd_.get(), planes[p].m.mem_offset);
-                if (addr == MAP_FAILED) {
-                    /* The buffer is kept with this plane unmapped. */
-                    marlo_log(MARLO_LOG_ERROR, kTag, "%s: mmap bufffer failed : %s\n",
-                              name_.c_str(), strerror(errno));
-                    continue;
-                }
-                buffer->SetMapAddr(addr, planes[p].length, p);
+                /* A plane that fails to map stays unmapped; the buffer is kept. */
+                void* addr = MapPlane(*this, planes[p].length, planes[p].m.mem_offset);
+                if (addr)
+                    buffer->SetMapAddr(addr, planes[p].length, p);
             }
         } else if (memory_type_ == V4L2_MEMORY_MMAP) {
-            void* addr = mmap(nullptr, record.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd_.get(),
-                              record.m.offset);
-            if (addr == MAP_FAILED) {
-                /* Unlike the multi-planar case, a single-planar buffer is dropped. */
-                marlo_log(MARLO_LOG_ERROR, kTag, "%s: mmap bufffer failed : %s\n", name_.c_str(),
-                          strerror(errno));
+            void* addr = MapPlane(*this, record.length, record.m.offset);
+            /* Unlike the multi-planar case, a single-planar buffer is dropped. */
+            if (!addr)
                 continue;
-            }
             buffer->SetMapAddr(addr, record.length, 0);
         }
 
@@ -367,10 +382,7 @@ std::unique_ptr<V4l2Buffer> V4l2VideoDevice::DequeBuffer() {
     struct v4l2_buffer record = {};
     struct v4l2_plane planes[VIDEO_MAX_PLANES] = {};
     record.type = buffer_type_;
-    if (IsMultiPlanar()) {
-        record.m.planes = planes;
-        record.length = num_planes_;
-    }
+    AttachPlanes(record, planes);
 
     int ret = IoCtl(VIDIOC_DQBUF, &record);
     if (ret < 0) {
@@ -411,13 +423,7 @@ int V4l2VideoDevice::QueueBuffer(std::unique_ptr<V4l2Buffer> buffer) {
     const bool multiPlanar = IsMultiPlanar();
     struct v4l2_plane planes[VIDEO_MAX_PLANES] = {};
     v4l2_buffer* record = buffer->GetBuffer();
-    record->type = buffer_type_;
-    record->memory = memory_type_;
-    record->flags = buffer_flags_;
-    if (multiPlanar) {
-        record->m.planes = planes;
-        record->length = num_planes_;
-    }
+    PrepareRecord(*record, planes);
 
     const uint32_t planeCount = multiPlanar ? std::min<uint32_t>(num_planes_, VIDEO_MAX_PLANES) : 1;
     if (memory_type_ == V4L2_MEMORY_DMABUF) {
@@ -467,25 +473,15 @@ int V4l2VideoDevice::QueueBuffer(std::unique_ptr<V4l2Buffer> buffer) {
 
 int V4l2VideoDevice::StreamOn() {
     int type = static_cast<int>(buffer_type_);
-    int ret = IoCtl(VIDIOC_STREAMON, &type);
-    if (ret < 0) {
-        /* Kept for the caller, which reports why the device refused. */
-        int err = errno;
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: stream on failed : %s\n", name_.c_str(),
-                  strerror(err));
-        errno = err;
-    }
-    return ret;
+    /* errno is kept for the caller, which reports why the device refused. */
+    return Request(VIDIOC_STREAMON, &type, "stream on", true);
 }
 
 int V4l2VideoDevice::StreamOff() {
     int type = static_cast<int>(buffer_type_);
-    int ret = IoCtl(VIDIOC_STREAMOFF, &type);
-    if (ret < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: stream off failed : %s\n", name_.c_str(),
-                  strerror(errno));
+    int ret = Request(VIDIOC_STREAMOFF, &type, "stream off", true);
+    if (ret < 0)
         return ret;
-    }
 
     /* The driver gives every buffer back at stream off. */
     std::scoped_lock lock(unqueued_mutex_, queued_mutex_);
@@ -505,13 +501,14 @@ int V4l2VideoDevice::StreamOff() {
 int V4l2VideoDevice::GetFormat(V4l2Format& format) {
     struct v4l2_format fmt = {};
     fmt.type = buffer_type_;
-    int ret = IoCtl(VIDIOC_G_FMT, &fmt);
-    if (ret < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: get fmt failed : %s\n", name_.c_str(),
-                  strerror(errno));
+    int ret = Request(VIDIOC_G_FMT, &fmt, "get fmt", true);
+    if (ret < 0)
         return ret;
-    }
+    CopyFormatAnswer(fmt, format);
+    return OK;
+}
 
+void V4l2VideoDevice::CopyFormatAnswer(const v4l2_format& fmt, V4l2Format& format) const {
     /* Plane sizes are not copied, nor the plane count of single-planar nodes. */
     if (IsMultiPlanar()) {
         format.fourcc = fmt.fmt.pix_mp.pixelformat;
@@ -528,7 +525,6 @@ int V4l2VideoDevice::GetFormat(V4l2Format& format) {
         format.colorSpace = fmt.fmt.pix.colorspace;
         format.planes[0].bpl = fmt.fmt.pix.bytesperline;
     }
-    return OK;
 }
 
 int V4l2VideoDevice::SetFormat(const V4l2Format& format) {
@@ -553,10 +549,7 @@ int V4l2VideoDevice::SetFormat(const V4l2Format& format) {
         fmt.fmt.pix.colorspace = format.colorSpace;
     }
 
-    int ret = IoCtl(VIDIOC_S_FMT, &fmt);
-    if (ret < 0)
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: set fmt failed : %s\n", name_.c_str(),
-                  strerror(errno));
+    int ret = Request(VIDIOC_S_FMT, &fmt, "set fmt", true);
     /* Taken from the answer even after a failure. */
     if (multiPlanar)
         num_planes_ = fmt.fmt.pix_mp.num_planes;
@@ -567,23 +560,13 @@ int V4l2VideoDevice::SetFormat(const V4l2Format& format) {
 
 void V4l2VideoDevice::RememberGrantedFormat(const v4l2_format& fmt) {
     granted_format_ = {};
+    CopyFormatAnswer(fmt, granted_format_);
+    /* What was granted also keeps the plane sizes and a single plane's count. */
     if (IsMultiPlanar()) {
-        granted_format_.fourcc = fmt.fmt.pix_mp.pixelformat;
-        granted_format_.width = fmt.fmt.pix_mp.width;
-        granted_format_.height = fmt.fmt.pix_mp.height;
-        granted_format_.colorSpace = fmt.fmt.pix_mp.colorspace;
-        granted_format_.planesCount = fmt.fmt.pix_mp.num_planes;
-        for (uint32_t p = 0; p < fmt.fmt.pix_mp.num_planes && p < VIDEO_MAX_PLANES; ++p) {
-            granted_format_.planes[p].bpl = fmt.fmt.pix_mp.plane_fmt[p].bytesperline;
+        for (uint32_t p = 0; p < fmt.fmt.pix_mp.num_planes && p < VIDEO_MAX_PLANES; ++p)
             granted_format_.planes[p].size = fmt.fmt.pix_mp.plane_fmt[p].sizeimage;
-        }
     } else {
-        granted_format_.fourcc = fmt.fmt.pix.pixelformat;
-        granted_format_.width = fmt.fmt.pix.width;
-        granted_format_.height = fmt.fmt.pix.height;
-        granted_format_.colorSpace = fmt.fmt.pix.colorspace;
         granted_format_.planesCount = 1;
-        granted_format_.planes[0].bpl = fmt.fmt.pix.bytesperline;
         granted_format_.planes[0].size = fmt.fmt.pix.sizeimage;
     }
 }
@@ -596,29 +579,23 @@ int V4l2VideoDevice::GrantedFormat(V4l2Format& format) const {
 }
 
 int V4l2VideoDevice::GetFrameInterval(v4l2_fract& interval) {
-    struct v4l2_streamparm parm = {};
-    parm.type = buffer_type_;
-    int ret = IoCtl(VIDIOC_G_PARM, &parm);
-    if (ret < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: get parm failed : %s\n", name_.c_str(),
-                  strerror(errno));
-        return ret;
-    }
-    interval = parm.parm.capture.timeperframe;
-    return OK;
+    return ExchangeFrameInterval(VIDIOC_G_PARM, "get parm", nullptr, interval);
 }
 
 int V4l2VideoDevice::SetFrameInterval(v4l2_fract& interval) {
+    return ExchangeFrameInterval(VIDIOC_S_PARM, "set parm", &interval, interval);
+}
+
+int V4l2VideoDevice::ExchangeFrameInterval(unsigned request, const char* what,
+                                           const v4l2_fract* asked, v4l2_fract& answer) {
     struct v4l2_streamparm parm = {};
     parm.type = buffer_type_;
-    parm.parm.capture.timeperframe = interval;
-    int ret = IoCtl(VIDIOC_S_PARM, &parm);
-    if (ret < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: set parm failed : %s\n", name_.c_str(),
-                  strerror(errno));
+    if (asked)
+        parm.parm.capture.timeperframe = *asked;
+    int ret = Request(request, &parm, what, true);
+    if (ret < 0)
         return ret;
-    }
-    interval = parm.parm.capture.timeperframe;
+    answer = parm.parm.capture.timeperframe;
     return OK;
 }
 
@@ -635,13 +612,9 @@ int V4l2VideoDevice::GetSelection(unsigned target, V4l2Rect& rect) {
     struct v4l2_selection sel = {};
     sel.type = buffer_type_;
     sel.target = target;
-    int ret = IoCtl(VIDIOC_G_SELECTION, &sel);
-    if (ret < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: get sel failed : %s\n", name_.c_str(),
-                  strerror(errno));
-        return ret;
-    }
-    memcpy(&rect, &sel.r, sizeof(rect));
+    int ret = Request(VIDIOC_G_SELECTION, &sel, "get sel", true);
+    if (ret == 0)
+        memcpy(&rect, &sel.r, sizeof(rect));
     return ret;
 }
 
@@ -651,49 +624,28 @@ int V4l2VideoDevice::SetSelection(unsigned target, const V4l2Rect& rect) {
     sel.target = target;
     sel.flags = 0;
     memcpy(&sel.r, &rect, sizeof(sel.r));
-    int ret = IoCtl(VIDIOC_S_SELECTION, &sel);
-    if (ret < 0)
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: set sel failed : %s\n", name_.c_str(),
-                  strerror(errno));
-    return ret;
+    return Request(VIDIOC_S_SELECTION, &sel, "set sel", true);
 }
 
 std::list<v4l2_fmtdesc> V4l2VideoDevice::EnumFormats() {
-    std::list<v4l2_fmtdesc> formats;
-    for (uint32_t index = 0;; ++index) {
-        struct v4l2_fmtdesc desc = {};
-        desc.index = index;
-        desc.type = buffer_type_;
-        if (IoCtl(VIDIOC_ENUM_FMT, &desc) < 0)
-            break;
-        formats.push_back(desc);
-    }
-    return formats;
+    struct v4l2_fmtdesc desc = {};
+    desc.type = buffer_type_;
+    return EnumerateAll(*this, VIDIOC_ENUM_FMT, desc);
 }
 
 std::list<v4l2_frmsizeenum> V4l2VideoDevice::EnumFrameSizes(unsigned fourcc) {
-    std::list<v4l2_frmsizeenum> sizes;
-    for (uint32_t index = 0;; ++index) {
-        struct v4l2_frmsizeenum size = {};
-        size.index = index;
-        size.pixel_format = fourcc;
-        if (IoCtl(VIDIOC_ENUM_FRAMESIZES, &size) < 0)
-            break;
-        sizes.push_back(size);
-    }
-    return sizes;
+    struct v4l2_frmsizeenum size = {};
+    size.pixel_format = fourcc;
+    return EnumerateAll(*this, VIDIOC_ENUM_FRAMESIZES, size);
 }
 
 int V4l2VideoDevice::GetFrameSizeRange(unsigned fourcc, V4l2FrameSizeRange& range) {
     struct v4l2_frmsizeenum size = {};
     size.index = 0;
     size.pixel_format = fourcc;
-    int ret = IoCtl(VIDIOC_ENUM_FRAMESIZES, &size);
-    if (ret < 0) {
-        marlo_log(MARLO_LOG_ERROR, kTag, "%s: enum frame sizes failed : %s\n", name_.c_str(),
-                  strerror(errno));
+    int ret = Request(VIDIOC_ENUM_FRAMESIZES, &size, "enum frame sizes", true);
+    if (ret < 0)
         return ret;
-    }
     if (size.type == V4L2_FRMSIZE_TYPE_DISCRETE) {
         range.minWidth = range.maxWidth = size.discrete.width;
         range.minHeight = range.maxHeight = size.discrete.height;

@@ -49,7 +49,7 @@ class GrallocFrameBufferAllocator : public FrameBufferAllocator {
 };
 
 /* Placeholder: every operation does nothing and succeeds; Map gives null. */
-class V4l2FrameBufferAllocator : public FrameBufferAllocator {
+class InertFrameBufferAllocator : public FrameBufferAllocator {
   public:
     int Allocate(FrameBufferInfo& info, FrameBuffer** out) override;
     int Free(FrameBuffer* fb) override;
@@ -57,13 +57,10 @@ class V4l2FrameBufferAllocator : public FrameBufferAllocator {
     int UnMap(FrameBuffer* fb) override;
 };
 
-/* Placeholder: every operation does nothing and succeeds; Map gives null. */
-class DrmFrameBufferAllocator : public FrameBufferAllocator {
-  public:
-    int Allocate(FrameBufferInfo& info, FrameBuffer** out) override;
-    int Free(FrameBuffer* fb) override;
-    void* Map(FrameBuffer* fb) override;
-    int UnMap(FrameBuffer* fb) override;
-};
+/* The allocator of V4L2 buffers: a placeholder for now. */
+class V4l2FrameBufferAllocator : public InertFrameBufferAllocator {};
+
+/* The allocator of DRM buffers: a placeholder for now. */
+class DrmFrameBufferAllocator : public InertFrameBufferAllocator {};
 
 }  // namespace tessaro::marlo

@@ -137,6 +137,10 @@ class NaxImageOperator {
     void releaseHandle(uint32_t handle) const;
     /* Releases the handles of one job unless the cache keeps them. */
     void releaseUncached(uint32_t first, uint32_t second) const;
+    /* Checks \a entry, imports both buffers, runs \a job on them and releases them. */
+    template <typename Entry, typename Job>
+    int runJob(Entry entry, const char* name, const ImageBuffer& src, const ImageBuffer& dst,
+               Job&& job) const;
 
     std::unique_ptr<HandleCache> cache_;
 

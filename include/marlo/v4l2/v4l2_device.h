@@ -40,6 +40,19 @@ class V4l2Device {
 
     /* Issues \a request, retrying on EINTR: 0 on success, -2 on failure. */
     int IoCtl(unsigned request, void* arg);
+    /*
+     * IoCtl that also logs "<what> failed : <system error>" when the request
+     * fails, led by "<node name>: " when \a named. errno stays the request's.
+     */
+    int Request(unsigned request, void* arg, const char* what, bool named);
+    /*
+     * The failure line of Request, for \a err: "<what> failed : <system
+     * error>", led by "<node name>: " when \a named.
+     */
+    void LogFailure(const char* what, bool named, int err) const;
+    /* Refuses a call that was given no place for its answer: EINVAL's line, ERR_INVALID_ARGUMENT.
+     */
+    int RefuseMissingOutput(const char* what) const;
 
     int QueryCap();
     int SubscribeEvent(V4l2EventSubscription& sub);

@@ -183,6 +183,18 @@ class V4l2VideoDevice : public V4l2Device {
     /* Destroys every buffer of both lists; both list mutexes are held. */
     void ClearBuffersLocked();
     void RememberGrantedFormat(const v4l2_format& fmt);
+    /* Copies the driver's format answer into \a format, as GetFormat reports it. */
+    void CopyFormatAnswer(const v4l2_format& fmt, V4l2Format& format) const;
+    /* Points a multi-planar \a record at \a planes, for num_planes_ planes. */
+    void AttachPlanes(v4l2_buffer& record, v4l2_plane* planes) const;
+    /* Fills the type, memory and flags of a buffer \a record, and attaches \a planes. */
+    void PrepareRecord(v4l2_buffer& record, v4l2_plane* planes) const;
+    /*
+     * One G_PARM or S_PARM exchange: sends \a asked when given, and stores
+     * the interval the driver answers in \a answer.
+     */
+    int ExchangeFrameInterval(unsigned request, const char* what, const v4l2_fract* asked,
+                              v4l2_fract& answer);
 
     uint32_t memory_type_ = V4L2_MEMORY_MMAP;
     v4l2_capability caps_ = {};
