@@ -144,10 +144,7 @@ void IoThread::OnWakeup(int fd, unsigned int events) {
     // Error level on purpose: seen with the default log level.
     marlo_log(MARLO_LOG_ERROR, kTag, "Wakeup IO thread fd(%d) ev(%u) !!", fd, events);
     uint64_t value = 0;
-    ssize_t ret;
-    do {
-        ret = read(fd, &value, sizeof(value));
-    } while (ret < 0 && errno == EINTR);
+    ssize_t ret = TEMP_FAILURE_RETRY(read(fd, &value, sizeof(value)));
     if (ret != static_cast<ssize_t>(sizeof(value)))
         marlo_log(MARLO_LOG_WARN, kTag, "Read wakeup event failed ret %d error: %s!!",
                   static_cast<int>(ret), strerror(errno));
@@ -199,10 +196,7 @@ void IoThread::Stop() {
         marlo_log(MARLO_LOG_WARN, kTag, "Try to wakeup IO thread to stop it, fd(%d) !!",
                   wakeup_.get());
         uint64_t value = 1;
-        ssize_t ret;
-        do {
-            ret = write(wakeup_.get(), &value, sizeof(value));
-        } while (ret < 0 && errno == EINTR);
+        ssize_t ret = TEMP_FAILURE_RETRY(write(wakeup_.get(), &value, sizeof(value)));
         if (ret != static_cast<ssize_t>(sizeof(value)))
             marlo_log(MARLO_LOG_WARN, kTag, "write wakeup event failed ret %d error: %s!!",
                       static_cast<int>(ret), strerror(errno));
