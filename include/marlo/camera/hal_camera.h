@@ -194,7 +194,7 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
     std::atomic<int32_t> granted_format_{0};
     /* Whether the 2D engine converts what the device captures (camera mutex). */
     bool format_convertible_ MARLO_GUARDED_BY(camera_mutex_) = true;
-    /* The client's asked frame rate (camera mutex). */
+    /* The client's asked frame rate; recovery reads it on the IO thread. */
     std::atomic<float> frame_rate_{0};
     /* The frame interval the device runs at, microseconds (0 unknown). */
     std::atomic<uint32_t> frame_interval_us_{0};
