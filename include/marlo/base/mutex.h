@@ -9,7 +9,9 @@
  *   ConditionVariable  a std::condition_variable waiting on a MutexLocker.
  *
  * Every member a Mutex protects is marked MARLO_GUARDED_BY(that mutex), and
- * every function that expects it held MARLO_REQUIRES(that mutex).
+ * every function that expects it held MARLO_REQUIRES(that mutex). Such a
+ * function may unlock() the mutex and lock() it again before it returns
+ * (to wait for a thread that takes it): the caller's locker still owns it.
  */
 #ifndef MARLO_BASE_MUTEX_H
 #define MARLO_BASE_MUTEX_H
@@ -18,7 +20,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "marlo/base/thread_annotations.h"
+#include <marlo/base/thread_annotations.h>
 
 namespace tessaro::marlo {
 
