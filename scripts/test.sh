@@ -8,8 +8,10 @@
 # Always: the arm64 cross build (release) with its unit suites and its
 # real-kernel bench inside an emulated arm64 machine (MARLO_ARM64_TESTS=0
 # skips them outside CI), the vendor build's checks (Android.bp formatting,
-# a clang build with -Wthread-safety), the release build's suites and, last,
-# the release build's real-kernel suites in a QEMU machine (tests/vm/run.sh).
+# a clang build with -Wthread-safety, whose configure step proves that the
+# analysis rejects code that breaks a lock rule), the release build's suites
+# and, last, the release build's real-kernel suites in a QEMU machine
+# (tests/vm/run.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -71,7 +73,7 @@ if [ "$ARM64" = "1" ]; then
     phase arm64-bench
 fi
 
-echo "== vendor build checks: Android.bp format, clang with -Wthread-safety =="
+echo "== vendor build checks: Android.bp format, clang with -Wthread-safety (its configure proves the analysis bites) =="
 bpfmt_diff=$(bpfmt -d Android.bp)
 if [ -n "$bpfmt_diff" ]; then
     echo "$bpfmt_diff"

@@ -20,7 +20,7 @@ int32_t CachedProperty::get() {
 }
 
 int32_t CachedProperty::refresh() {
-    std::lock_guard<std::mutex> lock(refreshMutex_);
+    MutexLocker lock(refreshMutex_);
     const prop_info* info = info_.load(std::memory_order_acquire);
     if (info == nullptr) {
         info = __system_property_find(name_);

@@ -15,7 +15,8 @@
 #include <sys/system_properties.h>
 
 #include <atomic>
-#include <mutex>
+
+#include <marlo/base/mutex.h>
 
 namespace tessaro::marlo::detail {
 
@@ -38,7 +39,7 @@ class CachedProperty {
         return static_cast<uint64_t>(serial) << 32 | static_cast<uint32_t>(value);
     }
     uint32_t currentSerial(const prop_info* info) const;
-    int32_t refresh();
+    int32_t refresh() MARLO_EXCLUDES(refreshMutex_);
 
     const char* name_;
     Reader reader_;
@@ -47,7 +48,7 @@ class CachedProperty {
     std::atomic<bool> valid_{false};
     std::atomic<uint64_t> cached_{0};
     /* Serialises refreshes, so the last one stored read the newest value. */
-    std::mutex refreshMutex_;
+    Mutex refreshMutex_;
 };
 
 }  // namespace tessaro::marlo::detail

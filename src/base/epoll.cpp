@@ -36,7 +36,7 @@ int Epoll::RegisterHandler(int fd, Handler handler, uint32_t events, Handler err
 
     auto event =
         std::make_shared<Event>(Event{fd, events, std::move(handler), std::move(errorHandler)});
-    std::lock_guard<std::mutex> lock(handlers_mutex_);
+    MutexLocker lock(handlers_mutex_);
     if (handlers_.count(fd) != 0) {
         marlo_log(MARLO_LOG_ERROR, kTag, "Cannot specify two epoll handlers for a given FD %d", fd);
         return ERR_INVALID_ARGUMENT;
@@ -56,7 +56,7 @@ int Epoll::RegisterHandler(int fd, Handler handler, uint32_t events, Handler err
 }
 
 int Epoll::UnregisterHandler(int fd) {
-    std::lock_guard<std::mutex> lock(handlers_mutex_);
+    MutexLocker lock(handlers_mutex_);
     auto it = handlers_.find(fd);
     if (it != handlers_.end() && it->second->parked) {
         handlers_.erase(it);
@@ -78,7 +78,7 @@ int Epoll::UnregisterHandler(int fd) {
 }
 
 int Epoll::Park(int fd) {
-    std::lock_guard<std::mutex> lock(handlers_mutex_);
+    MutexLocker lock(handlers_mutex_);
     auto it = handlers_.find(fd);
     if (it == handlers_.end()) {
         marlo_log(MARLO_LOG_ERROR, kTag, "Cannot park fd(%d) without an existing handler", fd);
@@ -104,7 +104,7 @@ std::vector<std::shared_ptr<Epoll::Event>> Epoll::Wait(int timeout) {
     // One slot per handler: a handler is reported at most once per wait.
     size_t slots;
     {
-        std::lock_guard<std::mutex> lock(handlers_mutex_);
+        MutexLocker lock(handlers_mutex_);
         slots = handlers_.size();
     }
     std::vector<struct epoll_event> events(slots);
@@ -118,7 +118,7 @@ std::vector<std::shared_ptr<Epoll::Event>> Epoll::Wait(int timeout) {
     }
 
     ready.reserve(count);
-    std::lock_guard<std::mutex> lock(handlers_mutex_);
+    MutexLocker lock(handlers_mutex_);
     for (int i = 0; i < count; ++i) {
         const int fd = events[i].data.fd;
         auto it = handlers_.find(fd);

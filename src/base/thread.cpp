@@ -101,7 +101,7 @@ void Thread::launch(std::function<void()> function) {
 }
 
 void Thread::Finish(State& state) {
-    std::lock_guard<std::mutex> lock(state.mutex);
+    MutexLocker lock(state.mutex);
     state.stopped = true;
     state.cond.notify_all();
 }
@@ -109,13 +109,14 @@ void Thread::Finish(State& state) {
 void Thread::stop() {
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(g_stop_timeout_ms.load());
-    std::unique_lock<std::mutex> lock(state_->mutex);
-    if (!state_->cond.wait_until(lock, deadline, [this] { return state_->stopped; }))
+    MutexLocker lock(state_->mutex);
+    if (!state_->cond.wait_until(
+            lock, deadline, [this]() MARLO_REQUIRES(state_->mutex) { return state_->stopped; }))
         marlo_log(MARLO_LOG_FATAL, kTag, "wait thread stop timeout!!");
 }
 
 bool Thread::stopped() {
-    std::lock_guard<std::mutex> lock(state_->mutex);
+    MutexLocker lock(state_->mutex);
     return state_->stopped;
 }
 

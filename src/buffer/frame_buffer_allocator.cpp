@@ -2,6 +2,7 @@
 
 #include <marlo/base/error.h>
 #include <marlo/base/logger.h>
+#include <marlo/base/mutex.h>
 
 #include <android/hardware/graphics/mapper/4.0/IMapper.h>
 #include <cutils/native_handle.h>
@@ -15,7 +16,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <mutex>
 
 #include "buffer/gralloc_metadata.h"
 #include "buffer/pixel_format_tables.h"
@@ -48,8 +48,8 @@ void get_share_fd(const native_handle* handle, int* fd) {
     marlo_log(MARLO_LOG_ERROR, kTag, " buffer:%p", handle);
 
     // Scope guard only: each call has its own mutex, so it excludes nothing.
-    std::mutex mutex;
-    std::lock_guard<std::mutex> guard(mutex);
+    Mutex mutex;
+    MutexLocker guard(mutex);
 
     android::sp<IMapper> mapper = MapperService();
     if (!mapper) {

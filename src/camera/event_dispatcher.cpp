@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <marlo/base/logger.h>
+#include <marlo/base/mutex.h>
 
 namespace tessaro::marlo::detail {
 
@@ -54,7 +55,7 @@ void EventListenerSlot::Post(const std::shared_ptr<EventListenerSlot>& slot, Str
 void EventListenerSlot::deliver(const StreamEvent& event) {
     StreamEventListener listener;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLocker lock(mutex_);
         if (closed_ || !listener_)
             return;
         delivering_ = true;
@@ -64,7 +65,7 @@ void EventListenerSlot::deliver(const StreamEvent& event) {
     listener(event);
     /* The copy may own the client's state: gone before the slot says it is idle. */
     listener = nullptr;
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLocker lock(mutex_);
     delivering_ = false;
     idle_.notify_all();
 }
@@ -72,13 +73,13 @@ void EventListenerSlot::deliver(const StreamEvent& event) {
 void EventListenerSlot::close() {
     StreamEventListener old;
     {
-        std::unique_lock<std::mutex> lock(mutex_);
+        MutexLocker lock(mutex_);
         if (closed_)
             return;
         closed_ = true;
         /* A listener closing its own slot cannot wait for itself. */
         if (deliverer_ != std::this_thread::get_id())
-            idle_.wait(lock, [this] { return !delivering_; });
+            idle_.wait(lock, [this]() MARLO_REQUIRES(mutex_) { return !delivering_; });
         std::swap(old, listener_);
     }
     /* The client's callable is destroyed outside every lock. */
@@ -98,7 +99,7 @@ EventDispatcher& EventDispatcher::Instance() {
 EventDispatcher::~EventDispatcher() {
     std::vector<std::thread> threads;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLocker lock(mutex_);
         shutdown_ = true;
         g_dispatcher_gone = true;
         wake_.notify_all();
@@ -118,7 +119,7 @@ EventDispatcher::~EventDispatcher() {
 }
 
 void EventDispatcher::post(std::shared_ptr<EventListenerSlot> slot, StreamEvent event) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLocker lock(mutex_);
     if (!running_)
         return;
     queue_.emplace_back(
@@ -130,7 +131,7 @@ void EventDispatcher::runLater(std::function<void()> task) {
     /* The thread runs at least until the task is done. */
     retain();
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLocker lock(mutex_);
         if (running_) {
             queue_.emplace_back([this, task = std::move(task)]() mutable {
                 task();
@@ -150,11 +151,11 @@ void EventDispatcher::runLater(std::function<void()> task) {
 void EventDispatcher::retain() {
     std::vector<std::thread> ended;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLocker lock(mutex_);
         ++slots_;
         if (running_ || shutdown_)
             return;
-        ended = takeFinishedLocked();
+        ended = takeFinished();
         uint64_t generation = ++generation_;
         try {
             thread_ = std::thread([this, generation] {
@@ -175,7 +176,7 @@ void EventDispatcher::retain() {
 void EventDispatcher::release() {
     std::thread ending;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLocker lock(mutex_);
         if (slots_ > 0)
             --slots_;
         if (slots_ != 0 || !running_)
@@ -196,11 +197,11 @@ void EventDispatcher::release() {
 }
 
 bool EventDispatcher::onDispatcherThread() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLocker lock(mutex_);
     return running_ && thread_.get_id() == std::this_thread::get_id();
 }
 
-std::vector<std::thread> EventDispatcher::takeFinishedLocked() {
+std::vector<std::thread> EventDispatcher::takeFinished() {
     std::vector<std::thread> ended;
     for (auto it = finished_.begin(); it != finished_.end();) {
         /* A thread cannot join itself: it stays for a later call. */
@@ -215,9 +216,11 @@ std::vector<std::thread> EventDispatcher::takeFinishedLocked() {
 }
 
 void EventDispatcher::run(uint64_t generation) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    MutexLocker lock(mutex_);
     for (;;) {
-        wake_.wait(lock, [&] { return !queue_.empty() || generation_ != generation || shutdown_; });
+        wake_.wait(lock, [&]() MARLO_REQUIRES(mutex_) {
+            return !queue_.empty() || generation_ != generation || shutdown_;
+        });
         if (generation_ != generation || shutdown_)
             return;
         std::function<void()> task = std::move(queue_.front());

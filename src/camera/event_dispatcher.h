@@ -16,16 +16,15 @@
 
 #include <stdint.h>
 
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include <marlo/base/mutex.h>
 #include <marlo/camera/stream_event.h>
 
 namespace tessaro::marlo::detail {
@@ -60,12 +59,12 @@ class EventListenerSlot {
     /* Calls the listener on the dispatcher thread, unless the slot is closed. */
     void deliver(const StreamEvent& event);
 
-    std::mutex mutex_;
-    std::condition_variable idle_;
-    StreamEventListener listener_;
-    bool closed_ = false;
-    bool delivering_ = false;
-    std::thread::id deliverer_;
+    Mutex mutex_;
+    ConditionVariable idle_;
+    StreamEventListener listener_ MARLO_GUARDED_BY(mutex_);
+    bool closed_ MARLO_GUARDED_BY(mutex_) = false;
+    bool delivering_ MARLO_GUARDED_BY(mutex_) = false;
+    std::thread::id deliverer_ MARLO_GUARDED_BY(mutex_);
 };
 
 class EventDispatcher {
@@ -92,18 +91,18 @@ class EventDispatcher {
     /* The loop of one thread; it ends when the generation moves on. */
     void run(uint64_t generation);
     /* Threads told to end that the caller may join (never itself). */
-    std::vector<std::thread> takeFinishedLocked();
+    std::vector<std::thread> takeFinished() MARLO_REQUIRES(mutex_);
 
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::deque<std::function<void()>> queue_;
-    size_t slots_ = 0;
-    bool running_ = false;
-    bool shutdown_ = false;
-    uint64_t generation_ = 0;
-    std::thread thread_;
+    Mutex mutex_;
+    ConditionVariable wake_;
+    std::deque<std::function<void()>> queue_ MARLO_GUARDED_BY(mutex_);
+    size_t slots_ MARLO_GUARDED_BY(mutex_) = 0;
+    bool running_ MARLO_GUARDED_BY(mutex_) = false;
+    bool shutdown_ MARLO_GUARDED_BY(mutex_) = false;
+    uint64_t generation_ MARLO_GUARDED_BY(mutex_) = 0;
+    std::thread thread_ MARLO_GUARDED_BY(mutex_);
     /* Threads released from within a listener, joined by a later call. */
-    std::vector<std::thread> finished_;
+    std::vector<std::thread> finished_ MARLO_GUARDED_BY(mutex_);
 };
 
 }  // namespace tessaro::marlo::detail

@@ -51,16 +51,16 @@ HalCamera::~HalCamera() {
      * must not run the fan-out while the members it uses go away, so the
      * capture is stopped first.
      */
-    std::unique_lock<std::mutex> lock(camera_mutex_);
+    MutexLocker lock(camera_mutex_);
     if (capture_state_ == kCaptureRunning) {
         CAM_LOG(MARLO_LOG_WARN, "destroyed with %d streaming clients, stopping capture",
                 streaming_clients_.load());
-        stopCapture(lock, false);
+        stopCapture(false);
     }
 }
 
 bool HalCamera::clientStreamOpening(int width, int height, int format) {
-    std::lock_guard<std::mutex> lock(camera_mutex_);
+    MutexLocker lock(camera_mutex_);
     /* Later openers overwrite the geometry even though the device keeps the first one. */
     width_ = width;
     height_ = height;
@@ -113,7 +113,7 @@ int HalCamera::clientStreamStarting() {
 }
 
 int HalCamera::clientStreamStarting(VirtualCamera* starter) {
-    std::lock_guard<std::mutex> lock(camera_mutex_);
+    MutexLocker lock(camera_mutex_);
     int count = ++streaming_clients_;
     if (count < 1 || capture_state_ != kCaptureStopped) {
         /* Joining a running capture; a device being retried is told at once. */
@@ -149,10 +149,10 @@ int HalCamera::clientStreamStarting(VirtualCamera* starter) {
         }
         return ERR_FAILED;
     }
-    return startCaptureLocked(starter);
+    return startCapture(starter);
 }
 
-int HalCamera::startCaptureLocked(VirtualCamera* starter) {
+int HalCamera::startCapture(VirtualCamera* starter) {
     /* A loop stopped by a frame callback ends before anything it used changes. */
     io_thread_.JoinStopped();
     if (!hw_camera_) {
@@ -204,14 +204,14 @@ int HalCamera::startCaptureLocked(VirtualCamera* starter) {
 }
 
 void HalCamera::clientStreamEnding() {
-    std::unique_lock<std::mutex> lock(camera_mutex_);
+    MutexLocker lock(camera_mutex_);
     if (streaming_clients_ >= 1)
         --streaming_clients_;
     if (streaming_clients_ == 0 && capture_state_ == kCaptureRunning)
-        stopCapture(lock, true);
+        stopCapture(true);
 }
 
-void HalCamera::stopCapture(std::unique_lock<std::mutex>& lock, bool mayRestart) {
+void HalCamera::stopCapture(bool mayRestart) {
     /* A retry that has not begun yet does not begin: the stop is not held up by it. */
     supervisor_->requestStop();
     if (io_thread_.isCurrentThread()) {
@@ -223,9 +223,9 @@ void HalCamera::stopCapture(std::unique_lock<std::mutex>& lock, bool mayRestart)
          * running now may start or stop streams of this camera, and takes it.
          */
         capture_state_ = kCaptureStopping;
-        lock.unlock();
+        camera_mutex_.unlock();
         io_thread_.Stop();
-        lock.lock();
+        camera_mutex_.lock();
     }
     supervisor_->end();
     if (capture_fd_ >= 0) {
@@ -240,7 +240,7 @@ void HalCamera::stopCapture(std::unique_lock<std::mutex>& lock, bool mayRestart)
     if (mayRestart && streaming_clients_ > 0) {
         /* A callback started a stream while the loop ended: capture goes on for it. */
         CAM_LOG(MARLO_LOG_INFO, "a client started while capture stopped, starting again");
-        startCaptureLocked(nullptr);
+        startCapture(nullptr);
     }
 }
 
@@ -335,7 +335,7 @@ void HalCamera::applyFrameRate(V4l2Camera& hw) {
 }
 
 void HalCamera::setFrameRate(float fps) {
-    std::lock_guard<std::mutex> lock(camera_mutex_);
+    MutexLocker lock(camera_mutex_);
     frame_rate_ = fps > 0 ? fps : 0;
 }
 
@@ -367,7 +367,7 @@ void HalCamera::postToClients(StreamEvent event) {
 }
 
 void HalCamera::clientStreamclosing() {
-    std::lock_guard<std::mutex> lock(camera_mutex_);
+    MutexLocker lock(camera_mutex_);
     size_t clients = clients_.size();
     int streaming = streaming_clients_.load();
     CAM_LOG(MARLO_LOG_INFO, "Clients(%d) Streaming(%d) State(%d)", static_cast<int>(clients),
@@ -452,7 +452,7 @@ void HalCamera::DisownVirtualCamera(std::shared_ptr<VirtualCamera>& vc) {
 }
 
 int32_t HalCamera::captureState() {
-    std::lock_guard<std::mutex> lock(camera_mutex_);
+    MutexLocker lock(camera_mutex_);
     return capture_state_;
 }
 

@@ -42,7 +42,7 @@ std::vector<std::shared_ptr<HalCamera>> VirtualCamera::getHalCameras() {
 }
 
 bool VirtualCamera::openVideoStream(int width, int height, int format) {
-    std::lock_guard<std::mutex> lock(stream_mutex_);
+    MutexLocker lock(stream_mutex_);
     for (const auto& entry : hal_cameras_) {
         std::shared_ptr<HalCamera> camera = entry.second.lock();
         if (!camera) {
@@ -60,7 +60,7 @@ bool VirtualCamera::openVideoStream(int width, int height, int format) {
 }
 
 int VirtualCamera::startVideoStream(FrameCallback callback) {
-    std::lock_guard<std::mutex> lock(stream_mutex_);
+    MutexLocker lock(stream_mutex_);
     setCallback(std::move(callback));
 
     int32_t state = state_.load();
@@ -103,7 +103,7 @@ void VirtualCamera::endStartedBefore(
 }
 
 void VirtualCamera::stopVideoStream() {
-    std::lock_guard<std::mutex> lock(stream_mutex_);
+    MutexLocker lock(stream_mutex_);
     int32_t state = state_.load();
     if (state != kRunning) {
         VCAM_LOG(MARLO_LOG_ERROR, "Failed to stop video stream in state %d", state);
@@ -112,7 +112,7 @@ void VirtualCamera::stopVideoStream() {
 
     {
         /* No delivery begins once the state has left running. */
-        std::lock_guard<std::mutex> deliveryLock(delivery_mutex_);
+        MutexLocker deliveryLock(delivery_mutex_);
         state_ = kStopping;
     }
     for (const auto& entry : hal_cameras_) {
@@ -129,7 +129,7 @@ void VirtualCamera::stopVideoStream() {
     state_ = kStopped;
     setCallback(nullptr);
     {
-        std::lock_guard<std::mutex> queueLock(queue_mutex_);
+        MutexLocker queueLock(queue_mutex_);
         free_sets_.clear();
     }
     /* Every lent set is forgotten: the engine may let their memory go. */
@@ -142,7 +142,7 @@ int VirtualCamera::setFrameInfo(std::vector<std::shared_ptr<FrameBuffer>>& buffe
     /* Held before it can be used, so that no frame maps its memory. */
     holdBuffers(buffers);
     {
-        std::lock_guard<std::mutex> lock(queue_mutex_);
+        MutexLocker lock(queue_mutex_);
         free_sets_.clear();
         free_sets_.push_back(buffers);
         for (const std::shared_ptr<FrameBuffer>& buffer : buffers) {
@@ -163,7 +163,7 @@ int VirtualCamera::setFrameInfo(std::vector<std::shared_ptr<FrameBuffer>>& buffe
 void VirtualCamera::holdBuffers(const FrameSet& frames) {
     std::vector<std::shared_ptr<FrameBuffer>> missing;
     {
-        std::lock_guard<std::mutex> lock(holds_mutex_);
+        MutexLocker lock(holds_mutex_);
         for (const std::shared_ptr<FrameBuffer>& buffer : frames) {
             if (!buffer)
                 continue;
@@ -185,7 +185,7 @@ void VirtualCamera::holdBuffers(const FrameSet& frames) {
 
     std::vector<HeldBuffer> replaced;
     {
-        std::lock_guard<std::mutex> lock(holds_mutex_);
+        MutexLocker lock(holds_mutex_);
         for (HeldBuffer& held : taken) {
             std::shared_ptr<FrameBuffer> buffer = held.buffer.lock();
             if (!buffer)
@@ -201,7 +201,7 @@ void VirtualCamera::holdBuffers(const FrameSet& frames) {
 
 void VirtualCamera::dropHoldsExcept(const FrameSet& kept) {
     std::vector<HeldBuffer> dropped;
-    std::lock_guard<std::mutex> lock(holds_mutex_);
+    MutexLocker lock(holds_mutex_);
     for (auto it = holds_.begin(); it != holds_.end();) {
         bool keep = false;
         for (const std::shared_ptr<FrameBuffer>& buffer : kept)
@@ -216,12 +216,12 @@ void VirtualCamera::dropHoldsExcept(const FrameSet& kept) {
 }
 
 size_t VirtualCamera::heldBufferCount() {
-    std::lock_guard<std::mutex> lock(holds_mutex_);
+    MutexLocker lock(holds_mutex_);
     return holds_.size();
 }
 
 std::vector<std::shared_ptr<FrameBuffer>> VirtualCamera::getAvailableFrames() {
-    std::lock_guard<std::mutex> lock(queue_mutex_);
+    MutexLocker lock(queue_mutex_);
     if (free_sets_.empty()) {
         VCAM_LOG(MARLO_LOG_ERROR, "has No available buffer to NAX copy!!!!");
         return {};
@@ -246,7 +246,7 @@ void VirtualCamera::forwardFrame(std::vector<std::shared_ptr<FrameBuffer>> frame
     }
     FrameCallback callback;
     {
-        std::lock_guard<std::mutex> lock(callback_mutex_);
+        MutexLocker lock(callback_mutex_);
         callback = callback_;
     }
     if (!callback)
@@ -255,7 +255,7 @@ void VirtualCamera::forwardFrame(std::vector<std::shared_ptr<FrameBuffer>> frame
 }
 
 bool VirtualCamera::beginDelivery() {
-    std::lock_guard<std::mutex> lock(delivery_mutex_);
+    MutexLocker lock(delivery_mutex_);
     if (state_.load() != kRunning)
         return false;
     ++deliveries_;
@@ -264,23 +264,24 @@ bool VirtualCamera::beginDelivery() {
 }
 
 void VirtualCamera::endDelivery() {
-    std::lock_guard<std::mutex> lock(delivery_mutex_);
+    MutexLocker lock(delivery_mutex_);
     if (--deliveries_ == 0)
         deliverer_ = std::thread::id();
     delivery_done_.notify_all();
 }
 
 void VirtualCamera::waitForDeliveries() {
-    std::unique_lock<std::mutex> lock(delivery_mutex_);
+    MutexLocker lock(delivery_mutex_);
     /* A callback stopping its own stream cannot wait for itself. */
     if (deliverer_ == std::this_thread::get_id())
         return;
-    delivery_done_.wait(lock, [this] { return deliveries_ == 0; });
+    delivery_done_.wait(lock,
+                        [this]() MARLO_REQUIRES(delivery_mutex_) { return deliveries_ == 0; });
 }
 
 void VirtualCamera::setCallback(FrameCallback callback) {
     /* The old callback is destroyed outside the lock: it may own anything. */
-    std::lock_guard<std::mutex> lock(callback_mutex_);
+    MutexLocker lock(callback_mutex_);
     std::swap(callback_, callback);
 }
 
@@ -291,7 +292,7 @@ void VirtualCamera::doneWithFrame(std::vector<std::shared_ptr<FrameBuffer>> fram
     }
     /* A set the client lends this way (one it never received) is held first. */
     holdBuffers(frames);
-    std::lock_guard<std::mutex> lock(queue_mutex_);
+    MutexLocker lock(queue_mutex_);
     free_sets_.push_back(frames);
     for (const std::shared_ptr<FrameBuffer>& buffer : frames) {
         unsigned long long cookies = buffer ? buffer->cookies() : 0;
@@ -304,14 +305,14 @@ void VirtualCamera::doneWithFrame(std::vector<std::shared_ptr<FrameBuffer>> fram
 }
 
 void VirtualCamera::setEventListener(std::shared_ptr<detail::EventListenerSlot> slot) {
-    std::lock_guard<std::mutex> lock(events_mutex_);
+    MutexLocker lock(events_mutex_);
     events_ = std::move(slot);
 }
 
 void VirtualCamera::postEvent(StreamEvent event) {
     std::shared_ptr<detail::EventListenerSlot> slot;
     {
-        std::lock_guard<std::mutex> lock(events_mutex_);
+        MutexLocker lock(events_mutex_);
         slot = events_;
     }
     if (!slot)
@@ -321,7 +322,7 @@ void VirtualCamera::postEvent(StreamEvent event) {
 }
 
 size_t VirtualCamera::freeSetCount() {
-    std::lock_guard<std::mutex> lock(queue_mutex_);
+    MutexLocker lock(queue_mutex_);
     return free_sets_.size();
 }
 

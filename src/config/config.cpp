@@ -15,6 +15,7 @@
  * its result under it.
  */
 #include <marlo/base/logger.h>
+#include <marlo/base/mutex.h>
 #include <marlo/config/config.h>
 #include <marlo_platform/system_path.h>
 #include <tinyxml2.h>
@@ -107,9 +108,6 @@ bool Listed(const std::vector<BoardConfig>& list, const BoardConfig& board) {
                        [&board](const BoardConfig& listed) { return Same(listed, board); });
 }
 
-/* The bytes of each file at its last read that was parsed; board list mutex. */
-std::map<std::string, std::string> g_last_read;
-
 /*
  * Reads the whole file at \a path into \a content. On failure \a error has
  * the XML library's code for it, as its own file loading would say.
@@ -132,6 +130,25 @@ bool ReadFile(const char* path, std::string* content, tinyxml2::XMLError* error)
     return ok;
 }
 
+}  // namespace
+
+/* The bytes of each file at its last read that was parsed. */
+struct detail::LastReads {
+    static bool Unchanged(const std::string& path, const std::string& content)
+        MARLO_EXCLUDES(GlobalCameraConfig::board_configs_mutex_) {
+        MutexLocker lock(GlobalCameraConfig::board_configs_mutex_);
+        auto last = files.find(path);
+        return last != files.end() && last->second == content;
+    }
+
+    static std::map<std::string, std::string> files
+        MARLO_GUARDED_BY(GlobalCameraConfig::board_configs_mutex_);
+};
+
+std::map<std::string, std::string> detail::LastReads::files;
+
+namespace {
+
 enum class Load {
     kFailed,
     kUnchanged, /* the bytes of the last parsed read of this path: every board is listed */
@@ -144,19 +161,15 @@ enum class Load {
  * leaves the XML library's code for it in \a error.
  */
 Load LoadDocument(XMLDocument* doc, const char* path, std::string* content,
-                  tinyxml2::XMLError* error, std::mutex& listMutex) {
+                  tinyxml2::XMLError* error) {
     if (path == nullptr) {
         *error = tinyxml2::XML_ERROR_FILE_COULD_NOT_BE_OPENED;
         return Load::kFailed;
     }
     if (!ReadFile(path, content, error))
         return Load::kFailed;
-    {
-        std::lock_guard<std::mutex> lock(listMutex);
-        auto last = g_last_read.find(path);
-        if (last != g_last_read.end() && last->second == *content)
-            return Load::kUnchanged;
-    }
+    if (detail::LastReads::Unchanged(path, *content))
+        return Load::kUnchanged;
     *error = doc->Parse(content->data(), content->size());
     return *error == tinyxml2::XML_SUCCESS ? Load::kParsed : Load::kFailed;
 }
@@ -181,7 +194,7 @@ int CompareModel(const std::string& model, const std::string& name, size_t n) {
 
 }  // namespace
 
-std::mutex GlobalCameraConfig::board_configs_mutex_;
+Mutex GlobalCameraConfig::board_configs_mutex_;
 std::vector<GlobalCameraConfig::BoardConfig> GlobalCameraConfig::board_configs_;
 
 void GlobalCameraConfig::loadFromConfig(const char* path) {
@@ -189,14 +202,14 @@ void GlobalCameraConfig::loadFromConfig(const char* path) {
     std::string loadedPath = path != nullptr ? path : "";
     std::string content;
     tinyxml2::XMLError error = tinyxml2::XML_SUCCESS;
-    Load load = LoadDocument(&doc, path, &content, &error, board_configs_mutex_);
+    Load load = LoadDocument(&doc, path, &content, &error);
     if (load == Load::kFailed) {
         marlo_log(MARLO_LOG_WARN, kTag,
                   "%s: Unable to load override config file, change to load default config file",
                   "loadFromConfig");
         loadedPath = platform::SystemPath(kDefaultConfigPath);
         doc.Clear();
-        load = LoadDocument(&doc, loadedPath.c_str(), &content, &error, board_configs_mutex_);
+        load = LoadDocument(&doc, loadedPath.c_str(), &content, &error);
         if (load == Load::kFailed) {
             /* Named as on the board, wherever this platform keeps the file. */
             marlo_log(MARLO_LOG_ERROR, kTag, "%s: Unable to load marlo config file '%s'. Error: %s",
@@ -219,12 +232,12 @@ void GlobalCameraConfig::loadFromConfig(const char* path) {
             boards.push_back(parseBoardConfig(board));
     }
 
-    std::lock_guard<std::mutex> lock(board_configs_mutex_);
+    MutexLocker lock(board_configs_mutex_);
     for (BoardConfig& board : boards) {
         if (!Listed(board_configs_, board))
             board_configs_.push_back(std::move(board));
     }
-    g_last_read[loadedPath] = std::move(content);
+    detail::LastReads::files[loadedPath] = std::move(content);
 }
 
 GlobalCameraConfig::BoardConfig GlobalCameraConfig::getMatchConfig(const std::string& model) {
@@ -234,7 +247,7 @@ GlobalCameraConfig::BoardConfig GlobalCameraConfig::getMatchConfig(const std::st
         marlo_log(MARLO_LOG_WARN, kTag, "%s: empty model, only a board without a name matches",
                   "getMatchConfig");
 
-    std::lock_guard<std::mutex> lock(board_configs_mutex_);
+    MutexLocker lock(board_configs_mutex_);
     for (const BoardConfig& board : board_configs_) {
         int ret = CompareModel(model, board.name, n);
         marlo_log(MARLO_LOG_INFO, kTag, "Matching config : %s ret %d", board.name.c_str(), ret);
@@ -268,14 +281,14 @@ GlobalCameraConfig::BoardConfig GlobalCameraConfig::Creat() {
 }
 
 std::vector<GlobalCameraConfig::BoardConfig> GlobalCameraConfig::boardConfigs() {
-    std::lock_guard<std::mutex> lock(board_configs_mutex_);
+    MutexLocker lock(board_configs_mutex_);
     return board_configs_;
 }
 
 void detail::BoardConfigsAccess::Clear() {
-    std::lock_guard<std::mutex> lock(GlobalCameraConfig::board_configs_mutex_);
+    MutexLocker lock(GlobalCameraConfig::board_configs_mutex_);
     GlobalCameraConfig::board_configs_.clear();
-    g_last_read.clear();
+    detail::LastReads::files.clear();
 }
 
 }  // namespace tessaro::marlo

@@ -6,6 +6,7 @@
  * a capture thread and a report never reads a string while it is replaced.
  */
 #include <marlo/base/logger.h>
+#include <marlo/base/mutex.h>
 #include <marlo/config/config.h>
 #include <marlo/debug/debug_helper.h>
 #include <marlo_platform/system_path.h>
@@ -76,7 +77,7 @@ DebugHelper::~DebugHelper() {
     running_ = false;
     ++timerGeneration_;
     {
-        std::lock_guard<std::mutex> lock(sleepMutex_);
+        MutexLocker lock(sleepMutex_);
         sleepCond_.notify_all();
     }
 }
@@ -85,7 +86,7 @@ void DebugHelper::initialize() {
     GlobalCameraConfig::BoardConfig board = GlobalCameraConfig::Creat();
     std::vector<int> outside;
     {
-        std::lock_guard<std::mutex> lock(dataMutex_);
+        MutexLocker lock(dataMutex_);
         std::set<int> cameraIds;
         for (const auto& [camId, src] : board.inputMap) {
             streams_.emplace(static_cast<unsigned int>(camId), StreamInfo());
@@ -130,7 +131,7 @@ bool DebugHelper::isPropertySupported() {
     bool on;
     bool tooShort = false;
     {
-        std::lock_guard<std::mutex> lock(timerMutex_);
+        MutexLocker lock(timerMutex_);
         on = SwitchedOn();
         if (on)
             tooShort = readInterval();
@@ -140,7 +141,7 @@ bool DebugHelper::isPropertySupported() {
 }
 
 bool DebugHelper::isTimerStarted() {
-    std::unique_lock<std::mutex> lock(timerMutex_);
+    MutexLocker lock(timerMutex_);
     bool on = SwitchedOn();
     if (!started_ && on) {
         bool tooShort = readInterval();
@@ -162,7 +163,7 @@ bool DebugHelper::isTimerStarted() {
         lock.unlock();
         running_ = false;
         {
-            std::lock_guard<std::mutex> sleepLock(sleepMutex_);
+            MutexLocker sleepLock(sleepMutex_);
             sleepCond_.notify_all();
         }
         /* Finds the flag clear and does not wait. */
@@ -173,7 +174,7 @@ bool DebugHelper::isTimerStarted() {
 }
 
 void DebugHelper::startTimer() {
-    std::unique_lock<std::mutex> lock(timerMutex_);
+    MutexLocker lock(timerMutex_);
     if (running_)
         return;
     /*
@@ -186,7 +187,7 @@ void DebugHelper::startTimer() {
     bool replaced = timer_.joinable();
     if (replaced) {
         {
-            std::lock_guard<std::mutex> sleepLock(sleepMutex_);
+            MutexLocker sleepLock(sleepMutex_);
             sleepCond_.notify_all();
         }
         timer_.stop();
@@ -210,12 +211,12 @@ void DebugHelper::startTimer() {
 }
 
 void DebugHelper::stopTimer() {
-    std::lock_guard<std::mutex> lock(timerMutex_);
+    MutexLocker lock(timerMutex_);
     if (!running_)
         return;
     running_ = false;
     {
-        std::lock_guard<std::mutex> sleepLock(sleepMutex_);
+        MutexLocker sleepLock(sleepMutex_);
         sleepCond_.notify_all();
     }
     timer_.stop();
@@ -227,7 +228,7 @@ void DebugHelper::timerLoop(unsigned int generation) {
     while (current()) {
         int interval = interval_;
         if (interval >= 1) {
-            std::unique_lock<std::mutex> lock(sleepMutex_);
+            MutexLocker lock(sleepMutex_);
             sleepCond_.wait_for(lock, std::chrono::milliseconds(interval),
                                 [&current] { return !current(); });
         }
@@ -236,12 +237,12 @@ void DebugHelper::timerLoop(unsigned int generation) {
 }
 
 void DebugHelper::dumpDebugInfo() {
-    std::unique_lock<std::mutex> fileLock(fileMutex_);
+    MutexLocker fileLock(fileMutex_);
     std::map<unsigned int, StreamInfo> streams;
     std::map<std::string, CameraInfo> cameras;
     std::list<std::string> cache;
     {
-        std::lock_guard<std::mutex> lock(dataMutex_);
+        MutexLocker lock(dataMutex_);
         streams = streams_;
         cameras = cameras_;
         cache = cache_;
@@ -284,7 +285,7 @@ void DebugHelper::dumpDebugInfo() {
 
 bool DebugHelper::withStream(unsigned int streamId,
                              const std::function<void(StreamInfo&)>& change) {
-    std::lock_guard<std::mutex> lock(dataMutex_);
+    MutexLocker lock(dataMutex_);
     auto it = streams_.find(streamId);
     if (it == streams_.end())
         return false;
@@ -294,7 +295,7 @@ bool DebugHelper::withStream(unsigned int streamId,
 
 bool DebugHelper::withCamera(const std::string& deviceNode,
                              const std::function<void(CameraInfo&)>& change) {
-    std::lock_guard<std::mutex> lock(dataMutex_);
+    MutexLocker lock(dataMutex_);
     auto it = cameras_.find(deviceNode);
     if (it == cameras_.end())
         return false;
@@ -386,24 +387,24 @@ void DebugHelper::updateNaxProcessingTime(std::string deviceNode, unsigned int t
 void DebugHelper::updateCache(std::string line) {
     if (!isTimerStarted())
         return;
-    std::lock_guard<std::mutex> lock(dataMutex_);
+    MutexLocker lock(dataMutex_);
     if (cache_.size() >= kMaxCacheLines)
         cache_.pop_front();
     cache_.push_back(std::move(line));
 }
 
 std::map<unsigned int, DebugHelper::StreamInfo> DebugHelper::streamInfos() const {
-    std::lock_guard<std::mutex> lock(dataMutex_);
+    MutexLocker lock(dataMutex_);
     return streams_;
 }
 
 std::map<std::string, DebugHelper::CameraInfo> DebugHelper::cameraInfos() const {
-    std::lock_guard<std::mutex> lock(dataMutex_);
+    MutexLocker lock(dataMutex_);
     return cameras_;
 }
 
 std::list<std::string> DebugHelper::cachedLines() const {
-    std::lock_guard<std::mutex> lock(dataMutex_);
+    MutexLocker lock(dataMutex_);
     return cache_;
 }
 

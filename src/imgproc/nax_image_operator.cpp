@@ -2,6 +2,7 @@
  * The 2D raster engine operator.
  */
 #include "marlo/imgproc/nax_image_operator.h"
+#include <marlo/base/mutex.h>
 
 #include <dlfcn.h>
 
@@ -91,7 +92,7 @@ NaxOps::~NaxOps() {
 }
 
 std::unique_ptr<NaxOps> NaxImageOperator::nax_ops_;
-std::mutex NaxImageOperator::mutex_;
+Mutex NaxImageOperator::mutex_;
 
 bool operator<(const ImageBuffer& a, const ImageBuffer& b) {
     /*
@@ -206,7 +207,7 @@ nax_buffer_t NaxImportBuffer(const NaxImageOperator* op, const ImageBuffer& buff
 }
 
 NaxImageOperator::NaxImageOperator() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLocker lock(mutex_);
     if (!nax_ops_) {
         /* Resolved once per process, even when the library is missing. */
         nax_ops_ = std::make_unique<NaxOps>();

@@ -3,7 +3,6 @@
 #include <string.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <optional>
 #include <thread>
@@ -147,23 +146,7 @@ struct DeviceUse {
     std::thread::id retiringFrom;
 };
 
-std::unordered_map<std::string, DeviceUse> g_device_uses;
-std::condition_variable g_device_retired;
-
-bool Retiring(const std::string& deviceId) {
-    auto it = g_device_uses.find(deviceId);
-    return it != g_device_uses.end() && it->second.retiring;
-}
-
-/* The opens of \a deviceId so far, or nothing while one is attaching. Registry mutex held. */
-std::optional<uint64_t> SettledOpens(const std::string& deviceId) {
-    auto it = g_device_uses.find(deviceId);
-    if (it == g_device_uses.end())
-        return 0;
-    if (it->second.attaching != 0)
-        return std::nullopt;
-    return it->second.opens;
-}
+ConditionVariable g_device_retired;
 
 enum class Unregistering {
     kErased,   /* this camera left the registry and is retiring */
@@ -171,21 +154,52 @@ enum class Unregistering {
     kNotThere, /* the registry holds no entry, or another camera, for the device */
 };
 
-/*
- * Erases \a hal's entry unless an open found it since \a settled was read
- * (with its client list then found empty). Registry mutex held.
- */
-Unregistering Unregister(std::unordered_map<std::string, std::shared_ptr<HalCamera>>& registry,
-                         const std::shared_ptr<HalCamera>& hal, std::optional<uint64_t> settled) {
-    auto it = registry.find(hal->deviceId());
-    if (it == registry.end() || it->second != hal)
-        return Unregistering::kNotThere;
-    if (!settled || SettledOpens(hal->deviceId()) != settled)
-        return Unregistering::kKept;
-    registry.erase(it);
-    g_device_uses[hal->deviceId()].retiring = true;
-    return Unregistering::kErased;
-}
+}  // namespace
+
+/* The registry's records of the devices, under the registry mutex. */
+struct detail::DeviceUses {
+    static bool Retiring(const std::string& deviceId)
+        MARLO_REQUIRES(V4l2Stream::active_cameras_mutex_) {
+        auto it = uses.find(deviceId);
+        return it != uses.end() && it->second.retiring;
+    }
+
+    /* The opens of \a deviceId so far, or nothing while one is attaching. */
+    static std::optional<uint64_t> SettledOpens(const std::string& deviceId)
+        MARLO_REQUIRES(V4l2Stream::active_cameras_mutex_) {
+        auto it = uses.find(deviceId);
+        if (it == uses.end())
+            return 0;
+        if (it->second.attaching != 0)
+            return std::nullopt;
+        return it->second.opens;
+    }
+
+    /*
+     * Erases \a hal's entry unless an open found it since \a settled was read
+     * (with its client list then found empty).
+     */
+    static Unregistering Unregister(const std::shared_ptr<HalCamera>& hal,
+                                    std::optional<uint64_t> settled)
+        MARLO_REQUIRES(V4l2Stream::active_cameras_mutex_) {
+        auto& registry = V4l2Stream::active_cameras_;
+        auto it = registry.find(hal->deviceId());
+        if (it == registry.end() || it->second != hal)
+            return Unregistering::kNotThere;
+        if (!settled || SettledOpens(hal->deviceId()) != settled)
+            return Unregistering::kKept;
+        registry.erase(it);
+        uses[hal->deviceId()].retiring = true;
+        return Unregistering::kErased;
+    }
+
+    static std::unordered_map<std::string, DeviceUse> uses
+        MARLO_GUARDED_BY(V4l2Stream::active_cameras_mutex_);
+};
+
+std::unordered_map<std::string, DeviceUse> detail::DeviceUses::uses;
+
+namespace {
 
 /*
  * Drops the last reference to a camera that left the registry, so that it
@@ -214,14 +228,14 @@ void WriteWords(marlo_param_value_t* value, const void* words, size_t count) {
 
 std::unordered_map<std::string, std::shared_ptr<HalCamera>> V4l2Stream::active_cameras_ =
     MakeRegistry();
-std::mutex V4l2Stream::active_cameras_mutex_;
+Mutex V4l2Stream::active_cameras_mutex_;
 
 bool V4l2Stream::RetireCamera(std::shared_ptr<HalCamera>& hal) {
     std::string deviceId = hal->deviceId();
     bool last = ReleaseLastReference(hal);
     /* Opens of the device waited for this. */
-    std::lock_guard<std::mutex> lock(active_cameras_mutex_);
-    g_device_uses.erase(deviceId);
+    MutexLocker lock(active_cameras_mutex_);
+    detail::DeviceUses::uses.erase(deviceId);
     g_device_retired.notify_all();
     return last;
 }
@@ -260,9 +274,9 @@ int V4l2Stream::OpenCamera(int clientId, std::string deviceId, int width, int he
 
     std::shared_ptr<HalCamera> hal;
     {
-        std::unique_lock<std::mutex> lock(active_cameras_mutex_);
-        if (Retiring(deviceId)) {
-            if (g_device_uses[deviceId].retiringFrom == std::this_thread::get_id()) {
+        MutexLocker lock(active_cameras_mutex_);
+        if (detail::DeviceUses::Retiring(deviceId)) {
+            if (detail::DeviceUses::uses[deviceId].retiringFrom == std::this_thread::get_id()) {
                 /* Its camera goes only once this very frame callback has returned. */
                 STRM_LOG(MARLO_LOG_ERROR,
                          "%s was closed in this frame callback: open it after the callback",
@@ -271,7 +285,9 @@ int V4l2Stream::OpenCamera(int clientId, std::string deviceId, int width, int he
             }
             /* A second camera would find the device still held by the first. */
             STRM_LOG(MARLO_LOG_INFO, "waiting for the closing camera of %s", deviceId.c_str());
-            g_device_retired.wait(lock, [&deviceId] { return !Retiring(deviceId); });
+            g_device_retired.wait(lock, [&deviceId]() MARLO_REQUIRES(active_cameras_mutex_) {
+                return !detail::DeviceUses::Retiring(deviceId);
+            });
         }
         auto it = active_cameras_.find(deviceId);
         if (it != active_cameras_.end()) {
@@ -287,7 +303,7 @@ int V4l2Stream::OpenCamera(int clientId, std::string deviceId, int width, int he
             return kFailed;
         }
         active_cameras_[deviceId] = hal;
-        DeviceUse& use = g_device_uses[deviceId];
+        DeviceUse& use = detail::DeviceUses::uses[deviceId];
         ++use.attaching;
         ++use.opens;
     }
@@ -295,8 +311,8 @@ int V4l2Stream::OpenCamera(int clientId, std::string deviceId, int width, int he
     std::shared_ptr<VirtualCamera> virtualCamera = hal->MakeVirtualCamera(clientId);
     {
         /* Attaching kept the camera registered, so its record is still there. */
-        std::lock_guard<std::mutex> lock(active_cameras_mutex_);
-        --g_device_uses[deviceId].attaching;
+        MutexLocker lock(active_cameras_mutex_);
+        --detail::DeviceUses::uses[deviceId].attaching;
     }
     if (!virtualCamera) {
         STRM_LOG(MARLO_LOG_ERROR, "hw camera not found or not available");
@@ -322,16 +338,16 @@ void V4l2Stream::CloseCamera() {
             ClientStopStream();
             std::optional<uint64_t> settled;
             {
-                std::lock_guard<std::mutex> lock(active_cameras_mutex_);
-                settled = SettledOpens(hal->deviceId());
+                MutexLocker lock(active_cameras_mutex_);
+                settled = detail::DeviceUses::SettledOpens(hal->deviceId());
             }
             if (hal->clientCount() != 0)
                 continue;
             Unregistering result;
             {
-                std::lock_guard<std::mutex> lock(active_cameras_mutex_);
+                MutexLocker lock(active_cameras_mutex_);
                 /* The list still holds the camera, so erasing destroys nothing under the lock. */
-                result = Unregister(active_cameras_, hal, settled);
+                result = detail::DeviceUses::Unregister(hal, settled);
             }
             if (result == Unregistering::kKept) {
                 STRM_LOG(MARLO_LOG_INFO, "another client is opening %s, camera kept",
@@ -352,8 +368,8 @@ void V4l2Stream::CloseCamera() {
              * thread, once the callback has returned.
              */
             {
-                std::lock_guard<std::mutex> lock(active_cameras_mutex_);
-                g_device_uses[hal->deviceId()].retiringFrom = std::this_thread::get_id();
+                MutexLocker lock(active_cameras_mutex_);
+                detail::DeviceUses::uses[hal->deviceId()].retiringFrom = std::this_thread::get_id();
             }
             detail::EventDispatcher::Instance().runLater(
                 [hal = std::move(hal)]() mutable { RetireCamera(hal); });
@@ -380,7 +396,7 @@ void V4l2Stream::CloseCamera() {
     virtual_camera_.reset();
     std::shared_ptr<FrameCallback> callback;
     {
-        std::lock_guard<std::mutex> lock(callback_mutex_);
+        MutexLocker lock(callback_mutex_);
         std::swap(callback, frame_callback_);
     }
     client_id_ = -1;
@@ -396,7 +412,7 @@ int V4l2Stream::ClientStartStream(
     /* Stored before the state check: a refused start still replaces the callback. */
     std::shared_ptr<FrameCallback> stored = std::make_shared<FrameCallback>(std::move(callback));
     {
-        std::lock_guard<std::mutex> lock(callback_mutex_);
+        MutexLocker lock(callback_mutex_);
         std::swap(frame_callback_, stored);
     }
 
@@ -449,7 +465,7 @@ void V4l2Stream::ClientDeliverFrame(std::vector<std::shared_ptr<FrameBuffer>> fr
      */
     std::shared_ptr<FrameCallback> callback;
     {
-        std::lock_guard<std::mutex> lock(callback_mutex_);
+        MutexLocker lock(callback_mutex_);
         callback = frame_callback_;
     }
     /* Without a callback the set is neither delivered nor given back. */
@@ -565,18 +581,18 @@ int V4l2Stream::ClientGetParams(marlo_param_t id, marlo_param_value_t* value) {
 namespace detail {
 
 size_t StreamRegistryAccess::Size() {
-    std::lock_guard<std::mutex> lock(V4l2Stream::active_cameras_mutex_);
+    MutexLocker lock(V4l2Stream::active_cameras_mutex_);
     return V4l2Stream::active_cameras_.size();
 }
 
 std::shared_ptr<HalCamera> StreamRegistryAccess::Find(const std::string& deviceId) {
-    std::lock_guard<std::mutex> lock(V4l2Stream::active_cameras_mutex_);
+    MutexLocker lock(V4l2Stream::active_cameras_mutex_);
     auto it = V4l2Stream::active_cameras_.find(deviceId);
     return it == V4l2Stream::active_cameras_.end() ? nullptr : it->second;
 }
 
 float StreamRegistryAccess::MaxLoadFactor() {
-    std::lock_guard<std::mutex> lock(V4l2Stream::active_cameras_mutex_);
+    MutexLocker lock(V4l2Stream::active_cameras_mutex_);
     return V4l2Stream::active_cameras_.max_load_factor();
 }
 

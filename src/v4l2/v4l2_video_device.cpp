@@ -243,7 +243,7 @@ int V4l2VideoDevice::QueryCap() {
     return ERR_FAILED;
 }
 
-void V4l2VideoDevice::ClearBuffersLocked() {
+void V4l2VideoDevice::ClearBuffers() {
     while (!queued_buffers_.empty())
         queued_buffers_.pop_back();
     while (!unqueued_buffers_.empty())
@@ -265,8 +265,9 @@ int V4l2VideoDevice::ReqBuffer(unsigned count, unsigned memory) {
     memory_type_ = memory;
     num_buffers_ = req.count;
     {
-        std::scoped_lock lock(unqueued_mutex_, queued_mutex_);
-        ClearBuffersLocked();
+        MutexLocker unqueuedLock(unqueued_mutex_);
+        MutexLocker queuedLock(queued_mutex_);
+        ClearBuffers();
     }
 
     marlo_log(MARLO_LOG_INFO, kTag, "%s requested buffer %s count %d type %s\n", name_.c_str(),
@@ -317,7 +318,8 @@ int V4l2VideoDevice::QueryBuffer() {
          * held; the free list's own mutex is taken with it, because GetBuffer
          * and a failed QueueBuffer change that list under it alone.
          */
-        std::scoped_lock lock(unqueued_mutex_, queued_mutex_);
+        MutexLocker unqueuedLock(unqueued_mutex_);
+        MutexLocker queuedLock(queued_mutex_);
         unqueued_buffers_.push_back(std::move(buffer));
     }
     return OK;
@@ -330,7 +332,7 @@ int V4l2VideoDevice::ExportBuffers() {
         return ERR_FAILED;
     }
 
-    std::lock_guard<std::mutex> lock(unqueued_mutex_);
+    MutexLocker lock(unqueued_mutex_);
     for (auto& buffer : unqueued_buffers_) {
         for (uint32_t p = 0; p < num_planes_ && p < VIDEO_MAX_PLANES; ++p) {
             struct v4l2_exportbuffer exp = {};
@@ -354,7 +356,7 @@ int V4l2VideoDevice::ExportBuffers() {
 }
 
 std::unique_ptr<V4l2Buffer> V4l2VideoDevice::GetBuffer() {
-    std::lock_guard<std::mutex> lock(unqueued_mutex_);
+    MutexLocker lock(unqueued_mutex_);
     if (unqueued_buffers_.empty())
         return nullptr;
     std::unique_ptr<V4l2Buffer> buffer = std::move(unqueued_buffers_.front());
@@ -365,7 +367,7 @@ std::unique_ptr<V4l2Buffer> V4l2VideoDevice::GetBuffer() {
 }
 
 std::unique_ptr<V4l2Buffer> V4l2VideoDevice::GetQueuedBuffer(unsigned index) {
-    std::lock_guard<std::mutex> lock(queued_mutex_);
+    MutexLocker lock(queued_mutex_);
     for (auto it = queued_buffers_.begin(); it != queued_buffers_.end(); ++it) {
         if ((*it)->GetIndex() == index) {
             std::unique_ptr<V4l2Buffer> buffer = std::move(*it);
@@ -456,7 +458,7 @@ int V4l2VideoDevice::QueueBuffer(std::unique_ptr<V4l2Buffer> buffer) {
                   strerror(err));
         buffer->SetQueued(false);
         {
-            std::lock_guard<std::mutex> lock(unqueued_mutex_);
+            MutexLocker lock(unqueued_mutex_);
             unqueued_buffers_.push_back(std::move(buffer));
         }
         errno = err;
@@ -466,7 +468,7 @@ int V4l2VideoDevice::QueueBuffer(std::unique_ptr<V4l2Buffer> buffer) {
     marlo_log(MARLO_LOG_VERBOSE, kTag, "%s: queued bufffer index %u ptr %p len %zu\n",
               name_.c_str(), buffer->GetIndex(), buffer->GetPtr(0), buffer->GetLength(0));
     buffer->SetQueued(true);
-    std::lock_guard<std::mutex> lock(queued_mutex_);
+    MutexLocker lock(queued_mutex_);
     queued_buffers_.push_back(std::move(buffer));
     return OK;
 }
@@ -484,7 +486,8 @@ int V4l2VideoDevice::StreamOff() {
         return ret;
 
     /* The driver gives every buffer back at stream off. */
-    std::scoped_lock lock(unqueued_mutex_, queued_mutex_);
+    MutexLocker unqueuedLock(unqueued_mutex_);
+    MutexLocker queuedLock(queued_mutex_);
     marlo_log(MARLO_LOG_INFO, kTag, "%s: after streamed off, buf size: queued %zd, unqueued %zd\n",
               name_.c_str(), static_cast<ssize_t>(queued_buffers_.size()),
               static_cast<ssize_t>(unqueued_buffers_.size()));

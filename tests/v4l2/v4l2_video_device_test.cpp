@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 #include <marlo_host/hooks.h>
 
+#include <marlo/base/mutex.h>
 #include <marlo/v4l2/v4l2_video_device.h>
 
 #include "fake_v4l2.h"
@@ -27,6 +28,8 @@
 
 namespace {
 
+using tessaro::marlo::Mutex;
+using tessaro::marlo::MutexLocker;
 using tessaro::marlo::V4l2Buffer;
 using tessaro::marlo::V4l2Format;
 using tessaro::marlo::V4l2FrameSizeRange;
@@ -51,22 +54,22 @@ class TestDevice : public V4l2VideoDevice {
   public:
     using V4l2VideoDevice::V4l2VideoDevice;
     size_t Unqueued() {
-        std::lock_guard<std::mutex> lock(unqueued_mutex_);
+        MutexLocker lock(unqueued_mutex_);
         return unqueued_buffers_.size();
     }
     size_t Queued() {
-        std::lock_guard<std::mutex> lock(queued_mutex_);
+        MutexLocker lock(queued_mutex_);
         return queued_buffers_.size();
     }
     std::vector<uint32_t> UnqueuedIndices() {
-        std::lock_guard<std::mutex> lock(unqueued_mutex_);
+        MutexLocker lock(unqueued_mutex_);
         std::vector<uint32_t> out;
         for (auto& b : unqueued_buffers_)
             out.push_back(b->GetIndex());
         return out;
     }
-    std::mutex& UnqueuedMutex() { return unqueued_mutex_; }
-    std::mutex& QueuedMutex() { return queued_mutex_; }
+    Mutex& UnqueuedMutex() { return unqueued_mutex_; }
+    Mutex& QueuedMutex() { return queued_mutex_; }
     uint32_t Flags() const { return buffer_flags_; }
 };
 
@@ -477,9 +480,9 @@ TEST_F(V4l2VideoDeviceTest, QueryBufferAppendsUnderBothListMutexes) {
     ASSERT_EQ(device.Open(false), 0);
     ASSERT_EQ(device.QueryCap(), 0);
     /* The queued list's mutex, and the free list's own one that guards the list. */
-    for (std::mutex* held : {&device.QueuedMutex(), &device.UnqueuedMutex()}) {
+    for (Mutex* held : {&device.QueuedMutex(), &device.UnqueuedMutex()}) {
         ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_MMAP), 2);
-        std::unique_lock<std::mutex> lock(*held);
+        MutexLocker lock(*held);
         auto blocked = std::async(std::launch::async, [&] { return device.QueryBuffer(); });
         EXPECT_EQ(blocked.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
         lock.unlock();
@@ -527,8 +530,8 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferAndStreamOffTakeBothListMutexes) {
     Prepare(device, 2);
     QueueAll(device);
     ASSERT_EQ(device.StreamOn(), 0);
-    for (std::mutex* held : {&device.UnqueuedMutex(), &device.QueuedMutex()}) {
-        std::unique_lock<std::mutex> lock(*held);
+    for (Mutex* held : {&device.UnqueuedMutex(), &device.QueuedMutex()}) {
+        MutexLocker lock(*held);
         auto off = std::async(std::launch::async, [&] { return device.StreamOff(); });
         EXPECT_EQ(off.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
         lock.unlock();

@@ -19,10 +19,10 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
+#include <marlo/base/mutex.h>
 #include <marlo/base/thread.h>
 #include <marlo/base/unique_fd.h>
 
@@ -84,8 +84,8 @@ class Epoll {
     // address of this object.
     UniqueFd fd_;
     /* Handlers change on the loop (a handler that stops it) and off it while it waits. */
-    std::mutex handlers_mutex_;
-    std::map<int, std::shared_ptr<Event>> handlers_;
+    Mutex handlers_mutex_;
+    std::map<int, std::shared_ptr<Event>> handlers_ MARLO_GUARDED_BY(handlers_mutex_);
 };
 
 class IoThread : public Epoll {

@@ -10,13 +10,13 @@
 #include <sched.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
+
+#include <marlo/base/mutex.h>
 
 namespace tessaro::marlo {
 
@@ -72,9 +72,9 @@ class Thread {
   private:
     /* What the running thread shares with its owner, so that a move is safe. */
     struct State {
-        std::mutex mutex;
-        std::condition_variable cond;
-        bool stopped = true;
+        Mutex mutex;
+        ConditionVariable cond;
+        bool stopped MARLO_GUARDED_BY(mutex) = true;
     };
 
     static void ApplyPriority(Priority priority);
@@ -93,7 +93,7 @@ template <typename F>
 void Thread::start(F function) {
     detachRunning();
     {
-        std::lock_guard<std::mutex> lock(state_->mutex);
+        MutexLocker lock(state_->mutex);
         state_->stopped = false;
     }
     launch(std::function<void()>(std::move(function)));

@@ -22,11 +22,11 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <marlo/base/io_thread.h>
+#include <marlo/base/mutex.h>
 #include <marlo/camera/safe_list.h>
 #include <marlo/camera/stream_event.h>
 #include <marlo/imgproc/nax_image_operator.h>
@@ -130,15 +130,15 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
     /* Between a stop's decision and the end of the IO thread's loop. */
     static constexpr int32_t kCaptureStopping = 2;
 
-    /* The first start of capture; camera mutex held. */
-    int startCaptureLocked(VirtualCamera* starter);
+    /* The first start of capture. */
+    int startCapture(VirtualCamera* starter) MARLO_REQUIRES(camera_mutex_);
     /*
-     * Capture stop shared by clientStreamEnding and the destructor; \a lock
-     * holds the camera mutex, which is let go while the IO thread is waited
-     * for. With \a mayRestart, a client that started meanwhile gets capture
-     * started again.
+     * Capture stop shared by clientStreamEnding and the destructor. The
+     * camera mutex, held by the caller's locker, is let go while the IO
+     * thread is waited for and held again on return. With \a mayRestart, a
+     * client that started meanwhile gets capture started again.
      */
-    void stopCapture(std::unique_lock<std::mutex>& lock, bool mayRestart);
+    void stopCapture(bool mayRestart) MARLO_REQUIRES(camera_mutex_);
     /*
      * Reads what the driver granted at the open of \a hw, describes the
      * source with it when it differs from what was asked, and tells the
@@ -157,9 +157,9 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
     std::unique_ptr<V4l2Camera> hw_camera_;
     std::string device_id_;
     /* Kept for layout compatibility; nothing locks it. */
-    std::mutex spare_mutex_;
+    Mutex spare_mutex_;
     SafeList<std::weak_ptr<VirtualCamera>> clients_;
-    int32_t capture_state_ = 0;
+    int32_t capture_state_ MARLO_GUARDED_BY(camera_mutex_) = 0;
     /* The frame being fanned out; written on the IO thread only. */
     ImageBuffer src_image_;
     /* Atomic: the fan-out reads them without the camera mutex. */
@@ -171,9 +171,18 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
     /* Kept for layout compatibility; nothing fills it. */
     std::vector<std::shared_ptr<VirtualCamera>> spare_;
     std::atomic<int32_t> streaming_clients_{0};
-    std::mutex camera_mutex_;
+    /*
+     * Taken by client calls and by frame callbacks through them; a
+     * VirtualCamera's stream_mutex_ comes before it, that camera's leaf
+     * locks and the client list's lock after it.
+     */
+    Mutex camera_mutex_;
 
-    /* The geometry the device is opened with; recovery opens it again so. */
+    /*
+     * The geometry the device is opened with; recovery opens it again so.
+     * Written under the camera mutex while capture is stopped, read by the
+     * IO thread while it runs.
+     */
     Geometry asked_ = {0, 0, 0};
     /*
      * What the driver granted, used to describe the source only when it
@@ -184,12 +193,15 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
     std::atomic<int32_t> granted_height_{0};
     std::atomic<int32_t> granted_format_{0};
     /* Whether the 2D engine converts what the device captures (camera mutex). */
-    bool format_convertible_ = true;
-    /* The client's asked frame rate (camera mutex). */
-    float frame_rate_ = 0;
+    bool format_convertible_ MARLO_GUARDED_BY(camera_mutex_) = true;
+    /* The client's asked frame rate; recovery reads it on the IO thread. */
+    std::atomic<float> frame_rate_{0};
     /* The frame interval the device runs at, microseconds (0 unknown). */
     std::atomic<uint32_t> frame_interval_us_{0};
-    /* The capture descriptor registered on the IO thread, -1 when none. */
+    /*
+     * The capture descriptor registered on the IO thread, -1 when none; the
+     * IO thread's while capture runs, the camera mutex holder's otherwise.
+     */
     int capture_fd_ = -1;
     /* Watchdog and recovery of the running capture, on the IO thread. */
     std::unique_ptr<detail::CaptureSupervisor> supervisor_;

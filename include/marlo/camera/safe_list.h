@@ -9,7 +9,8 @@
 
 #include <functional>
 #include <list>
-#include <mutex>
+
+#include <marlo/base/mutex.h>
 
 namespace tessaro::marlo {
 
@@ -26,7 +27,7 @@ class SafeList {
      * and must not touch this list.
      */
     void remove(const std::function<bool(const T&)>& predicate) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLocker lock(mutex_);
         for (auto it = list_.begin(); it != list_.end();) {
             if (predicate(*it))
                 it = list_.erase(it);
@@ -36,18 +37,18 @@ class SafeList {
     }
 
     void push_back(T value) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLocker lock(mutex_);
         list_.push_back(std::move(value));
     }
 
     size_t size() const {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLocker lock(mutex_);
         return list_.size();
     }
 
     /* Calls \a visit for every element, front to back, with the lock held throughout. */
     void forEach(const std::function<void(const T&)>& visit) const {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLocker lock(mutex_);
         for (const T& element : list_)
             visit(element);
     }
@@ -56,11 +57,11 @@ class SafeList {
      * Takes and drops the lock: returns once a walk running now (forEach or
      * remove on another thread) has finished.
      */
-    void barrier() const { std::lock_guard<std::mutex> lock(mutex_); }
+    void barrier() const { MutexLocker lock(mutex_); }
 
   private:
-    mutable std::mutex mutex_;
-    std::list<T> list_;
+    mutable Mutex mutex_;
+    std::list<T> list_ MARLO_GUARDED_BY(mutex_);
 };
 
 }  // namespace tessaro::marlo

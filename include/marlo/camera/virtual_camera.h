@@ -10,17 +10,16 @@
 #include <stdint.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
+#include <marlo/base/mutex.h>
 #include <marlo/buffer/frame_buffer.h>
 #include <marlo/camera/stream_event.h>
 #include <marlo/imgproc/nax_image_operator.h>
@@ -108,35 +107,40 @@ class VirtualCamera {
 
     std::unordered_map<std::string, std::weak_ptr<HalCamera>> hal_cameras_;
     std::atomic<int32_t> state_{kStopped};
-    std::mutex stream_mutex_;
+    /*
+     * Serialises open, start and stop. Lock order: stream_mutex_, then a
+     * HalCamera's camera_mutex_ (the start and stop call into it), then any
+     * of the leaf locks below; no two leaf locks are held together.
+     */
+    Mutex stream_mutex_;
     /* A leaf lock: the state leaves running under it, so no delivery begins after. */
-    std::mutex delivery_mutex_;
-    std::condition_variable delivery_done_;
-    int deliveries_ = 0;
-    std::thread::id deliverer_;
+    Mutex delivery_mutex_ MARLO_ACQUIRED_AFTER(stream_mutex_);
+    ConditionVariable delivery_done_;
+    int deliveries_ MARLO_GUARDED_BY(delivery_mutex_) = 0;
+    std::thread::id deliverer_ MARLO_GUARDED_BY(delivery_mutex_);
     /*
      * Replaced by a start while frames flow, read by forwardFrame on the IO
      * thread: callback_mutex_ guards the swap and the copy forwardFrame
      * calls, never the call itself.
      */
-    FrameCallback callback_;
-    std::mutex callback_mutex_;
+    Mutex callback_mutex_ MARLO_ACQUIRED_AFTER(stream_mutex_);
+    FrameCallback callback_ MARLO_GUARDED_BY(callback_mutex_);
     /* Kept for layout compatibility; nothing fills them. */
     std::vector<std::shared_ptr<FrameBuffer>> spare_;
     ImageBuffer spare_images_[10];
-    std::mutex queue_mutex_;
-    std::deque<FrameSet> free_sets_;
+    Mutex queue_mutex_ MARLO_ACQUIRED_AFTER(stream_mutex_);
+    std::deque<FrameSet> free_sets_ MARLO_GUARDED_BY(queue_mutex_);
     int32_t id_;
     /*
      * The engine's imports of the buffers lent now, by buffer address (the
      * weak pointer tells a freed buffer from a new one at the same address).
      * A leaf lock; imports and releases run outside it.
      */
-    std::mutex holds_mutex_;
-    std::map<const FrameBuffer*, HeldBuffer> holds_;
+    Mutex holds_mutex_ MARLO_ACQUIRED_AFTER(stream_mutex_);
+    std::map<const FrameBuffer*, HeldBuffer> holds_ MARLO_GUARDED_BY(holds_mutex_);
     /* Posted to from client threads and the IO thread; a leaf lock. */
-    std::mutex events_mutex_;
-    std::shared_ptr<detail::EventListenerSlot> events_;
+    Mutex events_mutex_ MARLO_ACQUIRED_AFTER(stream_mutex_);
+    std::shared_ptr<detail::EventListenerSlot> events_ MARLO_GUARDED_BY(events_mutex_);
 };
 
 }  // namespace tessaro::marlo

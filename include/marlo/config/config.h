@@ -8,9 +8,10 @@
 #include <stdint.h>
 
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include <marlo/base/mutex.h>
 
 /* The parser takes elements of the XML library; clients never need its header. */
 namespace tinyxml2 {
@@ -21,7 +22,8 @@ namespace tessaro::marlo {
 
 namespace detail {
 struct BoardConfigsAccess;
-}
+struct LastReads;
+}  // namespace detail
 
 class GlobalCameraConfig {
   public:
@@ -124,9 +126,11 @@ class GlobalCameraConfig {
 
   private:
     friend struct detail::BoardConfigsAccess;
+    friend struct detail::LastReads;
 
-    static std::mutex board_configs_mutex_;
-    static std::vector<BoardConfig> board_configs_;
+    /* Also guards the record of the files read (detail::LastReads). */
+    static Mutex board_configs_mutex_;
+    static std::vector<BoardConfig> board_configs_ MARLO_GUARDED_BY(board_configs_mutex_);
 
     std::string model_;
 };

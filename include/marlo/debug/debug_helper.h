@@ -8,15 +8,14 @@
  */
 #pragma once
 
+#include <marlo/base/mutex.h>
 #include <marlo/base/thread.h>
 #include <stdint.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <list>
 #include <map>
-#include <mutex>
 #include <string>
 
 namespace tessaro::marlo {
@@ -111,25 +110,27 @@ class DebugHelper {
     bool withCamera(const std::string& deviceNode, const std::function<void(CameraInfo&)>& change);
     void timerLoop(unsigned int generation);
 
-    mutable std::mutex dataMutex_;
-    std::map<unsigned int, StreamInfo> streams_;
-    std::map<std::string, CameraInfo> cameras_;
-    std::list<std::string> cache_;
+    /* Keeps two reports from being written into the file at the same time. */
+    Mutex fileMutex_;
 
-    std::mutex timerMutex_;
+    /* Lock order: fileMutex_, then dataMutex_; timerMutex_, then sleepMutex_. */
+    mutable Mutex dataMutex_ MARLO_ACQUIRED_AFTER(fileMutex_);
+    std::map<unsigned int, StreamInfo> streams_ MARLO_GUARDED_BY(dataMutex_);
+    std::map<std::string, CameraInfo> cameras_ MARLO_GUARDED_BY(dataMutex_);
+    std::list<std::string> cache_ MARLO_GUARDED_BY(dataMutex_);
+
+    /* Serialises starting and stopping the report thread. */
+    Mutex timerMutex_;
     std::atomic<bool> running_{true};
     std::atomic<int> interval_{0};
     /* Counts timer starts, so that a loop of an earlier start ends. */
     std::atomic<unsigned int> timerGeneration_{0};
 
     /* Lets the report thread's sleep end early when the running flag is cleared. */
-    std::mutex sleepMutex_;
-    std::condition_variable sleepCond_;
+    Mutex sleepMutex_ MARLO_ACQUIRED_AFTER(timerMutex_);
+    ConditionVariable sleepCond_;
 
-    /* Keeps two reports from being written into the file at the same time. */
-    std::mutex fileMutex_;
-
-    Thread timer_;
+    Thread timer_ MARLO_GUARDED_BY(timerMutex_);
 
     static std::atomic<bool> started_;
 };

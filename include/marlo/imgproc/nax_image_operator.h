@@ -10,9 +10,9 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include <marlo/base/mutex.h>
 #include "marlo/imgproc/nax_buffer_hold.h"
 
 /*
@@ -133,7 +133,7 @@ class NaxImageOperator {
     /* Gives a held import back, if the engine is still loaded. */
     static void releaseHeld(uint32_t handle);
 
-    static int resolve_symbles();
+    static int resolve_symbles() MARLO_REQUIRES(mutex_);
     void releaseHandle(uint32_t handle) const;
     /* Releases the handles of one job unless the cache keeps them. */
     void releaseUncached(uint32_t first, uint32_t second) const;
@@ -144,8 +144,12 @@ class NaxImageOperator {
 
     std::unique_ptr<HandleCache> cache_;
 
+    /*
+     * Serialises the one resolve of the engine's symbols: nax_ops_ is set
+     * under it by the first operator made and only read after that.
+     */
+    static Mutex mutex_;
     static std::unique_ptr<NaxOps> nax_ops_;
-    static std::mutex mutex_;
 };
 
 /* The engine's format code of a fourcc, or -2 when the engine lacks it. */

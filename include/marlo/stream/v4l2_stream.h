@@ -15,11 +15,11 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include <marlo/base/mutex.h>
 #include <marlo/buffer/frame_buffer.h>
 #include <marlo/camera/stream_event.h>
 
@@ -111,6 +111,7 @@ class VirtualCamera;
 namespace detail {
 class EventListenerSlot;
 struct StreamRegistryAccess;
+struct DeviceUses;
 }  // namespace detail
 
 class V4l2Stream {
@@ -184,6 +185,7 @@ class V4l2Stream {
 
   private:
     friend struct detail::StreamRegistryAccess;
+    friend struct detail::DeviceUses;
 
     /*
      * Destroys a camera that left the registry (after short holds of other
@@ -196,18 +198,23 @@ class V4l2Stream {
     std::string device_id_;
     std::shared_ptr<VirtualCamera> virtual_camera_;
     /* Shared with a call under way, so a replacement never destroys a running callback. */
-    std::shared_ptr<FrameCallback> frame_callback_;
+    std::shared_ptr<FrameCallback> frame_callback_ MARLO_GUARDED_BY(callback_mutex_);
     int32_t width_ = 0;
     int32_t height_ = 0;
     int32_t format_ = 0;
     int32_t client_id_ = -1;
     /* Guards frame_callback_; never held while the callback runs. */
-    std::mutex callback_mutex_;
+    Mutex callback_mutex_;
     /* The client's event listener; handed to every virtual camera this stream opens. */
     std::shared_ptr<detail::EventListenerSlot> events_;
 
-    static std::unordered_map<std::string, std::shared_ptr<HalCamera>> active_cameras_;
-    static std::mutex active_cameras_mutex_;
+    /*
+     * The registry lock; a leaf lock: no camera or client lock is taken
+     * under it, and it is not taken under one.
+     */
+    static Mutex active_cameras_mutex_;
+    static std::unordered_map<std::string, std::shared_ptr<HalCamera>> active_cameras_
+        MARLO_GUARDED_BY(active_cameras_mutex_);
 };
 
 }  // namespace tessaro::marlo

@@ -13,10 +13,10 @@
 #include <atomic>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include <marlo/base/mutex.h>
 #include <marlo/base/unique_fd.h>
 #include <marlo/v4l2/v4l2_device.h>
 
@@ -180,8 +180,8 @@ class V4l2VideoDevice : public V4l2Device {
 
   protected:
     bool IsMultiPlanar() const;
-    /* Destroys every buffer of both lists; both list mutexes are held. */
-    void ClearBuffersLocked();
+    /* Destroys every buffer of both lists. */
+    void ClearBuffers() MARLO_REQUIRES(unqueued_mutex_, queued_mutex_);
     void RememberGrantedFormat(const v4l2_format& fmt);
     /* Copies the driver's format answer into \a format, as GetFormat reports it. */
     void CopyFormatAnswer(const v4l2_format& fmt, V4l2Format& format) const;
@@ -205,11 +205,14 @@ class V4l2VideoDevice : public V4l2Device {
     /* The driver's answer to the last successful S_FMT; fourcc 0 before one. */
     V4l2Format granted_format_ = {};
 
-    /* Declared so that the queued list is destroyed before the unqueued one. */
-    std::mutex unqueued_mutex_;
-    std::vector<std::unique_ptr<V4l2Buffer>> unqueued_buffers_;
-    std::mutex queued_mutex_;
-    std::vector<std::unique_ptr<V4l2Buffer>> queued_buffers_;
+    /*
+     * Declared so that the queued list is destroyed before the unqueued one.
+     * Lock order: unqueued_mutex_, then queued_mutex_ when both are taken.
+     */
+    Mutex unqueued_mutex_;
+    std::vector<std::unique_ptr<V4l2Buffer>> unqueued_buffers_ MARLO_GUARDED_BY(unqueued_mutex_);
+    Mutex queued_mutex_ MARLO_ACQUIRED_AFTER(unqueued_mutex_);
+    std::vector<std::unique_ptr<V4l2Buffer>> queued_buffers_ MARLO_GUARDED_BY(queued_mutex_);
 };
 
 }  // namespace tessaro::marlo
