@@ -175,8 +175,10 @@ void V4l2Buffer::SetDmaFd(int fd, unsigned plane) {
 V4l2VideoDevice::V4l2VideoDevice(const std::string& path) : V4l2Device(path) {}
 
 V4l2VideoDevice::~V4l2VideoDevice() {
-    /* Nothing else can reach the lists any more. */
-    ClearBuffersLocked();
+    /* Nothing else can reach the lists any more; the locks cost nothing here and keep the rule. */
+    MutexLocker unqueuedLock(unqueued_mutex_);
+    MutexLocker queuedLock(queued_mutex_);
+    ClearBuffers();
 }
 
 bool V4l2VideoDevice::IsMultiPlanar() const {
