@@ -258,12 +258,12 @@ void CaptureSupervisor::arm(std::chrono::milliseconds delay) {
     if (!timer_.isValid())
         return;
     auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(delay).count();
-    struct itimerspec spec = {};
+    struct itimerspec expiry = {};
     /* A zero value would disarm the timer: fire at once instead. */
     ns = std::max<long long>(ns, 1);
-    spec.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
-    spec.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
-    if (timerfd_settime(timer_.get(), 0, &spec, nullptr) != 0)
+    expiry.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
+    expiry.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
+    if (timerfd_settime(timer_.get(), 0, &expiry, nullptr) != 0)
         SUP_LOG(MARLO_LOG_ERROR, "arming the capture timer failed: %s", strerror(errno));
 }
 
