@@ -22,7 +22,9 @@
  *   Cycle     jobs into N full-HD client buffers in turn, as a camera with
  *             N lent buffers runs them, with and without a hold on each
  *   First     the first job into a buffer the engine never saw, with and
- *             without a hold taken beforehand, beside a later job
+ *             without a hold taken beforehand, beside a later job; and
+ *             libyuv alone into a fresh buffer faulted in beforehand,
+ *             beside a later one: the memory's own part of a first job
  */
 #include <linux/videodev2.h>
 #include <sys/mman.h>
@@ -530,6 +532,76 @@ void BM_First(benchmark::State& state, uint32_t fourcc, int mode) {
     state.counters["job_us"] = Median(times);
 }
 
+/* A fresh buffer mapped here and faulted in for writing, as a hold does it,
+ * without a byte written. */
+class FaultedIn {
+  public:
+    explicit FaultedIn(size_t size) : frame_(kWidth, kHeight, 0, 0, size, false), size_(size) {
+        void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, frame_.fd(), 0);
+        if (p == MAP_FAILED || madvise(p, size, kPopulateWrite) != 0)
+            abort();
+        data_ = static_cast<uint8_t*>(p);
+    }
+    ~FaultedIn() { munmap(data_, size_); }
+    FaultedIn(const FaultedIn&) = delete;
+    FaultedIn& operator=(const FaultedIn&) = delete;
+
+    uint8_t* data() const { return data_; }
+
+  private:
+    static constexpr int kPopulateWrite = 23; /* MADV_POPULATE_WRITE, Linux 5.14 */
+    Frame frame_;
+    size_t size_;
+    uint8_t* data_ = nullptr;
+};
+
+/* libyuv's full-HD NV12 to NV12 (plane copies) or to RGBA into \a dst. */
+double LibyuvJob(const Frame& src, uint32_t fourcc, uint8_t* dst) {
+    const uint8_t* y = src.data();
+    const uint8_t* uv = y + static_cast<size_t>(kWidth) * kHeight;
+    const double t0 = WallMicros();
+    if (fourcc == V4L2_PIX_FMT_NV12) {
+        libyuv::CopyPlane(y, kWidth, dst, kWidth, kWidth, kHeight);
+        libyuv::CopyPlane(uv, kWidth, dst + static_cast<size_t>(kWidth) * kHeight, kWidth, kWidth,
+                          kHeight / 2);
+    } else {
+        libyuv::NV12ToABGR(y, kWidth, uv, kWidth, dst, kWidth * 4, kWidth, kHeight);
+    }
+    return WallMicros() - t0;
+}
+
+/* The floor under First/held: what a fresh, faulted-in buffer costs libyuv
+ * alone over one it wrote before. */
+void BM_FirstLibyuv(benchmark::State& state, uint32_t fourcc, bool fresh) {
+    Frame src(kWidth, kHeight, NAX_FORMAT_YCbCr_420_SP, V4L2_PIX_FMT_NV12,
+              Nv12Size(kWidth, kHeight));
+    const size_t size = ClientFrame(fourcc)->size();
+    std::vector<std::unique_ptr<FaultedIn>> warm;
+    for (int i = 0; i < 4; i++) {
+        warm.push_back(std::make_unique<FaultedIn>(size));
+        LibyuvJob(src, fourcc, warm.back()->data());
+    }
+    std::vector<double> times;
+    size_t next = 0;
+    std::unique_ptr<FaultedIn> previous;
+    for (auto _ : state) {
+        double t;
+        if (fresh) {
+            /* The last buffer goes after this one is faulted in: a fresh
+             * buffer is not the memory a buffer freed just now had. */
+            auto dst = std::make_unique<FaultedIn>(size);
+            t = LibyuvJob(src, fourcc, dst->data());
+            previous = std::move(dst);
+        } else {
+            t = LibyuvJob(src, fourcc, warm[next]->data());
+            next = (next + 1) % warm.size();
+        }
+        state.SetIterationTime(t / 1e6);
+        times.push_back(t);
+    }
+    state.counters["job_us"] = Median(times);
+}
+
 void Register() {
     benchmark::RegisterBenchmark("Import/ImportRelease", BM_ImportRelease);
     benchmark::RegisterBenchmark("Import/MmapMunmap", BM_MmapMunmap);
@@ -560,6 +632,12 @@ void Register() {
         for (int mode = 0; mode < 3; mode++)
             benchmark::RegisterBenchmark(("First/" + f + "/" + modes[mode]).c_str(), BM_First,
                                          fourcc, mode)
+                ->UseManualTime()
+                ->Unit(benchmark::kMicrosecond);
+        for (bool fresh : {true, false})
+            benchmark::RegisterBenchmark(
+                ("First/" + f + (fresh ? "/libyuv_fresh" : "/libyuv_warm")).c_str(), BM_FirstLibyuv,
+                fourcc, fresh)
                 ->UseManualTime()
                 ->Unit(benchmark::kMicrosecond);
     }

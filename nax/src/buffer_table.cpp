@@ -145,7 +145,7 @@ uint32_t BufferTable::ImportFd(int fd) {
             entry.handles++;
         else if (entry.handles == 0)
             MakeIdle(key, &entry);
-        DropIdle(Clock::now(), &dropped);
+        TrimIdle(Clock::now(), &dropped);
     }
     return handle;
 }
@@ -191,7 +191,7 @@ int BufferTable::Release(uint32_t handle) {
             MakeIdle(key, &entry->second);
         dropped.push_back(std::move(mapping));
     }
-    DropIdle(now, &dropped);
+    TrimIdle(now, &dropped);
     return 0;
 }
 
@@ -222,7 +222,8 @@ void BufferTable::ReaperLoop() {
         /* The front of idle_ turned idle first. */
         auto entry = mappings_.find(idle_.front());
         if (entry != mappings_.end())
-            reaperWake_.wait_until(lock, entry->second.idleSince + kIdleLifetime);
+            reaperWake_.wait_until(lock, entry->second.idleSince + kIdleLifetime,
+                                   [this] { return reaperStopped_ || idle_.size() > kMaxIdle; });
         std::list<std::shared_ptr<Mapping>> dropped;
         DropIdle(Clock::now(), &dropped);
         lock.unlock();
@@ -287,6 +288,15 @@ void BufferTable::DropIdle(Clock::time_point now, std::list<std::shared_ptr<Mapp
         }
         idle_.pop_front();
     }
+}
+
+void BufferTable::TrimIdle(Clock::time_point now, std::list<std::shared_ptr<Mapping>>* out) {
+    if (!reaperRunning_) {
+        DropIdle(now, out);
+        return;
+    }
+    if (idle_.size() > kMaxIdle)
+        reaperWake_.notify_one();
 }
 
 bool BufferTable::Lookup(uint32_t handle, BufferRef* ref) {

@@ -30,7 +30,9 @@
  * maps a buffer twice; it is also the longest a buffer freed by its client
  * stays pinned by this engine. A background thread, started when the first
  * mapping turns idle and ending when none is left, drops them on time even
- * when no other engine call follows (a stream that stopped). kMaxIdle
+ * when no other engine call follows (a stream that stopped), and drops the
+ * ones past kMaxIdle too, so that a job never unmaps a buffer somebody
+ * forgot (a client that lends fresh sets often). kMaxIdle
  * (128) bounds the cycle of buffers a caller that holds nothing can go
  * through without mapping them again: beyond it every import misses, so
  * callers with more buffers than that hold them.
@@ -133,6 +135,9 @@ class BufferTable {
     std::shared_ptr<Mapping> MapFile(int fd, Key key, uint64_t size);
     /* Moves the mappings to drop into `out`, to be unmapped unlocked. */
     void DropIdle(Clock::time_point now, std::list<std::shared_ptr<Mapping>>* out);
+    /* DropIdle for an import or a release: while the reaper runs it does
+     * the unmapping, so that no job pays for unmapping another buffer. */
+    void TrimIdle(Clock::time_point now, std::list<std::shared_ptr<Mapping>>* out);
     /* Marks a mapping idle now; mutex_ held. */
     void MakeIdle(const Key& key, CacheEntry* entry);
     void ReaperLoop();

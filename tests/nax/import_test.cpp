@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -26,6 +27,28 @@
 #include "support/log_capture.h"
 
 using namespace nax_test;
+
+namespace {
+
+/* munmap calls of this size are counted by the thread that makes them. */
+std::atomic<size_t> g_watchedUnmapSize{0};
+std::atomic<int> g_unmapsByReaper{0};
+std::atomic<int> g_unmapsElsewhere{0};
+
+}  // namespace
+
+/* Every munmap of this executable and of the engine passes here on its way
+ * to the C library. */
+extern "C" int munmap(void* addr, size_t length) {
+    using Fn = int (*)(void*, size_t);
+    static const Fn next = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "munmap"));
+    if (length != 0 && length == g_watchedUnmapSize.load()) {
+        char name[16] = {};
+        pthread_getname_np(pthread_self(), name, sizeof(name));
+        (strcmp(name, "nax_reaper") == 0 ? g_unmapsByReaper : g_unmapsElsewhere)++;
+    }
+    return next(addr, length);
+}
 
 namespace {
 
@@ -156,8 +179,41 @@ TEST(Import, IdleMappingsAreBounded) {
         ASSERT_NE(0u, h);
         ASSERT_EQ(0, nax_release_handle(h));
     }
+    /* The engine's thread trims the excess at once. */
+    for (int i = 0; i < 200 && MappingsOf("nax_idle") > 128; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_LE(MappingsOf("nax_idle"), 128);
     EXPECT_GE(MappingsOf("nax_idle"), 100);
+}
+
+/*
+ * Past the bound, the idle mappings a release leaves go on the engine's own
+ * thread: an import or a release (a frame's job) never unmaps a buffer
+ * somebody forgot, which costs as much as converting into it.
+ */
+TEST(Import, MappingsPastTheBoundAreUnmappedOffTheCallersThread) {
+    constexpr size_t kSize = 5 * 4096; /* a size no other mapping here has */
+    constexpr int kBuffers = 160;
+    g_unmapsByReaper = 0;
+    g_unmapsElsewhere = 0;
+    g_watchedUnmapSize = kSize;
+    std::vector<std::unique_ptr<Memfd>> mems;
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < kBuffers; i++) {
+        mems.push_back(std::make_unique<Memfd>("nax_excess", kSize, 0));
+        const uint32_t h = nax_import_fd(mems.back()->fd(), nullptr);
+        ASSERT_NE(0u, h);
+        ASSERT_EQ(0, nax_release_handle(h));
+    }
+    /* Trimmed at once, long before the idle lifetime. */
+    while (MappingsOf("nax_excess") > 128 &&
+           std::chrono::steady_clock::now() - start < std::chrono::seconds(1))
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    const int mapped = MappingsOf("nax_excess");
+    g_watchedUnmapSize = 0;
+    EXPECT_LE(mapped, 128);
+    EXPECT_EQ(0, g_unmapsElsewhere.load());
+    EXPECT_EQ(kBuffers - mapped, g_unmapsByReaper.load());
 }
 
 /*
