@@ -26,26 +26,29 @@ struct Tap {
  * output pixel when shrinking, first and last pixels on the source's first
  * and last when enlarging.
  */
-void Slope(int src, int dst, int64_t* start, int64_t* step) {
+struct Slope {
+    int64_t start;
+    int64_t step;
+};
+
+/* The positions of dst output pixels over src source ones. */
+Slope SlopeOf(int src, int dst) {
     if (dst <= src) {
-        *step = (static_cast<int64_t>(src) << 16) / dst;
-        *start = (*step >> 1) - 32768;
-    } else if (src > 1 && dst > 1) {
-        *step = ((static_cast<int64_t>(src) << 16) - 0x10001) / (dst - 1);
-        *start = 0;
-    } else {
-        *step = 0;
-        *start = 0;
+        const int64_t step = (static_cast<int64_t>(src) << 16) / dst;
+        return Slope{(step >> 1) - 32768, step};
     }
+    if (src > 1 && dst > 1)
+        return Slope{0, ((static_cast<int64_t>(src) << 16) - 0x10001) / (dst - 1)};
+    return Slope{0, 0};
 }
 
 /* The two neighbours of position i and the second's weight in units of
  * 1 / (1 << bits), rounded; the last source pixel is reached as a full
  * weight on the second of the last pair. */
-Tap TapAt(int64_t start, int64_t step, int i, int size, int bits) {
+Tap TapAt(const Slope& slope, int i, int size, int bits) {
     if (size < 2)
         return Tap{0, 0};
-    int64_t pos = start + step * i;
+    int64_t pos = slope.start + slope.step * i;
     pos = std::clamp<int64_t>(pos, 0, static_cast<int64_t>(size - 1) << 16);
     int index = static_cast<int>(pos >> 16);
     const int one = 1 << bits;
@@ -63,12 +66,10 @@ Tap TapAt(int64_t start, int64_t step, int i, int size, int bits) {
 
 /* The taps of every output column. */
 std::vector<Tap> ColumnTaps(int sw, int dw) {
-    int64_t start;
-    int64_t step;
-    Slope(sw, dw, &start, &step);
+    const Slope slope = SlopeOf(sw, dw);
     std::vector<Tap> taps(static_cast<size_t>(dw));
     for (int i = 0; i < dw; i++)
-        taps[static_cast<size_t>(i)] = TapAt(start, step, i, sw, 7);
+        taps[static_cast<size_t>(i)] = TapAt(slope, i, sw, 7);
     return taps;
 }
 
@@ -163,13 +164,11 @@ void BlendRows(const uint8_t* a, const uint8_t* b, int weight, uint8_t* out, int
  */
 void ScaleRowsFirst(const uint8_t* src, int srcStride, int sw, int sh, uint8_t* dst, int dstStride,
                     int dw, int dh, int row0, int row1) {
-    int64_t start;
-    int64_t step;
-    Slope(sh, dh, &start, &step);
+    const Slope slope = SlopeOf(sh, dh);
     const ColumnWeights cols = MakeColumns(sw, dw);
     std::vector<uint8_t> row(4 * static_cast<size_t>(sw));
     for (int j = row0; j < row1; j++) {
-        const Tap t = TapAt(start, step, j, sh, 8);
+        const Tap t = TapAt(slope, j, sh, 8);
         const uint8_t* a = src + static_cast<size_t>(t.index) * srcStride;
         const uint8_t* b = sh > 1 ? a + srcStride : a;
         if (t.weight == 256)
@@ -190,9 +189,7 @@ void ScaleRowsFirst(const uint8_t* src, int srcStride, int sw, int sh, uint8_t* 
  */
 void ScaleColumnsFirst(const uint8_t* src, int srcStride, int sw, int sh, uint8_t* dst,
                        int dstStride, int dw, int dh, int row0, int row1) {
-    int64_t start;
-    int64_t step;
-    Slope(sh, dh, &start, &step);
+    const Slope slope = SlopeOf(sh, dh);
     const ColumnWeights cols = MakeColumns(sw, dw);
     const size_t bytes = 4 * static_cast<size_t>(dw);
     std::vector<uint8_t> cache(2 * bytes);
@@ -210,7 +207,7 @@ void ScaleColumnsFirst(const uint8_t* src, int srcStride, int sw, int sh, uint8_
         return rows[slot];
     };
     for (int j = row0; j < row1; j++) {
-        const Tap t = TapAt(start, step, j, sh, 8);
+        const Tap t = TapAt(slope, j, sh, 8);
         const int second = sh > 1 ? t.index + 1 : t.index;
         /* Row y always lands in slot y % 2, so a step down keeps one. */
         const uint8_t* a = filtered(t.index, t.index & 1);

@@ -18,10 +18,6 @@ namespace nax {
 
 namespace {
 
-int Half(int n) {
-    return (n + 1) / 2;
-}
-
 /* Planar 4:2:2 scratch planes. */
 struct I422 {
     I422(int w, int h)

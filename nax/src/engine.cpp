@@ -40,10 +40,6 @@ namespace nax {
 
 namespace {
 
-int Half(int n) {
-    return (n + 1) / 2;
-}
-
 libyuv::FilterMode ToLibyuv(Filter f) {
     switch (f) {
         case Filter::Nearest:

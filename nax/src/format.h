@@ -43,6 +43,11 @@ inline int ChromaShiftY(const FormatInfo* f) {
     return f->kind == Kind::Semi420 || f->kind == Kind::Planar420 ? 1 : 0;
 }
 
+/* Samples of a half-resolution chroma line or column for n luma ones (rounded up). */
+inline int Half(int n) {
+    return (n + 1) / 2;
+}
+
 /* A rectangle of pixels inside an image. */
 struct Rect {
     int x;

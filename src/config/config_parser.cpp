@@ -9,7 +9,6 @@
 
 #include <cstring>
 
-using tinyxml2::XMLAttribute;
 using tinyxml2::XMLElement;
 
 namespace tessaro::marlo {
@@ -18,22 +17,40 @@ namespace {
 
 constexpr char kTag[] = "marlo_config";
 
-void QueryInt(const XMLElement* element, const char* name, int* value) {
-    const XMLAttribute* attribute = element->FindAttribute(name);
-    if (attribute != nullptr)
-        attribute->QueryIntValue(value);
+/*
+ * Reads the attributes \a fields of \a parent's first child element \a name,
+ * when there is one.
+ */
+template <typename Number>
+void QueryChildAttributes(const XMLElement* parent, const char* name,
+                          std::initializer_list<std::pair<const char*, Number*>> fields) {
+    const XMLElement* child = parent->FirstChildElement(name);
+    if (child == nullptr)
+        return;
+    for (const auto& [attribute, value] : fields)
+        child->QueryAttribute(attribute, value);
 }
 
-void QueryFloat(const XMLElement* element, const char* name, float* value) {
-    const XMLAttribute* attribute = element->FindAttribute(name);
-    if (attribute != nullptr)
-        attribute->QueryFloatValue(value);
+/* Hands every child element \a name of \a parent to \a visit, in document order. */
+template <typename Visit>
+void ForEachChild(const XMLElement* parent, const char* name, Visit visit) {
+    for (const XMLElement* child = parent->FirstChildElement(name); child != nullptr;
+         child = child->NextSiblingElement(name))
+        visit(child);
 }
 
-void QueryDouble(const XMLElement* element, const char* name, double* value) {
-    const XMLAttribute* attribute = element->FindAttribute(name);
-    if (attribute != nullptr)
-        attribute->QueryDoubleValue(value);
+/*
+ * Parses every child element \a name of \a parent with \a parse into
+ * \a records, logging each record's id for \a operation.
+ */
+template <typename Record, typename Parse>
+void ParseChildren(const XMLElement* parent, const char* name, const char* operation, Parse parse,
+                   std::vector<Record>* records) {
+    ForEachChild(parent, name, [&](const XMLElement* child) {
+        Record record = parse(child);
+        marlo_log(MARLO_LOG_INFO, kTag, "%s: parsed %s id:%d!", operation, name, record.id);
+        records->push_back(std::move(record));
+    });
 }
 
 void QueryString(const XMLElement* element, const char* name, std::string* value) {
@@ -84,15 +101,15 @@ GlobalCameraConfig::StreamConfig GlobalCameraConfig::parseStreamConfig(const XML
     StreamConfig stream;
     if (element == nullptr)
         return stream;
-    QueryInt(element, "id", &stream.id);
+    element->QueryAttribute("id", &stream.id);
     const char* format = element->Attribute("format");
     if (format != nullptr)
         stream.format = FourccFromText(format, stream.id);
-    QueryInt(element, "width", &stream.width);
-    QueryInt(element, "height", &stream.height);
-    QueryInt(element, "buf_cnt", &stream.buf_cnt);
+    element->QueryAttribute("width", &stream.width);
+    element->QueryAttribute("height", &stream.height);
+    element->QueryAttribute("buf_cnt", &stream.buf_cnt);
     /* Optional: the frame rate to ask the node for; 0 leaves the driver's own. */
-    QueryFloat(element, "fps", &stream.fps);
+    element->QueryAttribute("fps", &stream.fps);
     if (!(stream.fps > 0))
         stream.fps = 0;
     return stream;
@@ -109,36 +126,20 @@ GlobalCameraConfig::CameraParam GlobalCameraConfig::parseCameraParam(const XMLEl
         param.location = location->GetText();
     ReadText("parseCameraParam", element, "lensFacing", &param.lensFacing);
 
-    const XMLElement* orientation = element->FirstChildElement("orientation");
-    if (orientation != nullptr) {
-        QueryFloat(orientation, "roll", &param.roll);
-        QueryFloat(orientation, "pitch", &param.pitch);
-        QueryFloat(orientation, "yaw", &param.yaw);
-    }
-
+    QueryChildAttributes<float>(
+        element, "orientation",
+        {{"roll", &param.roll}, {"pitch", &param.pitch}, {"yaw", &param.yaw}});
     /* The element is spelled so in every file in the field. */
-    const XMLElement* intrinsic = element->FirstChildElement("instrinsic");
-    if (intrinsic != nullptr) {
-        QueryFloat(intrinsic, "fx", &param.fx);
-        QueryFloat(intrinsic, "fy", &param.fy);
-        QueryFloat(intrinsic, "cx", &param.cx);
-        QueryFloat(intrinsic, "cy", &param.cy);
-    }
-
-    const XMLElement* fov = element->FirstChildElement("fov");
-    if (fov != nullptr) {
-        QueryFloat(fov, "hfov", &param.hfov);
-        QueryFloat(fov, "vfov", &param.vfov);
-    }
-
-    const XMLElement* distortion = element->FirstChildElement("distortion");
-    if (distortion != nullptr) {
-        QueryDouble(distortion, "k1", &param.k1);
-        QueryDouble(distortion, "k2", &param.k2);
-        QueryDouble(distortion, "p1", &param.p1);
-        QueryDouble(distortion, "p2", &param.p2);
-        QueryDouble(distortion, "k3", &param.k3);
-    }
+    QueryChildAttributes<float>(
+        element, "instrinsic",
+        {{"fx", &param.fx}, {"fy", &param.fy}, {"cx", &param.cx}, {"cy", &param.cy}});
+    QueryChildAttributes<float>(element, "fov", {{"hfov", &param.hfov}, {"vfov", &param.vfov}});
+    QueryChildAttributes<double>(element, "distortion",
+                                 {{"k1", &param.k1},
+                                  {"k2", &param.k2},
+                                  {"p1", &param.p1},
+                                  {"p2", &param.p2},
+                                  {"k3", &param.k3}});
     return param;
 }
 
@@ -147,7 +148,7 @@ GlobalCameraConfig::ChannelConfig GlobalCameraConfig::parseChannelConfig(
     ChannelConfig channel;
     if (element == nullptr)
         return channel;
-    QueryInt(element, "id", &channel.id);
+    element->QueryAttribute("id", &channel.id);
     QueryString(element, "dev", &channel.dev);
 
     if (element->FirstChildElement("cameraModel") == nullptr)
@@ -160,13 +161,7 @@ GlobalCameraConfig::ChannelConfig GlobalCameraConfig::parseChannelConfig(
     if (param != nullptr)
         channel.cameraParam = parseCameraParam(param);
 
-    for (const XMLElement* child = element->FirstChildElement("stream"); child != nullptr;
-         child = child->NextSiblingElement("stream")) {
-        StreamConfig stream = parseStreamConfig(child);
-        marlo_log(MARLO_LOG_INFO, kTag, "%s: parsed stream id:%d!", "parseChannelConfig",
-                  stream.id);
-        channel.streams.push_back(stream);
-    }
+    ParseChildren(element, "stream", "parseChannelConfig", parseStreamConfig, &channel.streams);
     return channel;
 }
 
@@ -174,7 +169,7 @@ GlobalCameraConfig::CameraConfig GlobalCameraConfig::parseCameraConfig(const XML
     CameraConfig camera;
     if (element == nullptr)
         return camera;
-    QueryInt(element, "id", &camera.id);
+    element->QueryAttribute("id", &camera.id);
     ReadText("parseCameraConfig", element, "entity", &camera.entity);
     ReadText("parseCameraConfig", element, "subDev", &camera.subDev);
     ReadText("parseCameraConfig", element, "mbusCode", &camera.mbusCode);
@@ -182,13 +177,7 @@ GlobalCameraConfig::CameraConfig GlobalCameraConfig::parseCameraConfig(const XML
     const XMLElement* channels = element->FirstChildElement("channels");
     if (channels == nullptr)
         return camera;
-    for (const XMLElement* child = channels->FirstChildElement("channel"); child != nullptr;
-         child = child->NextSiblingElement("channel")) {
-        ChannelConfig channel = parseChannelConfig(child);
-        marlo_log(MARLO_LOG_INFO, kTag, "%s: parsed channel id:%d!", "parseCameraConfig",
-                  channel.id);
-        camera.channels.push_back(std::move(channel));
-    }
+    ParseChildren(channels, "channel", "parseCameraConfig", parseChannelConfig, &camera.channels);
     return camera;
 }
 
@@ -197,7 +186,7 @@ namespace {
 /* One <inputMap>: its mapping and its calibration go into \a board. */
 void ParseInputMap(const XMLElement* inputMap, GlobalCameraConfig::BoardConfig* board) {
     int camId = -1;
-    QueryInt(inputMap, "camId", &camId);
+    inputMap->QueryAttribute("camId", &camId);
     if (camId < 0)
         return;
 
@@ -208,9 +197,9 @@ void ParseInputMap(const XMLElement* inputMap, GlobalCameraConfig::BoardConfig* 
     }
 
     GlobalCameraConfig::InputSrc src;
-    QueryInt(inputSrc, "cameraId", &src.cameraId);
-    QueryInt(inputSrc, "channelId", &src.channelId);
-    QueryInt(inputSrc, "streamId", &src.streamId);
+    inputSrc->QueryAttribute("cameraId", &src.cameraId);
+    inputSrc->QueryAttribute("channelId", &src.channelId);
+    inputSrc->QueryAttribute("streamId", &src.streamId);
     if (src.cameraId >= 0 && src.channelId >= 0 && src.streamId >= 0) {
         marlo_log(MARLO_LOG_INFO, kTag,
                   "Parsed camera mapping %d stream %d, channel %d of camera %d", camId,
@@ -237,15 +226,8 @@ GlobalCameraConfig::BoardConfig GlobalCameraConfig::parseBoardConfig(const XMLEl
     }
 
     const XMLElement* cameras = element->FirstChildElement("cameras");
-    if (cameras != nullptr) {
-        for (const XMLElement* child = cameras->FirstChildElement("camera"); child != nullptr;
-             child = child->NextSiblingElement("camera")) {
-            CameraConfig camera = parseCameraConfig(child);
-            marlo_log(MARLO_LOG_INFO, kTag, "%s: parsed camera id:%d!", "parseBoardConfig",
-                      camera.id);
-            board.cameras.push_back(std::move(camera));
-        }
-    }
+    if (cameras != nullptr)
+        ParseChildren(cameras, "camera", "parseBoardConfig", parseCameraConfig, &board.cameras);
 
     const XMLElement* mapping = element->FirstChildElement("inputMapping");
     if (mapping == nullptr) {
@@ -253,9 +235,8 @@ GlobalCameraConfig::BoardConfig GlobalCameraConfig::parseBoardConfig(const XMLEl
                   "parseBoardConfig");
         return board;
     }
-    for (const XMLElement* child = mapping->FirstChildElement("inputMap"); child != nullptr;
-         child = child->NextSiblingElement("inputMap"))
-        ParseInputMap(child, &board);
+    ForEachChild(mapping, "inputMap",
+                 [&board](const XMLElement* child) { ParseInputMap(child, &board); });
     return board;
 }
 

@@ -2,7 +2,7 @@
  * The debug-state report. Updates come from the capture threads (frame
  * numbers, drops, 2D-engine times) and from client threads (states); the data
  * mutex guards the tables and the line cache. The report is written outside
- * that mutex, from a copy taken under it, so that a slow file never holds up
+ * that mutex, from copies taken under it, so that a slow file never holds up
  * a capture thread and a report never reads a string while it is replaced.
  */
 #include <marlo/base/logger.h>
@@ -56,6 +56,16 @@ bool SwitchedOn() {
     return on->get() != 0;
 }
 
+/* Applies \a change to the entry of \a table under \a key; false when there is none. */
+template <typename Table, typename Change>
+bool ChangeEntry(Table& table, const typename Table::key_type& key, const Change& change) {
+    auto it = table.find(key);
+    if (it == table.end())
+        return false;
+    change(it->second);
+    return true;
+}
+
 }  // namespace
 
 std::atomic<bool> DebugHelper::started_{false};
@@ -76,10 +86,7 @@ DebugHelper::~DebugHelper() {
     /* A thread left running by a switch-off is woken here and joined by ~Thread. */
     running_ = false;
     ++timerGeneration_;
-    {
-        MutexLocker lock(sleepMutex_);
-        sleepCond_.notify_all();
-    }
+    wakeTimerLoop();
 }
 
 void DebugHelper::initialize() {
@@ -162,10 +169,7 @@ bool DebugHelper::isTimerStarted() {
     } else if (started_ && !on) {
         lock.unlock();
         running_ = false;
-        {
-            MutexLocker sleepLock(sleepMutex_);
-            sleepCond_.notify_all();
-        }
+        wakeTimerLoop();
         /* Finds the flag clear and does not wait. */
         stopTimer();
         started_ = false;
@@ -186,10 +190,7 @@ void DebugHelper::startTimer() {
     unsigned int generation = ++timerGeneration_;
     bool replaced = timer_.joinable();
     if (replaced) {
-        {
-            MutexLocker sleepLock(sleepMutex_);
-            sleepCond_.notify_all();
-        }
+        wakeTimerLoop();
         timer_.stop();
         timer_.join();
     }
@@ -215,11 +216,13 @@ void DebugHelper::stopTimer() {
     if (!running_)
         return;
     running_ = false;
-    {
-        MutexLocker sleepLock(sleepMutex_);
-        sleepCond_.notify_all();
-    }
+    wakeTimerLoop();
     timer_.stop();
+}
+
+void DebugHelper::wakeTimerLoop() {
+    MutexLocker lock(sleepMutex_);
+    sleepCond_.notify_all();
 }
 
 void DebugHelper::timerLoop(unsigned int generation) {
@@ -238,15 +241,10 @@ void DebugHelper::timerLoop(unsigned int generation) {
 
 void DebugHelper::dumpDebugInfo() {
     MutexLocker fileLock(fileMutex_);
-    std::map<unsigned int, StreamInfo> streams;
-    std::map<std::string, CameraInfo> cameras;
-    std::list<std::string> cache;
-    {
-        MutexLocker lock(dataMutex_);
-        streams = streams_;
-        cameras = cameras_;
-        cache = cache_;
-    }
+    /* The same copies tools read; each is taken under the data mutex. */
+    const std::map<unsigned int, StreamInfo> streams = streamInfos();
+    const std::map<std::string, CameraInfo> cameras = cameraInfos();
+    const std::list<std::string> cache = cachedLines();
 
     std::ofstream out(platform::SystemPath(kReportPath), std::ios::out | std::ios::trunc);
     if (!out.is_open()) {
@@ -286,21 +284,13 @@ void DebugHelper::dumpDebugInfo() {
 bool DebugHelper::withStream(unsigned int streamId,
                              const std::function<void(StreamInfo&)>& change) {
     MutexLocker lock(dataMutex_);
-    auto it = streams_.find(streamId);
-    if (it == streams_.end())
-        return false;
-    change(it->second);
-    return true;
+    return ChangeEntry(streams_, streamId, change);
 }
 
 bool DebugHelper::withCamera(const std::string& deviceNode,
                              const std::function<void(CameraInfo&)>& change) {
     MutexLocker lock(dataMutex_);
-    auto it = cameras_.find(deviceNode);
-    if (it == cameras_.end())
-        return false;
-    change(it->second);
-    return true;
+    return ChangeEntry(cameras_, deviceNode, change);
 }
 
 void DebugHelper::updateStreamState(unsigned int streamId, std::string state) {

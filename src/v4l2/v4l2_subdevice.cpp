@@ -27,19 +27,18 @@ void EnumerateAll(V4l2Device& device, unsigned request, Record& record, const ch
     device.LogFailure(what, false, errno);
 }
 
-v4l2_subdev_format ActiveFormat(unsigned pad) {
-    struct v4l2_subdev_format fmt = {};
-    fmt.which = V4L2_SUBDEV_FORMAT_ACTIVE;
-    fmt.pad = pad;
-    return fmt;
+/* A zeroed \a Record addressed to the active configuration of \a pad. */
+template <typename Record>
+Record OnActivePad(unsigned pad) {
+    Record record = {};
+    record.which = V4L2_SUBDEV_FORMAT_ACTIVE;
+    record.pad = pad;
+    return record;
 }
 
 v4l2_subdev_selection ActiveSelection(unsigned pad, unsigned target) {
-    struct v4l2_subdev_selection sel = {};
-    sel.which = V4L2_SUBDEV_FORMAT_ACTIVE;
-    sel.pad = pad;
+    auto sel = OnActivePad<v4l2_subdev_selection>(pad);
     sel.target = target;
-    sel.flags = 0;
     return sel;
 }
 
@@ -54,7 +53,7 @@ int V4l2SubDevice::QueryCap() {
 }
 
 int V4l2SubDevice::GetFormat(unsigned pad, V4l2SubdevFormat& format) {
-    v4l2_subdev_format fmt = ActiveFormat(pad);
+    auto fmt = OnActivePad<v4l2_subdev_format>(pad);
     int ret = Request(VIDIOC_SUBDEV_G_FMT, &fmt, "get fmt", false);
     if (ret < 0)
         return ret;
@@ -65,7 +64,7 @@ int V4l2SubDevice::GetFormat(unsigned pad, V4l2SubdevFormat& format) {
 }
 
 int V4l2SubDevice::SetFormat(unsigned pad, const V4l2SubdevFormat& format) {
-    v4l2_subdev_format fmt = ActiveFormat(pad);
+    auto fmt = OnActivePad<v4l2_subdev_format>(pad);
     fmt.format.width = format.width;
     fmt.format.height = format.height;
     fmt.format.code = format.code;

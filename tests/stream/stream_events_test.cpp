@@ -269,3 +269,21 @@ TEST_F(EventsTest, WithoutAnAskedRateTheDriversOwnStays) {
     EXPECT_EQ(node_->CountRequests(VIDIOC_G_PARM), 1u);
     stream.CloseCamera();
 }
+
+TEST(StreamEventTypeNameTest, EveryEventHasItsNameAndOtherValuesAreUnknown) {
+    using tessaro::marlo::StreamEventTypeName;
+    const std::pair<StreamEventType, std::string> named[] = {
+        {StreamEventType::kStreamStarted, "StreamStarted"},
+        {StreamEventType::kStreamStopped, "StreamStopped"},
+        {StreamEventType::kStartFailed, "StartFailed"},
+        {StreamEventType::kFrameDropped, "FrameDropped"},
+        {StreamEventType::kCaptureStalled, "CaptureStalled"},
+        {StreamEventType::kDeviceLost, "DeviceLost"},
+        {StreamEventType::kDeviceRecovered, "DeviceRecovered"},
+        {StreamEventType::kFormatAdjusted, "FormatAdjusted"},
+    };
+    for (const auto& [type, name] : named)
+        EXPECT_EQ(StreamEventTypeName(type), name);
+    for (int32_t value : {8, 1000, -1, INT32_MIN})
+        EXPECT_STREQ(StreamEventTypeName(static_cast<StreamEventType>(value)), "Unknown") << value;
+}

@@ -109,6 +109,8 @@ class DebugHelper {
     bool withStream(unsigned int streamId, const std::function<void(StreamInfo&)>& change);
     bool withCamera(const std::string& deviceNode, const std::function<void(CameraInfo&)>& change);
     void timerLoop(unsigned int generation);
+    /* Ends the report thread's current sleep, so that it looks at the running flag again. */
+    void wakeTimerLoop();
 
     /* Keeps two reports from being written into the file at the same time. */
     Mutex fileMutex_;
