@@ -11,6 +11,7 @@
 #include <marlo/debug/debug_helper.h>
 #include <marlo/v4l2/v4l2_format.h>
 
+#include "camera/camera_hooks.h"
 #include "camera/capture_supervisor.h"
 #include "camera/event_dispatcher.h"
 #include "camera/frame_fan_out.h"
@@ -421,7 +422,7 @@ std::shared_ptr<VirtualCamera> HalCamera::MakeVirtualCamera(int id) {
         CAM_LOG(MARLO_LOG_ERROR, "Failed to create client camera %d object", id);
         return nullptr;
     }
-    if (!OwnVirtualCamera(vc)) {
+    if (!detail::CameraHooks::Current().ownVirtualCamera(*this, vc)) {
         CAM_LOG(MARLO_LOG_ERROR, "Failed to own a client camera %d object\n", id);
         return nullptr;
     }
