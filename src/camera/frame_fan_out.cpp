@@ -1,6 +1,5 @@
 #include "camera/frame_fan_out.h"
 
-#include <android/sync.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/videodev2.h>
@@ -19,6 +18,7 @@
 
 #include "base/camera_trace.h"
 #include "camera/capture_supervisor.h"
+#include "camera/fence_backend.h"
 
 namespace tessaro::marlo::detail {
 
@@ -53,6 +53,13 @@ ImageBuffer DestinationImage(const std::shared_ptr<FrameBuffer>& frame) {
     image.hstride = static_cast<int32_t>(info.height);
     image.format = static_cast<int32_t>(info.fourcc);
     return image;
+}
+
+FrameFanOut::FrameFanOut(HalCamera* camera) : FrameFanOut(camera, PlatformFences()) {}
+
+void FrameFanOut::UseFences(HalCamera& camera, FenceBackend& fences) {
+    MutexLocker lock(camera.camera_mutex_);
+    camera.fences_ = &fences;
 }
 
 /* Log tooling knows every line of the handler as coming from "operator()". */
@@ -231,12 +238,12 @@ void FrameFanOut::waitForFences(std::vector<UniqueFd> fences, uint32_t sequence)
         std::string name = camera_->device_id_;
         name.push_back(static_cast<char>(sequence & 0xff));
         name.push_back(static_cast<char>(index & 0xff));
-        running = sync_merge(name.c_str(), running, fence);
+        running = fences_->merge(name.c_str(), running, fence);
         merged.emplace_back(running);
         ++index;
     }
 
-    if (running >= 0 && sync_wait(running, kFenceWaitMs) != 0)
+    if (running >= 0 && fences_->wait(running, kFenceWaitMs) != 0)
         FANOUT_LOG(MARLO_LOG_ERROR, "Timeout waiting fence");
     /* merged closes every merge result, fences the frame's own copies of the buffers' fences. */
 }

@@ -6,7 +6,8 @@
  * buffer. A frame the driver flags as erroneous is requeued unconverted, a
  * client without a free set is told it missed the frame, and a dequeue or
  * queue the driver refuses goes to the camera's CaptureSupervisor. It holds
- * only the camera's address.
+ * only the camera's address and the fence backend it merges and waits
+ * through.
  */
 #pragma once
 
@@ -27,11 +28,20 @@ class VirtualCamera;
 
 namespace detail {
 
+class FenceBackend;
+
 class FrameFanOut {
   public:
-    explicit FrameFanOut(HalCamera* camera) : camera_(camera) {}
+    explicit FrameFanOut(HalCamera* camera);
+    FrameFanOut(HalCamera* camera, FenceBackend& fences) : camera_(camera), fences_(&fences) {}
 
     void operator()(int fd, unsigned int events) const;
+
+    /*
+     * Has the fan-outs of \a camera's later capture starts merge and wait
+     * through \a fences, which must outlive the capture.
+     */
+    static void UseFences(HalCamera& camera, FenceBackend& fences);
 
   private:
     /* Converts the frame into \a client's next free set and forwards it, with no lock held. */
@@ -49,6 +59,7 @@ class FrameFanOut {
     void dropErroneous(const V4l2Buffer& buffer) const;
 
     HalCamera* camera_;
+    FenceBackend* fences_;
 };
 
 /* An image that names no memory (fd -1). */

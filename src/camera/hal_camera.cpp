@@ -11,8 +11,10 @@
 #include <marlo/debug/debug_helper.h>
 #include <marlo/v4l2/v4l2_format.h>
 
+#include "camera/camera_hooks.h"
 #include "camera/capture_supervisor.h"
 #include "camera/event_dispatcher.h"
+#include "camera/fence_backend.h"
 #include "camera/frame_fan_out.h"
 
 namespace tessaro::marlo {
@@ -38,7 +40,8 @@ std::string FormatName(uint32_t fourcc) {
 HalCamera::HalCamera(const std::string& deviceId)
     : device_id_(deviceId),
       src_image_(),
-      supervisor_(std::make_unique<detail::CaptureSupervisor>(*this)) {
+      supervisor_(std::make_unique<detail::CaptureSupervisor>(*this)),
+      fences_(&detail::PlatformFences()) {
     src_image_.fd = -1;
 }
 
@@ -173,7 +176,7 @@ int HalCamera::startCapture(VirtualCamera* starter) {
         applyFrameRate(*hw_camera_);
         capture_fd_ = hw_camera_->Fd();
         io_thread_.AddHandler(
-            capture_fd_, detail::FrameFanOut(this), kCaptureEvents,
+            capture_fd_, detail::FrameFanOut(this, *fences_), kCaptureEvents,
             [this](int, unsigned int events) { supervisor_->onDeviceError(events); });
     } else {
         CAM_LOG(MARLO_LOG_ERROR, "capture device not open, retrying in the background");
@@ -421,7 +424,7 @@ std::shared_ptr<VirtualCamera> HalCamera::MakeVirtualCamera(int id) {
         CAM_LOG(MARLO_LOG_ERROR, "Failed to create client camera %d object", id);
         return nullptr;
     }
-    if (!OwnVirtualCamera(vc)) {
+    if (!detail::CameraHooks::Current().ownVirtualCamera(*this, vc)) {
         CAM_LOG(MARLO_LOG_ERROR, "Failed to own a client camera %d object\n", id);
         return nullptr;
     }

@@ -14,6 +14,7 @@
 #include <marlo/camera/virtual_camera.h>
 #include <marlo/config/config.h>
 
+#include "camera/camera_hooks.h"
 #include "camera/event_dispatcher.h"
 #include "stream/stream_registry_access.h"
 
@@ -308,7 +309,8 @@ int V4l2Stream::OpenCamera(int clientId, std::string deviceId, int width, int he
         ++use.opens;
     }
 
-    std::shared_ptr<VirtualCamera> virtualCamera = hal->MakeVirtualCamera(clientId);
+    std::shared_ptr<VirtualCamera> virtualCamera =
+        detail::CameraHooks::Current().makeVirtualCamera(*hal, clientId);
     {
         /* Attaching kept the camera registered, so its record is still there. */
         MutexLocker lock(active_cameras_mutex_);
@@ -356,7 +358,7 @@ void V4l2Stream::CloseCamera() {
             }
             if (result == Unregistering::kErased)
                 retired.push_back(hal);
-            hal->clientStreamclosing();
+            detail::CameraHooks::Current().clientStreamclosing(*hal);
             STRM_LOG(MARLO_LOG_INFO, "stream state %d", static_cast<int>(state_.load()));
         }
     }
@@ -422,7 +424,8 @@ int V4l2Stream::ClientStartStream(
         return kFailed;
     }
 
-    if (!virtual_camera_->openVideoStream(width_, height_, format_)) {
+    if (!detail::CameraHooks::Current().openVideoStream(*virtual_camera_, width_, height_,
+                                                        format_)) {
         STRM_LOG(MARLO_LOG_ERROR, "failed to open vcam");
         return kFailed;
     }

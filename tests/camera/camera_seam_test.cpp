@@ -1,11 +1,8 @@
 /*
  * A path of the shared camera that the fake kernel cannot reach: a client
- * camera the camera fails to own. This executable defines the function the
- * library asks; the dynamic linker binds the library's calls to this
- * definition, which hands over to the library's own unless a test asks
- * otherwise.
+ * camera the camera fails to own. The test installs camera hooks that
+ * refuse the ownership when asked and otherwise hand over to the camera.
  */
-#include <dlfcn.h>
 #include <linux/videodev2.h>
 
 #include <atomic>
@@ -14,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "camera/camera_hooks.h"
 #include "camera_test_util.h"
 #include "fake_v4l2.h"
 #include "marlo/camera/hal_camera.h"
@@ -23,33 +21,20 @@
 using namespace camera_test;
 using tessaro::marlo::HalCamera;
 using tessaro::marlo::VirtualCamera;
+using tessaro::marlo::detail::CameraHooks;
 
 namespace {
 
-std::atomic<bool> refuse_own{false};
+/* Refuses to own client cameras while asked to. */
+struct RefusingHooks : CameraHooks {
+    bool ownVirtualCamera(HalCamera& camera, std::shared_ptr<VirtualCamera>& client) override {
+        if (refuseOwn)
+            return false;
+        return CameraHooks::ownVirtualCamera(camera, client);
+    }
 
-/* The library's definitions, found past this executable. */
-template <typename F>
-F Next(const char* symbol) {
-    return reinterpret_cast<F>(dlsym(RTLD_NEXT, symbol));
-}
-
-}  // namespace
-
-namespace tessaro::marlo {
-
-bool HalCamera::OwnVirtualCamera(std::shared_ptr<VirtualCamera>& vc) {
-    using Real = bool (*)(HalCamera*, std::shared_ptr<VirtualCamera>&);
-    static Real real = Next<Real>(
-        "_ZN7tessaro5marlo9HalCamera16OwnVirtualCameraERSt10shared_ptrINS0_13VirtualCameraEE");
-    if (refuse_own || real == nullptr)
-        return false;
-    return real(this, vc);
-}
-
-}  // namespace tessaro::marlo
-
-namespace {
+    std::atomic<bool> refuseOwn{false};
+};
 
 class CameraSeamTest : public ::testing::Test {
   protected:
@@ -58,9 +43,10 @@ class CameraSeamTest : public ::testing::Test {
         config.formats = {{V4L2_PIX_FMT_GREY, "Grey"}};
         node_ = marlo_fake::AddVideoNode(kNode0, config);
         camera_ = std::make_shared<HalCamera>(kNode0);
+        previous_ = CameraHooks::Install(&hooks_);
     }
     void TearDown() override {
-        refuse_own = false;
+        CameraHooks::Install(previous_);
         camera_.reset();
         node_.reset();
         marlo_fake::Reset();
@@ -68,12 +54,14 @@ class CameraSeamTest : public ::testing::Test {
 
     std::shared_ptr<marlo_fake::FakeVideoNode> node_;
     std::shared_ptr<HalCamera> camera_;
+    RefusingHooks hooks_;
+    CameraHooks* previous_ = nullptr;
 };
 
 }  // namespace
 
 TEST_F(CameraSeamTest, AClientCameraThatCannotBeOwnedIsNotHandedOut) {
-    refuse_own = true;
+    hooks_.refuseOwn = true;
     marlo_test::LogCapture log;
     EXPECT_EQ(camera_->MakeVirtualCamera(6), nullptr);
     EXPECT_EQ(CountLines(log, ANDROID_LOG_ERROR, Cam(kNode0), "MakeVirtualCamera",
@@ -82,8 +70,8 @@ TEST_F(CameraSeamTest, AClientCameraThatCannotBeOwnedIsNotHandedOut) {
         << log.dump();
     EXPECT_EQ(camera_->clientCount(), 0u);
 
-    /* Handed over to the library's own, the same call succeeds. */
-    refuse_own = false;
+    /* Handed over to the camera, the same call succeeds. */
+    hooks_.refuseOwn = false;
     std::shared_ptr<VirtualCamera> vc = camera_->MakeVirtualCamera(6);
     ASSERT_NE(vc, nullptr);
     EXPECT_EQ(camera_->clientCount(), 1u);

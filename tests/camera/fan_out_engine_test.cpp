@@ -17,26 +17,28 @@
 
 #include <gtest/gtest.h>
 
+#include "camera/frame_fan_out.h"
 #include "camera_test_util.h"
 #include "fake_engine_client.h"
 #include "fake_v4l2.h"
+#include "fence_recorder.h"
 #include "marlo/base/unique_fd.h"
 #include "marlo/camera/hal_camera.h"
 #include "marlo/camera/virtual_camera.h"
 #include "support/fd_count.h"
 #include "support/fence_timeline.h"
 #include "support/log_capture.h"
-#include "sync_recorder.h"
 
 using namespace camera_test;
 using tessaro::marlo::HalCamera;
 using tessaro::marlo::UniqueFd;
 using tessaro::marlo::VirtualCamera;
+using tessaro::marlo::detail::FrameFanOut;
 
 namespace {
 
 /* Whether the merge joined a copy of \a fence rather than the buffer's own descriptor. */
-bool CopyOf(const sync_recorder::Merge& merge, int fence) {
+bool CopyOf(const FenceRecorder::Merge& merge, int fence) {
     return merge.fd2 != fence &&
            std::find(merge.fd2Twins.begin(), merge.fd2Twins.end(), fence) != merge.fd2Twins.end();
 }
@@ -57,6 +59,7 @@ class FanOutEngineTest : public ::testing::Test {
         config.formats = {{V4L2_PIX_FMT_GREY, "Grey"}, {V4L2_PIX_FMT_NV12, "NV12"}};
         node_ = marlo_fake::AddVideoNode(kNode0, config);
         camera_ = std::make_shared<HalCamera>(kNode0);
+        FrameFanOut::UseFences(*camera_, fences_);
     }
     void TearDown() override {
         camera_.reset();
@@ -88,6 +91,8 @@ class FanOutEngineTest : public ::testing::Test {
         return CountLines(log, priority, Cam(kNode0), "operator()", text);
     }
 
+    /* Outlives the camera, whose fan-out merges and waits through it. */
+    FenceRecorder fences_;
     marlo_test::FakeEngine engine_;
     fake_nax_set_release_fence_dup_t setFenceDup_ = nullptr;
     std::shared_ptr<marlo_fake::FakeVideoNode> node_;
@@ -168,15 +173,15 @@ TEST_F(FanOutEngineTest, FencesGoToTheBuffersAndAreMergedUnderRawByteNames) {
     ASSERT_TRUE(node_->WaitQueued(3, kWait));
 
     size_t fdsBefore = marlo_test::OpenFdCount();
-    sync_recorder::Start(true);
+    fences_.start(true);
     marlo_test::LogCapture log;
     /* Only the low 8 bits of the sequence enter the names. */
     Produce(0x10a);
     ASSERT_TRUE(sinkA.waitFor(1));
     ASSERT_TRUE(sinkB.waitFor(1));
     ASSERT_TRUE(node_->WaitQueued(3, kWait));
-    std::vector<sync_recorder::Wait> waits = sync_recorder::Waits();
-    std::vector<sync_recorder::Merge> merges = sync_recorder::Stop();
+    std::vector<FenceRecorder::Wait> waits = fences_.waits();
+    std::vector<FenceRecorder::Merge> merges = fences_.stop();
 
     /* Each buffer owns its own fence. */
     int fa = outA.buffer()->fence();
@@ -224,7 +229,7 @@ TEST_F(FanOutEngineTest, AnUnsignalledFenceTimesOutAndTheFrameGoesOn) {
     vc->setFrameInfo(set);
     FrameSink sink;
     ASSERT_EQ(vc->startVideoStream(sink.callback()), 0);
-    sync_recorder::Start(false);
+    fences_.start(false);
     marlo_test::LogCapture log;
     Produce(1);
     ASSERT_TRUE(sink.waitFor(1));
@@ -232,8 +237,8 @@ TEST_F(FanOutEngineTest, AnUnsignalledFenceTimesOutAndTheFrameGoesOn) {
     EXPECT_TRUE(WaitUntil([&] {
         return Count(log, ANDROID_LOG_ERROR, "Timeout waiting fence") == 1;
     })) << log.dump();
-    std::vector<sync_recorder::Wait> waits = sync_recorder::Waits();
-    std::vector<sync_recorder::Merge> merges = sync_recorder::Stop();
+    std::vector<FenceRecorder::Wait> waits = fences_.waits();
+    std::vector<FenceRecorder::Merge> merges = fences_.stop();
     ASSERT_EQ(merges.size(), 1u);
     ASSERT_EQ(waits.size(), 1u);
     EXPECT_EQ(waits[0].fd, merges[0].result);
@@ -261,19 +266,19 @@ TEST_F(FanOutEngineTest, ThePlatformMergeRefusesTheFirstJoinSoNoWaitIsMade) {
     ASSERT_EQ(vc->startVideoStream(sink.callback()), 0);
     ASSERT_TRUE(node_->WaitQueued(3, kWait));
     size_t fdsBefore = marlo_test::OpenFdCount();
-    sync_recorder::StartPassThrough();
+    fences_.startPassThrough();
     marlo_test::LogCapture log;
     Produce(0x205);
     ASSERT_TRUE(sink.waitFor(1));
     ASSERT_TRUE(node_->WaitQueued(3, kWait));
-    std::vector<sync_recorder::Wait> waits = sync_recorder::Waits();
-    std::vector<sync_recorder::Merge> merges = sync_recorder::Stop();
+    std::vector<FenceRecorder::Wait> waits = fences_.waits();
+    std::vector<FenceRecorder::Merge> merges = fences_.stop();
 
     ASSERT_EQ(merges.size(), 2u);
     const std::string id = kNode0;
     EXPECT_EQ(merges[0].name, id + "\x05");
     EXPECT_EQ(merges[1].name, id + "\x05\x01");
-    for (const sync_recorder::Merge& merge : merges) {
+    for (const FenceRecorder::Merge& merge : merges) {
         EXPECT_EQ(merge.fd1, -1);
         EXPECT_EQ(merge.result, -1);
     }
@@ -299,7 +304,7 @@ TEST_F(FanOutEngineTest, ANegativeFenceLeavesTheBuffersEarlierFence) {
         sink.callback()(frames);
     }),
               0);
-    sync_recorder::Start(true);
+    fences_.start(true);
     Produce(1);
     ASSERT_TRUE(sink.waitFor(1));
     ASSERT_TRUE(node_->WaitQueued(3, kWait));
@@ -315,14 +320,14 @@ TEST_F(FanOutEngineTest, ANegativeFenceLeavesTheBuffersEarlierFence) {
 
     /* ... a negative one leaves it alone, and nothing is merged for it. */
     engine_.setReleaseFence(-1);
-    size_t merges = sync_recorder::Count();
+    size_t merges = fences_.count();
     Produce(3);
     ASSERT_TRUE(sink.waitFor(3));
     ASSERT_TRUE(node_->WaitQueued(3, kWait));
     EXPECT_EQ(out.buffer()->fence(), replaced);
     EXPECT_EQ(out.buffer()->sequence(), 3u);
-    EXPECT_EQ(sync_recorder::Count(), merges);
-    sync_recorder::Stop();
+    EXPECT_EQ(fences_.count(), merges);
+    fences_.stop();
     vc->stopVideoStream();
 }
 
@@ -345,13 +350,13 @@ TEST_F(FanOutEngineTest, RealSyncFilesFromAKernelTimeline) {
     ASSERT_EQ(vc->startVideoStream(sink.callback()), 0);
     ASSERT_TRUE(node_->WaitQueued(3, kWait));
     size_t fdsBefore = marlo_test::OpenFdCount();
-    sync_recorder::StartPassThrough();
+    fences_.startPassThrough();
     marlo_test::LogCapture log;
     Produce(1);
     ASSERT_TRUE(sink.waitFor(1));
     ASSERT_TRUE(node_->WaitQueued(3, kWait));
-    std::vector<sync_recorder::Wait> waits = sync_recorder::Waits();
-    std::vector<sync_recorder::Merge> merges = sync_recorder::Stop();
+    std::vector<FenceRecorder::Wait> waits = fences_.waits();
+    std::vector<FenceRecorder::Merge> merges = fences_.stop();
     /* Real sync_files too: the first join with -1 is refused, so no wait is made. */
     ASSERT_EQ(merges.size(), 2u);
     EXPECT_EQ(merges[0].result, -1);

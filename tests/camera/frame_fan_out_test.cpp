@@ -22,13 +22,13 @@
 #include "camera/frame_fan_out.h"
 #include "camera_test_util.h"
 #include "fake_v4l2.h"
+#include "fence_recorder.h"
 #include "marlo/base/unique_fd.h"
 #include "marlo/camera/hal_camera.h"
 #include "marlo/camera/virtual_camera.h"
 #include "support/fd_count.h"
 #include "support/gate.h"
 #include "support/log_capture.h"
-#include "sync_recorder.h"
 
 using namespace camera_test;
 using tessaro::marlo::FrameBufferRect;
@@ -106,6 +106,8 @@ class FrameFanOutTest : public ::testing::Test {
         return CountLines(log, priority, Cam(kNode0), "operator()", text);
     }
 
+    /* Outlives the camera, whose fan-out a test may have merge and wait through it. */
+    FenceRecorder fences_;
     std::shared_ptr<marlo_fake::FakeVideoNode> node_;
     std::shared_ptr<HalCamera> camera_;
 };
@@ -327,19 +329,20 @@ TEST_F(FrameFanOutTest, PerFrameDetailIsLoggedAtVerbose) {
 }
 
 TEST_F(FrameFanOutTest, WithoutAValidFenceNothingIsMergedOrWaitedFor) {
+    tessaro::marlo::detail::FrameFanOut::UseFences(*camera_, fences_);
     auto vc = Client(1);
     MemFrame out(kWidth, kHeight, V4L2_PIX_FMT_GREY, kWidth * kHeight);
     FrameSet set{out.buffer()};
     vc->setFrameInfo(set);
     FrameSink sink;
     ASSERT_EQ(vc->startVideoStream(sink.callback()), 0);
-    sync_recorder::Start(true);
+    fences_.start(true);
     marlo_test::LogCapture log;
     Produce(1);
     ASSERT_TRUE(sink.waitFor(1));
     ExpectReturned();
-    EXPECT_TRUE(sync_recorder::Waits().empty());
-    EXPECT_TRUE(sync_recorder::Stop().empty());
+    EXPECT_TRUE(fences_.waits().empty());
+    EXPECT_TRUE(fences_.stop().empty());
     EXPECT_FALSE(log.containsText("Timeout waiting fence"));
     vc->stopVideoStream();
 }

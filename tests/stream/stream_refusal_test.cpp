@@ -1,11 +1,9 @@
 /*
  * The stream's answers to refusals the camera layer never gives in practice:
  * a camera that makes no client camera and a client camera that does not
- * open. This executable defines the two camera members itself; the dynamic
- * linker binds the library's calls to these definitions, which hand over to
- * the library's own unless a test asks for a refusal.
+ * open. The tests install camera hooks that refuse when asked and otherwise
+ * hand over to the camera members.
  */
-#include <dlfcn.h>
 #include <linux/videodev2.h>
 
 #include <atomic>
@@ -14,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "camera/camera_hooks.h"
 #include "marlo/camera/hal_camera.h"
 #include "marlo/camera/virtual_camera.h"
 #include "marlo/stream/v4l2_stream.h"
@@ -25,57 +24,47 @@ using stream_test::Count;
 using tessaro::marlo::HalCamera;
 using tessaro::marlo::V4l2Stream;
 using tessaro::marlo::VirtualCamera;
+using tessaro::marlo::detail::CameraHooks;
 using Registry = tessaro::marlo::detail::StreamRegistryAccess;
 
 namespace {
 
-std::atomic<bool> refuse_make{false};
-std::atomic<bool> refuse_open{false};
-
-/* The library's definitions, found past this executable. */
-template <typename F>
-F Next(const char* symbol) {
-    return reinterpret_cast<F>(dlsym(RTLD_NEXT, symbol));
-}
-
 constexpr char kDevice[] = "/dev/video-refusal0";
+
+/* Refuses a call while asked to; otherwise the camera members answer. */
+struct RefusingHooks : CameraHooks {
+    std::shared_ptr<VirtualCamera> makeVirtualCamera(HalCamera& camera, int clientId) override {
+        if (refuseMake)
+            return nullptr;
+        return CameraHooks::makeVirtualCamera(camera, clientId);
+    }
+    bool openVideoStream(VirtualCamera& client, int width, int height, int format) override {
+        if (refuseOpen)
+            return false;
+        return CameraHooks::openVideoStream(client, width, height, format);
+    }
+
+    std::atomic<bool> refuseMake{false};
+    std::atomic<bool> refuseOpen{false};
+};
 
 }  // namespace
 
-namespace tessaro::marlo {
-
-std::shared_ptr<VirtualCamera> HalCamera::MakeVirtualCamera(int id) {
-    using Real = std::shared_ptr<VirtualCamera> (*)(HalCamera*, int);
-    static Real real = Next<Real>("_ZN7tessaro5marlo9HalCamera17MakeVirtualCameraEi");
-    if (refuse_make || real == nullptr)
-        return nullptr;
-    return real(this, id);
-}
-
-bool VirtualCamera::openVideoStream(int width, int height, int format) {
-    using Real = bool (*)(VirtualCamera*, int, int, int);
-    static Real real = Next<Real>("_ZN7tessaro5marlo13VirtualCamera15openVideoStreamEiii");
-    if (refuse_open || real == nullptr)
-        return false;
-    return real(this, width, height, format);
-}
-
-}  // namespace tessaro::marlo
-
 class StreamRefusalTest : public ::testing::Test {
   protected:
-    void TearDown() override {
-        refuse_make = false;
-        refuse_open = false;
-    }
+    void SetUp() override { previous_ = CameraHooks::Install(&hooks_); }
+    void TearDown() override { CameraHooks::Install(previous_); }
+
+    RefusingHooks hooks_;
+    CameraHooks* previous_ = nullptr;
 };
 
-TEST_F(StreamRefusalTest, TheLibraryCallsGoThroughThisExecutable) {
-    /* Without the binding the tests below would prove nothing. */
+TEST_F(StreamRefusalTest, TheStreamCallsGoThroughTheInstalledHooks) {
+    /* Without this the tests below would prove nothing. */
     V4l2Stream stream;
-    refuse_make = true;
+    hooks_.refuseMake = true;
     EXPECT_EQ(stream.OpenCamera(1, kDevice, 64, 48, V4L2_PIX_FMT_NV12), -2);
-    refuse_make = false;
+    hooks_.refuseMake = false;
     EXPECT_EQ(stream.OpenCamera(1, kDevice, 64, 48, V4L2_PIX_FMT_NV12), 0);
     stream.CloseCamera();
     EXPECT_EQ(Registry::Size(), 0u);
@@ -83,7 +72,7 @@ TEST_F(StreamRefusalTest, TheLibraryCallsGoThroughThisExecutable) {
 
 TEST_F(StreamRefusalTest, NoClientCameraFailsTheOpenAndKeepsTheCameraRegistered) {
     V4l2Stream stream;
-    refuse_make = true;
+    hooks_.refuseMake = true;
     marlo_test::LogCapture log;
     EXPECT_EQ(stream.OpenCamera(2, kDevice, 64, 48, V4L2_PIX_FMT_NV12), -2);
     EXPECT_EQ(Count(log, ANDROID_LOG_ERROR, kDevice, 2, "OpenCamera",
@@ -100,7 +89,7 @@ TEST_F(StreamRefusalTest, NoClientCameraFailsTheOpenAndKeepsTheCameraRegistered)
     EXPECT_EQ(
         Count(log, ANDROID_LOG_ERROR, kDevice, 2, "ClientStartStream", "start with null vcam"), 1u);
 
-    refuse_make = false;
+    hooks_.refuseMake = false;
     log.clear();
     V4l2Stream next;
     ASSERT_EQ(next.OpenCamera(3, kDevice, 64, 48, V4L2_PIX_FMT_NV12), 0);
@@ -117,7 +106,7 @@ TEST_F(StreamRefusalTest, NoClientCameraFailsTheOpenAndKeepsTheCameraRegistered)
 TEST_F(StreamRefusalTest, ClientCameraThatDoesNotOpenFailsTheStart) {
     V4l2Stream stream;
     ASSERT_EQ(stream.OpenCamera(4, kDevice, 64, 48, V4L2_PIX_FMT_NV12), 0);
-    refuse_open = true;
+    hooks_.refuseOpen = true;
     marlo_test::LogCapture log;
     EXPECT_EQ(stream.ClientStartStream(nullptr), -2);
     EXPECT_EQ(Count(log, ANDROID_LOG_ERROR, kDevice, 4, "ClientStartStream", "failed to open vcam"),

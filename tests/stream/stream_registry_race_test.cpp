@@ -1,11 +1,9 @@
 /*
- * Opens and closes of one device on several threads at once. This
- * executable defines two camera members itself (the dynamic linker binds
- * the library's calls to them) so that a test can hold a thread inside
- * them and let another thread run into the gap; they hand over to the
- * library's own definitions.
+ * Opens and closes of one device on several threads at once. The tests
+ * install camera hooks that can hold a thread at the stream's call of two
+ * camera members and let another thread run into the gap; the calls then go
+ * on to the members.
  */
-#include <dlfcn.h>
 #include <linux/videodev2.h>
 #include <string.h>
 
@@ -19,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "camera/camera_hooks.h"
 #include "fake_v4l2.h"
 #include "marlo/camera/hal_camera.h"
 #include "marlo/camera/virtual_camera.h"
@@ -32,6 +31,7 @@ using namespace std::chrono_literals;
 using tessaro::marlo::HalCamera;
 using tessaro::marlo::V4l2Stream;
 using tessaro::marlo::VirtualCamera;
+using tessaro::marlo::detail::CameraHooks;
 using Registry = tessaro::marlo::detail::StreamRegistryAccess;
 
 namespace {
@@ -58,13 +58,20 @@ struct Hold {
     }
 };
 
-Hold* g_make_hold = nullptr;
-Hold* g_closing_hold = nullptr;
+/* Holds the stream's next call of each member when armed. */
+struct HoldingHooks : CameraHooks {
+    std::shared_ptr<VirtualCamera> makeVirtualCamera(HalCamera& camera, int clientId) override {
+        make.pass();
+        return CameraHooks::makeVirtualCamera(camera, clientId);
+    }
+    void clientStreamclosing(HalCamera& camera) override {
+        closing.pass();
+        CameraHooks::clientStreamclosing(camera);
+    }
 
-template <typename F>
-F Next(const char* symbol) {
-    return reinterpret_cast<F>(dlsym(RTLD_NEXT, symbol));
-}
+    Hold make;
+    Hold closing;
+};
 
 int Open(V4l2Stream& stream, int client) {
     return stream.OpenCamera(client, kDevice, kWidth, kHeight, V4L2_PIX_FMT_NV12);
@@ -72,58 +79,36 @@ int Open(V4l2Stream& stream, int client) {
 
 }  // namespace
 
-namespace tessaro::marlo {
-
-std::shared_ptr<VirtualCamera> HalCamera::MakeVirtualCamera(int id) {
-    using Real = std::shared_ptr<VirtualCamera> (*)(HalCamera*, int);
-    static Real real = Next<Real>("_ZN7tessaro5marlo9HalCamera17MakeVirtualCameraEi");
-    if (g_make_hold)
-        g_make_hold->pass();
-    return real(this, id);
-}
-
-void HalCamera::clientStreamclosing() {
-    using Real = void (*)(HalCamera*);
-    static Real real = Next<Real>("_ZN7tessaro5marlo9HalCamera19clientStreamclosingEv");
-    if (g_closing_hold)
-        g_closing_hold->pass();
-    real(this);
-}
-
-}  // namespace tessaro::marlo
-
 class StreamRegistryRaceTest : public ::testing::Test {
   protected:
     void SetUp() override {
         node_ = marlo_fake::AddVideoNode(kDevice);
-        g_make_hold = &make_;
-        g_closing_hold = &closing_;
+        previous_ = CameraHooks::Install(&hooks_);
     }
     void TearDown() override {
-        g_make_hold = nullptr;
-        g_closing_hold = nullptr;
+        CameraHooks::Install(previous_);
         EXPECT_EQ(Registry::Size(), 0u);
         node_.reset();
         marlo_fake::Reset();
     }
 
-    Hold make_;
-    Hold closing_;
+    HoldingHooks hooks_;
+    CameraHooks* previous_ = nullptr;
     std::shared_ptr<marlo_fake::FakeVideoNode> node_;
 };
 
-TEST_F(StreamRegistryRaceTest, TheLibraryCallsGoThroughThisExecutable) {
-    /* Without the binding the tests below would prove nothing. */
+TEST_F(StreamRegistryRaceTest, TheStreamCallsGoThroughTheInstalledHooks) {
+    /* Without this the tests below would prove nothing. */
     V4l2Stream stream;
-    make_.armed = true;
+    hooks_.make.armed = true;
     auto opened = std::async(std::launch::async, [&] { return Open(stream, 1); });
-    make_.entered.wait();
-    make_.release.open();
+    hooks_.make.entered.wait();
+    hooks_.make.release.open();
     EXPECT_EQ(opened.get(), 0);
-    closing_.armed = true;
-    closing_.release.open();
+    hooks_.closing.armed = true;
+    hooks_.closing.release.open();
     stream.CloseCamera();
-    EXPECT_FALSE(closing_.armed);
+    EXPECT_FALSE(hooks_.closing.armed);
 }
 
 TEST_F(StreamRegistryRaceTest, CloseWhileAnotherClientAttachesKeepsTheCameraRegistered) {
@@ -134,9 +119,9 @@ TEST_F(StreamRegistryRaceTest, CloseWhileAnotherClientAttachesKeepsTheCameraRegi
 
     /* The second client has found the camera and is about to attach. */
     V4l2Stream second;
-    make_.armed = true;
+    hooks_.make.armed = true;
     auto opened = std::async(std::launch::async, [&] { return Open(second, 2); });
-    make_.entered.wait();
+    hooks_.make.entered.wait();
 
     marlo_test::LogCapture log;
     first.CloseCamera();
@@ -145,7 +130,7 @@ TEST_F(StreamRegistryRaceTest, CloseWhileAnotherClientAttachesKeepsTheCameraRegi
                            std::string("another client is opening ") + kDevice + ", camera kept"),
         1u)
         << log.dump();
-    make_.release.open();
+    hooks_.make.release.open();
     ASSERT_EQ(opened.get(), 0);
 
     EXPECT_EQ(Registry::Find(kDevice), hal);
@@ -163,9 +148,9 @@ TEST_F(StreamRegistryRaceTest, OpenWaitsUntilTheClosedCameraIsGone) {
     std::weak_ptr<HalCamera> closingCamera = Registry::Find(kDevice);
 
     /* The camera has left the registry and is being shut. */
-    closing_.armed = true;
+    hooks_.closing.armed = true;
     auto closed = std::async(std::launch::async, [&] { first.CloseCamera(); });
-    closing_.entered.wait();
+    hooks_.closing.entered.wait();
     EXPECT_EQ(Registry::Size(), 0u);
 
     V4l2Stream second;
@@ -174,7 +159,7 @@ TEST_F(StreamRegistryRaceTest, OpenWaitsUntilTheClosedCameraIsGone) {
     EXPECT_EQ(opened.wait_for(200ms), std::future_status::timeout);
     EXPECT_FALSE(closingCamera.expired());
 
-    closing_.release.open();
+    hooks_.closing.release.open();
     closed.get();
     ASSERT_EQ(opened.get(), 0);
     EXPECT_TRUE(closingCamera.expired());
@@ -233,9 +218,9 @@ TEST_F(StreamRegistryRaceTest, ACameraHeldElsewhereAtCloseIsDestroyedByItsLastHo
     std::weak_ptr<HalCamera> watch = held;
     marlo_test::LogCapture log;
     stream.CloseCamera();
-    EXPECT_EQ(stream_test::Count(log, ANDROID_LOG_WARN, kDevice, 1, "CloseCamera",
-                                 std::string("camera of ") + kDevice +
-                                     " still held elsewhere, destroyed there"),
+    EXPECT_EQ(stream_test::Count(
+                  log, ANDROID_LOG_WARN, kDevice, 1, "CloseCamera",
+                  std::string("camera of ") + kDevice + " still held elsewhere, destroyed there"),
               1u)
         << log.dump();
     EXPECT_EQ(Registry::Size(), 0u);

@@ -39,6 +39,7 @@ class VirtualCamera;
 
 namespace detail {
 class CaptureSupervisor;
+class FenceBackend;
 class FrameFanOut;
 }  // namespace detail
 
@@ -205,6 +206,8 @@ class HalCamera : public std::enable_shared_from_this<HalCamera> {
     int capture_fd_ = -1;
     /* Watchdog and recovery of the running capture, on the IO thread. */
     std::unique_ptr<detail::CaptureSupervisor> supervisor_;
+    /* What the fan-out merges and waits conversion fences through (FrameFanOut::UseFences). */
+    detail::FenceBackend* fences_ MARLO_GUARDED_BY(camera_mutex_);
 };
 
 }  // namespace tessaro::marlo
