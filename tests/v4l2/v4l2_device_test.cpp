@@ -12,6 +12,7 @@
 #include <marlo/v4l2/v4l2_device.h>
 
 #include "fake_v4l2.h"
+#include "support/fake_node_test.h"
 #include "support/fd_count.h"
 #include "support/log_capture.h"
 
@@ -25,15 +26,9 @@ using tessaro::marlo::detail::RequestToString;
 constexpr char kPath[] = "/dev/marlo-fake-dev0";
 constexpr char kTag[] = "marlo_v4l2";
 
-class V4l2DeviceTest : public ::testing::Test {
+class V4l2DeviceTest : public marlo_test::FakeVideoNodeTest {
   protected:
-    void SetUp() override { node_ = marlo_fake::AddVideoNode(kPath); }
-    void TearDown() override {
-        node_.reset();
-        marlo_fake::Reset();
-    }
-
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
+    void SetUp() override { AddNode(kPath); }
 };
 
 TEST(RequestToStringTest, AllTwentyEightNames) {

@@ -10,6 +10,7 @@
 #include <marlo/v4l2/v4l2_subdevice.h>
 
 #include "fake_v4l2.h"
+#include "support/fake_node_test.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -24,7 +25,7 @@ constexpr char kTag[] = "marlo_v4l2";
 constexpr uint32_t kCodeA = 0x2006;  // MEDIA_BUS_FMT_UYVY8_2X8
 constexpr uint32_t kCodeB = 0x2008;  // MEDIA_BUS_FMT_YUYV8_2X8
 
-class V4l2SubDeviceTest : public ::testing::Test {
+class V4l2SubDeviceTest : public marlo_test::FakeNodeTest<marlo_fake::FakeSubdevNode> {
   protected:
     void SetUp() override {
         marlo_fake::SubdevNodeConfig config;
@@ -38,8 +39,7 @@ class V4l2SubDeviceTest : public ::testing::Test {
     }
     void TearDown() override {
         subdev_.Close();
-        node_.reset();
-        marlo_fake::Reset();
+        FakeNodeTest::TearDown();
     }
 
     bool HasError(const marlo_test::LogCapture& log, const std::string& text, int err) {
@@ -51,7 +51,6 @@ class V4l2SubDeviceTest : public ::testing::Test {
             std::string(kPath) + ": ioctl request " + name + " failed " + strerror(err) + "\n");
     }
 
-    std::shared_ptr<marlo_fake::FakeSubdevNode> node_;
     V4l2SubDevice subdev_{kPath};
 };
 

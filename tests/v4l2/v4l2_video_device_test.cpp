@@ -22,6 +22,7 @@
 #include <marlo/v4l2/v4l2_video_device.h>
 
 #include "fake_v4l2.h"
+#include "support/fake_node_test.h"
 #include "support/fd_count.h"
 #include "support/log_capture.h"
 #include "support/scoped_property.h"
@@ -73,33 +74,38 @@ class TestDevice : public V4l2VideoDevice {
     uint32_t Flags() const { return buffer_flags_; }
 };
 
-class V4l2VideoDeviceTest : public ::testing::Test {
+class V4l2VideoDeviceTest : public marlo_test::FakeVideoNodeTest {
   protected:
-    void TearDown() override {
-        node_.reset();
-        marlo_fake::Reset();
+    void AddNode(marlo_fake::VideoNodeConfig config = {}) {
+        FakeVideoNodeTest::AddNode(kPath, std::move(config));
     }
 
-    void AddNode(marlo_fake::VideoNodeConfig config = {}) {
-        node_ = marlo_fake::AddVideoNode(kPath, std::move(config));
+    /* Open and capabilities: the buffer type is known from here on. */
+    static void OpenAndQuery(TestDevice& device, bool blocking = false) {
+        ASSERT_EQ(device.Open(blocking), 0);
+        ASSERT_EQ(device.QueryCap(), 0);
     }
 
     /* Open, capabilities, format, buffers, mappings and exports. */
-    void Prepare(TestDevice& device, unsigned count, bool blocking = false) {
-        ASSERT_EQ(device.Open(blocking), 0);
-        ASSERT_EQ(device.QueryCap(), 0);
+    static void Prepare(TestDevice& device, unsigned count, bool blocking = false) {
+        ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device, blocking));
         ASSERT_EQ(device.SetFormat(640, 480, V4L2_PIX_FMT_NV12), 0);
         ASSERT_EQ(device.ReqBuffer(count, V4L2_MEMORY_MMAP), static_cast<int>(count));
         ASSERT_EQ(device.QueryBuffer(), 0);
         ASSERT_EQ(device.ExportBuffers(), 0);
     }
 
-    void QueueAll(TestDevice& device) {
+    static void QueueAll(TestDevice& device) {
         while (auto buffer = device.GetBuffer())
             ASSERT_EQ(device.QueueBuffer(std::move(buffer)), 0);
     }
 
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
+    /* Prepared with \a count buffers, every one queued, and streaming. */
+    static void Stream(TestDevice& device, unsigned count, bool blocking = false) {
+        ASSERT_NO_FATAL_FAILURE(Prepare(device, count, blocking));
+        ASSERT_NO_FATAL_FAILURE(QueueAll(device));
+        ASSERT_EQ(device.StreamOn(), 0);
+    }
 };
 
 /* --- V4l2Buffer --- */
@@ -209,9 +215,7 @@ TEST_F(V4l2VideoDeviceTest, InitialValues) {
 }
 
 TEST_F(V4l2VideoDeviceTest, MultiPlanarWinsOverSinglePlanar) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_VIDEO_CAPTURE;
-    AddNode(config);
+    AddNode(WithCapabilities(V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_VIDEO_CAPTURE));
     TestDevice device(kPath);
     ASSERT_EQ(device.Open(false), 0);
     EXPECT_EQ(device.QueryCap(), 0);
@@ -227,9 +231,7 @@ TEST_F(V4l2VideoDeviceTest, BufferTypeChoiceOrder) {
         {V4L2_CAP_VIDEO_OUTPUT_MPLANE, 10},
     };
     for (const auto& [caps, type] : cases) {
-        marlo_fake::VideoNodeConfig config;
-        config.capabilities = caps;
-        AddNode(config);
+        AddNode(WithCapabilities(caps));
         TestDevice device(kPath);
         ASSERT_EQ(device.Open(false), 0);
         EXPECT_EQ(device.QueryCap(), 0);
@@ -240,10 +242,8 @@ TEST_F(V4l2VideoDeviceTest, BufferTypeChoiceOrder) {
 
 TEST_F(V4l2VideoDeviceTest, DeviceCapsAreNotConsulted) {
     /* Only the capabilities word decides: a capture bit in device_caps alone gives no type. */
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_STREAMING | V4L2_CAP_READWRITE | V4L2_CAP_DEVICE_CAPS;
-    config.deviceCaps = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(V4L2_CAP_STREAMING | V4L2_CAP_READWRITE | V4L2_CAP_DEVICE_CAPS,
+                             V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING));
     TestDevice device(kPath);
     ASSERT_EQ(device.Open(false), 0);
     marlo_test::LogCapture log;
@@ -254,10 +254,8 @@ TEST_F(V4l2VideoDeviceTest, DeviceCapsAreNotConsulted) {
 }
 
 TEST_F(V4l2VideoDeviceTest, BufferTypeComesFromTheCapabilitiesWord) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING | V4L2_CAP_DEVICE_CAPS;
-    config.deviceCaps = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING | V4L2_CAP_DEVICE_CAPS,
+                             V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING));
     TestDevice device(kPath);
     ASSERT_EQ(device.Open(false), 0);
     EXPECT_EQ(device.QueryCap(), 0);
@@ -319,8 +317,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferSmallerGrantIsReturned) {
     config.grantedCount = 2;
     AddNode(config);
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     marlo_test::LogCapture log;
     EXPECT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 2);
     EXPECT_EQ(device.NumBuffers(), 2u);
@@ -333,8 +330,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferSmallerGrantIsReturned) {
 TEST_F(V4l2VideoDeviceTest, ReqBufferPresetsTheCapabilitiesField) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_MMAP), 2);
     marlo_test::LogCapture log;
     ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_DMABUF), 2);
@@ -352,12 +348,9 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferPresetsTheCapabilitiesField) {
 }
 
 TEST_F(V4l2VideoDeviceTest, ReqBufferSinglePlaneMessage) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(kSinglePlanar));
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     marlo_test::LogCapture log;
     ASSERT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 3);
     EXPECT_TRUE(log.contains(
@@ -368,7 +361,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferSinglePlaneMessage) {
 TEST_F(V4l2VideoDeviceTest, ReqBufferDiscardsEveryBuffer) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 3));
     ASSERT_EQ(device.QueueBuffer(device.GetBuffer()), 0);
     EXPECT_EQ(device.Queued(), 1u);
     EXPECT_EQ(device.Unqueued(), 2u);
@@ -386,8 +379,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferDiscardsEveryBuffer) {
 TEST_F(V4l2VideoDeviceTest, QueryBufferWithNoBuffersCreatesNothing) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(0, V4L2_MEMORY_MMAP), 0);
     EXPECT_EQ(device.NumBuffers(), 0u);
     node_->ClearRequests();
@@ -399,8 +391,7 @@ TEST_F(V4l2VideoDeviceTest, QueryBufferWithNoBuffersCreatesNothing) {
 TEST_F(V4l2VideoDeviceTest, QueryBufferMapsEveryBuffer) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.SetFormat(640, 480, V4L2_PIX_FMT_NV12), 0);
     ASSERT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 3);
     marlo_test::LogCapture log;
@@ -425,8 +416,7 @@ TEST_F(V4l2VideoDeviceTest, QueryBufferMapsEveryBuffer) {
 TEST_F(V4l2VideoDeviceTest, QueryBufferFailureKeepsBuffersMadeSoFar) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 3);
     /* The third QUERYBUF fails. */
     node_->InjectError(VIDIOC_QUERYBUF, EIO, 1, 2);
@@ -440,8 +430,7 @@ TEST_F(V4l2VideoDeviceTest, QueryBufferFailureKeepsBuffersMadeSoFar) {
 TEST_F(V4l2VideoDeviceTest, MultiPlanarMmapFailureKeepsTheBuffer) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 3);
     node_->InjectError(marlo_fake::kMmapRequest, ENOMEM);
     marlo_test::LogCapture log;
@@ -457,12 +446,9 @@ TEST_F(V4l2VideoDeviceTest, MultiPlanarMmapFailureKeepsTheBuffer) {
 }
 
 TEST_F(V4l2VideoDeviceTest, SinglePlanarMmapFailureDropsTheBuffer) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(kSinglePlanar));
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 3);
     node_->InjectError(marlo_fake::kMmapRequest, ENOMEM);
     marlo_test::LogCapture log;
@@ -477,8 +463,7 @@ TEST_F(V4l2VideoDeviceTest, SinglePlanarMmapFailureDropsTheBuffer) {
 TEST_F(V4l2VideoDeviceTest, QueryBufferAppendsUnderBothListMutexes) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     /* The queued list's mutex, and the free list's own one that guards the list. */
     for (Mutex* held : {&device.QueuedMutex(), &device.UnqueuedMutex()}) {
         ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_MMAP), 2);
@@ -495,8 +480,7 @@ TEST_F(V4l2VideoDeviceTest, BuffersTakenWhileTheQueryRunsAreEachTakenOnce) {
     /* Run under ThreadSanitizer too: the free list is shared with GetBuffer. */
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.SetFormat(64, 48, V4L2_PIX_FMT_NV12), 0);
     ASSERT_EQ(device.ReqBuffer(32, V4L2_MEMORY_MMAP), 32);
 
@@ -527,9 +511,7 @@ TEST_F(V4l2VideoDeviceTest, BuffersTakenWhileTheQueryRunsAreEachTakenOnce) {
 TEST_F(V4l2VideoDeviceTest, ReqBufferAndStreamOffTakeBothListMutexes) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     for (Mutex* held : {&device.UnqueuedMutex(), &device.QueuedMutex()}) {
         MutexLocker lock(*held);
         auto off = std::async(std::launch::async, [&] { return device.StreamOff(); });
@@ -544,7 +526,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferAndStreamOffTakeBothListMutexes) {
         lock.unlock();
         EXPECT_EQ(req.get(), 2);
         ASSERT_EQ(device.QueryBuffer(), 0);
-        QueueAll(device);
+        ASSERT_NO_FATAL_FAILURE(QueueAll(device));
         ASSERT_EQ(device.StreamOn(), 0);
     }
 }
@@ -554,8 +536,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferAndStreamOffTakeBothListMutexes) {
 TEST_F(V4l2VideoDeviceTest, ExportBuffersWithDmabufMemoryFails) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_DMABUF), 2);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.ExportBuffers(), -2);
@@ -576,8 +557,7 @@ TEST_F(V4l2VideoDeviceTest, ExportBuffersGivesEachPlaneADescriptor) {
     config.numPlanes = 2;
     AddNode(config);
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.SetFormat(640, 480, V4L2_PIX_FMT_NV12), 0);
     EXPECT_EQ(device.NumPlanes(), 2u);
     ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_MMAP), 2);
@@ -607,8 +587,7 @@ TEST_F(V4l2VideoDeviceTest, ExportBuffersGivesEachPlaneADescriptor) {
 TEST_F(V4l2VideoDeviceTest, ExportFailure) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_MMAP), 2);
     ASSERT_EQ(device.QueryBuffer(), 0);
     node_->InjectError(VIDIOC_EXPBUF, EMFILE);
@@ -631,7 +610,7 @@ TEST_F(V4l2VideoDeviceTest, GetBufferOnEmptyListIsNull) {
 TEST_F(V4l2VideoDeviceTest, GetBufferTakesTheFirstAndLogs) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 3));
     marlo_test::LogCapture log;
     auto buffer = device.GetBuffer();
     ASSERT_NE(buffer, nullptr);
@@ -644,7 +623,7 @@ TEST_F(V4l2VideoDeviceTest, GetBufferTakesTheFirstAndLogs) {
 TEST_F(V4l2VideoDeviceTest, GetQueuedBufferForAnIndexNotQueued) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 3));
     ASSERT_EQ(device.QueueBuffer(device.GetBuffer()), 0);
     ASSERT_EQ(device.QueueBuffer(device.GetBuffer()), 0);
     marlo_test::LogCapture log;
@@ -661,7 +640,7 @@ TEST_F(V4l2VideoDeviceTest, GetQueuedBufferForAnIndexNotQueued) {
 TEST_F(V4l2VideoDeviceTest, QueueBufferSetsTheRecordAndLogs) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 2));
     auto buffer = device.GetBuffer();
     void* ptr = buffer->GetPtr(0);
     size_t len = buffer->GetLength(0);
@@ -695,7 +674,7 @@ TEST_F(V4l2VideoDeviceTest, QueueingNothingIsRefused) {
 TEST_F(V4l2VideoDeviceTest, RefusedQueueGoesBackToTheEndOfTheFreeList) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 3));
     auto buffer = device.GetBuffer();
     node_->InjectError(VIDIOC_QBUF, EINVAL);
     marlo_test::LogCapture log;
@@ -711,9 +690,7 @@ TEST_F(V4l2VideoDeviceTest, RefusedQueueGoesBackToTheEndOfTheFreeList) {
 TEST_F(V4l2VideoDeviceTest, DequeueCopiesTheDriversRecord) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 3));
     ASSERT_EQ(node_->ProduceFrame(marlo_fake::Frame(41, {12, 345678}, 0x5a)), 0);
     marlo_test::LogCapture log;
     auto frame = device.DequeBuffer();
@@ -735,13 +712,9 @@ TEST_F(V4l2VideoDeviceTest, DequeueCopiesTheDriversRecord) {
 }
 
 TEST_F(V4l2VideoDeviceTest, SinglePlanarDequeueTakesTheDriversBytesUsedAndFlags) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(kSinglePlanar));
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     marlo_fake::FrameContent content = marlo_fake::Frame(9, {1, 2}, 0x10);
     content.bytesused = 1000;
     content.flags = V4L2_BUF_FLAG_ERROR;
@@ -764,9 +737,7 @@ TEST_F(V4l2VideoDeviceTest, MultiPlanarDequeueKeepsTheDriversPlanesInTheBuffer) 
     config.numPlanes = 2;
     AddNode(config);
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     marlo_fake::FrameContent content = marlo_fake::Frame(4, {1, 0}, 0x20);
     content.bytesused = 1000;
     ASSERT_GE(node_->ProduceFrame(content), 0);
@@ -841,9 +812,7 @@ TEST(V4l2BufferTest, AMultiPlanarRecordsPlanesAreCopied) {
 TEST_F(V4l2VideoDeviceTest, EmptyNonBlockingDequeue) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 3));
     marlo_test::LogCapture log;
     EXPECT_EQ(device.DequeBuffer(), nullptr);
     EXPECT_TRUE(log.contains(ANDROID_LOG_INFO, kTag,
@@ -857,9 +826,7 @@ TEST_F(V4l2VideoDeviceTest, EmptyNonBlockingDequeue) {
 TEST_F(V4l2VideoDeviceTest, BlockingDequeueWaitsForTheFrame) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3, true);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 3, true));
     auto frame = std::async(std::launch::async, [&] { return device.DequeBuffer(); });
     EXPECT_EQ(frame.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     node_->ProduceFrame(marlo_fake::Frame(3));
@@ -871,9 +838,7 @@ TEST_F(V4l2VideoDeviceTest, BlockingDequeueWaitsForTheFrame) {
 TEST_F(V4l2VideoDeviceTest, DequeuedIndexNotInTheQueuedList) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     /* Buffer 0 stays with the driver but leaves the device's list. */
     auto taken = device.GetQueuedBuffer(0);
     ASSERT_NE(taken, nullptr);
@@ -892,9 +857,7 @@ TEST_F(V4l2VideoDeviceTest, DequeuedIndexNotInTheQueuedList) {
 TEST_F(V4l2VideoDeviceTest, TraceSectionsOnlyWithTheCameraTag) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     std::vector<std::string> sections;
     marlo_host_set_trace_hook(
         [](const char* name, void* ctx) {
@@ -929,8 +892,7 @@ TEST_F(V4l2VideoDeviceTest, TraceSectionsOnlyWithTheCameraTag) {
 TEST_F(V4l2VideoDeviceTest, DmabufQueueHandsThePlaneDescriptors) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(1, V4L2_MEMORY_DMABUF), 1);
     ASSERT_EQ(device.QueryBuffer(), 0);
     auto buffer = device.GetBuffer();
@@ -956,12 +918,9 @@ TEST_F(V4l2VideoDeviceTest, DmabufQueueHandsThePlaneDescriptors) {
 }
 
 TEST_F(V4l2VideoDeviceTest, OutputTypesSetBytesUsed) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING));
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.BufferType(), 2u);
     ASSERT_EQ(device.SetFormat(64, 32, V4L2_PIX_FMT_NV12), 0);
     ASSERT_EQ(device.ReqBuffer(1, V4L2_MEMORY_MMAP), 1);
@@ -977,7 +936,7 @@ TEST_F(V4l2VideoDeviceTest, OutputTypesSetBytesUsed) {
 TEST_F(V4l2VideoDeviceTest, StreamOnFailure) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 2));
     node_->InjectError(VIDIOC_STREAMON, EPIPE);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.StreamOn(), -2);
@@ -988,9 +947,9 @@ TEST_F(V4l2VideoDeviceTest, StreamOnFailure) {
 TEST_F(V4l2VideoDeviceTest, StreamOffMovesEveryQueuedBufferBack) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 4);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 4));
     auto held = device.GetBuffer();
-    QueueAll(device);
+    ASSERT_NO_FATAL_FAILURE(QueueAll(device));
     ASSERT_EQ(device.StreamOn(), 0);
     ASSERT_EQ(device.Queued(), 3u);
     ASSERT_EQ(device.Unqueued(), 0u);
@@ -1018,9 +977,7 @@ TEST_F(V4l2VideoDeviceTest, StreamOffMovesEveryQueuedBufferBack) {
 TEST_F(V4l2VideoDeviceTest, StreamOffFailureLeavesTheLists) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     node_->InjectError(VIDIOC_STREAMOFF, EIO);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.StreamOff(), -2);
@@ -1033,9 +990,7 @@ TEST_F(V4l2VideoDeviceTest, StreamOffFailureLeavesTheLists) {
 TEST_F(V4l2VideoDeviceTest, ConcurrentQueueAndDequeue) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 4);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 4));
     constexpr int kFrames = 200;
     std::atomic<int> received{0};
     std::thread consumer([&] {
@@ -1068,8 +1023,7 @@ TEST_F(V4l2VideoDeviceTest, SetAndGetFormatMultiPlanar) {
     config.numPlanes = 2;
     AddNode(config);
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     V4l2Format format = {};
     format.fourcc = V4L2_PIX_FMT_NV12;
     format.width = 1280;
@@ -1097,12 +1051,9 @@ TEST_F(V4l2VideoDeviceTest, SetAndGetFormatMultiPlanar) {
 }
 
 TEST_F(V4l2VideoDeviceTest, GetFormatSinglePlanarLeavesPlaneCountAndSizes) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(kSinglePlanar));
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.SetFormat(320, 240, V4L2_PIX_FMT_YUYV), 0);
     V4l2Format got = {};
     got.planesCount = 7;
@@ -1119,8 +1070,7 @@ TEST_F(V4l2VideoDeviceTest, GetFormatSinglePlanarLeavesPlaneCountAndSizes) {
 TEST_F(V4l2VideoDeviceTest, FormatFailures) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     marlo_test::LogCapture log;
     node_->InjectError(VIDIOC_G_FMT, EINVAL);
     V4l2Format got = {};
@@ -1140,8 +1090,7 @@ TEST_F(V4l2VideoDeviceTest, FormatFailures) {
 TEST_F(V4l2VideoDeviceTest, Selections) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     V4l2Rect rect = {8, 4, 320, 200};
     ASSERT_EQ(device.SetSelection(V4L2_SEL_TGT_CROP, rect), 0);
     auto records = node_->Requests(VIDIOC_S_SELECTION);
@@ -1173,8 +1122,7 @@ TEST_F(V4l2VideoDeviceTest, EnumerationsCollectUntilTheDriverRefuses) {
                                             marlo_fake::DiscreteSize(1280, 720)};
     AddNode(config);
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     marlo_test::LogCapture log;
     auto formats = device.EnumFormats();
     ASSERT_EQ(formats.size(), 2u);
@@ -1226,7 +1174,7 @@ TEST_F(V4l2VideoDeviceTest, FrameSizeRanges) {
 TEST_F(V4l2VideoDeviceTest, CloseKeepsBuffersAndLists) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 3));
     ASSERT_EQ(device.QueueBuffer(device.GetBuffer()), 0);
     device.Close();
     EXPECT_EQ(device.Fd(), -1);
@@ -1240,9 +1188,7 @@ TEST_F(V4l2VideoDeviceTest, DestructionReleasesMappingsAndDescriptors) {
     marlo_test::FdLeakCheck leaks;
     {
         TestDevice device(kPath);
-        Prepare(device, 3);
-        QueueAll(device);
-        ASSERT_EQ(device.StreamOn(), 0);
+        ASSERT_NO_FATAL_FAILURE(Stream(device, 3));
         EXPECT_EQ(node_->LiveMappings(), 3u);
     }
     EXPECT_EQ(node_->LiveMappings(), 0u);
@@ -1265,8 +1211,7 @@ TEST_F(V4l2VideoDeviceTest, TheGrantedFormatIsTheDriversAnswer) {
     TestDevice device(kPath);
     V4l2Format granted = {};
     EXPECT_EQ(device.GrantedFormat(granted), -2);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.SetFormat(800, 600, V4L2_PIX_FMT_NV12), 0);
     ASSERT_EQ(device.GrantedFormat(granted), 0);
     EXPECT_EQ(granted.width, 640u);
@@ -1290,8 +1235,7 @@ TEST_F(V4l2VideoDeviceTest, FrameIntervalIsAskedAndReadBack) {
     config.frameIntervals = {{1, 15}, {1, 30}};
     AddNode(config);
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     v4l2_fract interval = {1, 25};
     ASSERT_EQ(device.SetFrameInterval(interval), 0);
     EXPECT_EQ(interval.denominator, 30u);
@@ -1324,8 +1268,8 @@ TEST_F(V4l2VideoDeviceTest, AFrameIntervalTheDriverDoesNotKnowIsReported) {
 TEST_F(V4l2VideoDeviceTest, RefusedDequeueQueueAndStreamOnKeepTheDriversErrno) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 2));
+    ASSERT_NO_FATAL_FAILURE(QueueAll(device));
     marlo_test::LogCapture log(false);
 
     node_->InjectError(VIDIOC_STREAMON, EPIPE);
@@ -1351,9 +1295,7 @@ TEST_F(V4l2VideoDeviceTest, RefusedDequeueQueueAndStreamOnKeepTheDriversErrno) {
 TEST_F(V4l2VideoDeviceTest, ADequeuedIndexNotQueuedLeavesNoSystemError) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(0)), 0);
     /* The library's own list forgets the buffer the driver hands back. */
     while (device.Queued() > 0)
