@@ -22,29 +22,24 @@ using tessaro::marlo::VirtualCamera;
 
 namespace {
 
-class VirtualCameraTest : public ::testing::Test {
+/* Client 7 of the shared camera, not opened yet. */
+class VirtualCameraTest : public HalCameraFixture {
   protected:
     void SetUp() override {
-        marlo_fake::VideoNodeConfig config;
-        config.formats = {{V4L2_PIX_FMT_GREY, "Grey"}, {V4L2_PIX_FMT_NV12, "NV12"}};
-        node_ = marlo_fake::AddVideoNode(kNode0, config);
-        camera_ = std::make_shared<HalCamera>(kNode0);
+        HalCameraFixture::SetUp();
         vc_ = camera_->MakeVirtualCamera(7);
     }
     void TearDown() override {
         vc_.reset();
-        camera_.reset();
-        node_.reset();
-        marlo_fake::Reset();
+        HalCameraFixture::TearDown();
     }
 
-    size_t Count(const marlo_test::LogCapture& log, int priority, const std::string& func,
-                 const std::string& text) {
+    /* Lines of client 7 with this priority, member and text. */
+    static size_t Count(const marlo_test::LogCapture& log, int priority, const std::string& func,
+                        const std::string& text) {
         return CountLines(log, priority, Vcam(7), func, text);
     }
 
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
-    std::shared_ptr<HalCamera> camera_;
     std::shared_ptr<VirtualCamera> vc_;
 };
 
