@@ -58,13 +58,6 @@ class DeviceLossTest : public StreamEventsTest {
         size_t target = s.client.count() + more;
         return s.client.waitFor(target);
     }
-
-    static bool AllBytes(const MemFrame& frame, size_t size, uint8_t value) {
-        for (size_t i = 0; i < size; ++i)
-            if (frame.data()[i] != value)
-                return false;
-        return true;
-    }
 };
 
 }  // namespace

@@ -25,47 +25,7 @@ using Registry = tessaro::marlo::detail::StreamRegistryAccess;
 
 namespace {
 
-constexpr int kWidth = 64;
-constexpr int kHeight = 48;
-constexpr size_t kNv12Size = kWidth * kHeight * 3 / 2;
-
-class V4l2StreamTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        /* A sanitizer's own helper thread starts with the first thread: have it before counting. */
-        std::thread([] {}).join();
-        threads_ = ThreadCount();
-        node_ = marlo_fake::AddVideoNode(kNode0);
-    }
-    void TearDown() override {
-        node_.reset();
-        marlo_fake::Reset();
-        EXPECT_EQ(Registry::Size(), 0u);
-        /* Every IO thread is joined once its camera is closed. */
-        EXPECT_TRUE(WaitUntil([this] { return ThreadCount() <= threads_; }));
-    }
-
-    /* Opens \a stream as \a client on the fake node with NV12 at 64x48. */
-    static int Open(V4l2Stream& stream, int client) {
-        return stream.OpenCamera(client, kNode0, kWidth, kHeight, V4L2_PIX_FMT_NV12);
-    }
-
-    static std::shared_ptr<MemFrame> Nv12(uint64_t cookies, FrameBufferRect crop = {}) {
-        return std::make_shared<MemFrame>(kWidth, kHeight, V4L2_PIX_FMT_NV12, kNv12Size, crop, 0,
-                                          cookies);
-    }
-
-    size_t threads_ = 0;
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
-};
-
-bool AllBytes(const MemFrame& frame, size_t size, uint8_t value) {
-    for (size_t i = 0; i < size; ++i) {
-        if (frame.data()[i] != value)
-            return false;
-    }
-    return true;
-}
+using V4l2StreamTest = StreamTest;
 
 }  // namespace
 
