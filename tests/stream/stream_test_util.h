@@ -111,6 +111,12 @@ class StreamTest : public marlo_test::FakeVideoNodeTest {
                                                        kNv12Size, crop, 0, cookies);
     }
 
+    /* Produces \a content once \a queued buffers are back with the driver. */
+    void Produce(const marlo_fake::FrameContent& content, size_t queued = 1) {
+        ASSERT_TRUE(node_->WaitQueued(queued, camera_test::kWait));
+        ASSERT_GE(node_->ProduceFrame(content), 0);
+    }
+
     /* Lends \a frame as one set and starts \a stream with \a client's callback. */
     static int LendAndStart(tessaro::marlo::V4l2Stream& stream, Client& client,
                             const std::shared_ptr<camera_test::MemFrame>& frame) {
