@@ -12,6 +12,7 @@
 #include "fake_v4l2.h"
 #include "support/fake_node_test.h"
 #include "support/log_capture.h"
+#include "v4l2_test_util.h"
 
 namespace {
 
@@ -21,7 +22,7 @@ using tessaro::marlo::V4l2SubdevFormat;
 using tessaro::marlo::V4l2SubDevice;
 
 constexpr char kPath[] = "/dev/marlo-fake-subdev1";
-constexpr char kTag[] = "marlo_v4l2";
+using v4l2_test::kTag;
 constexpr uint32_t kCodeA = 0x2006;  // MEDIA_BUS_FMT_UYVY8_2X8
 constexpr uint32_t kCodeB = 0x2008;  // MEDIA_BUS_FMT_YUYV8_2X8
 
@@ -46,9 +47,7 @@ class V4l2SubDeviceTest : public marlo_test::FakeNodeTest<marlo_fake::FakeSubdev
         return log.contains(ANDROID_LOG_ERROR, kTag, text + " : " + strerror(err) + "\n");
     }
     bool HasWrapperLine(const marlo_test::LogCapture& log, const char* name, int err) {
-        return log.contains(
-            ANDROID_LOG_ERROR, kTag,
-            std::string(kPath) + ": ioctl request " + name + " failed " + strerror(err) + "\n");
+        return log.contains(ANDROID_LOG_ERROR, kTag, v4l2_test::WrapperLine(kPath, name, err));
     }
 
     V4l2SubDevice subdev_{kPath};

@@ -26,6 +26,7 @@
 #include "support/fd_count.h"
 #include "support/log_capture.h"
 #include "support/scoped_property.h"
+#include "v4l2_test_util.h"
 
 namespace {
 
@@ -38,7 +39,8 @@ using tessaro::marlo::V4l2Rect;
 using tessaro::marlo::V4l2VideoDevice;
 
 constexpr char kPath[] = "/dev/marlo-fake-video1";
-constexpr char kTag[] = "marlo_v4l2";
+using v4l2_test::kTag;
+using v4l2_test::WrapperLine;
 
 std::string Msg(const char* fmt, ...) __attribute__((__format__(printf, 1, 2)));
 std::string Msg(const char* fmt, ...) {
@@ -48,6 +50,11 @@ std::string Msg(const char* fmt, ...) {
     vsnprintf(buf, sizeof(buf), fmt, args);
     va_end(args);
     return buf;
+}
+
+/* "<path>: <what> failed : <error>", the error line of a device member. */
+std::string Failure(const std::string& what, int err) {
+    return std::string(kPath) + ": " + what + " failed : " + strerror(err) + "\n";
 }
 
 /* Gives the tests access to the lists and their mutexes. */
@@ -294,8 +301,7 @@ TEST_F(V4l2VideoDeviceTest, QueryCapFailure) {
     EXPECT_EQ(device.QueryCap(), -2);
     EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
                              Msg("query capabilities failed %s\n", strerror(EIO))));
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: ioctl request querycap failed %s\n", kPath, strerror(EIO))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, WrapperLine(kPath, "querycap", EIO)));
 }
 
 /* --- REQBUFS --- */
@@ -307,8 +313,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferFailureAnswersMinusOne) {
     node_->InjectError(VIDIOC_REQBUFS, ENOMEM);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), -1);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: request bufffer failed : %s\n", kPath, strerror(ENOMEM))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("request bufffer", ENOMEM)));
     EXPECT_EQ(device.NumBuffers(), 4u);
 }
 
@@ -423,8 +428,7 @@ TEST_F(V4l2VideoDeviceTest, QueryBufferFailureKeepsBuffersMadeSoFar) {
     marlo_test::LogCapture log;
     EXPECT_EQ(device.QueryBuffer(), -2);
     EXPECT_EQ(device.UnqueuedIndices(), (std::vector<uint32_t>{0, 1}));
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: query bufffer failed : %s\n", kPath, strerror(EIO))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("query bufffer", EIO)));
 }
 
 TEST_F(V4l2VideoDeviceTest, MultiPlanarMmapFailureKeepsTheBuffer) {
@@ -436,9 +440,8 @@ TEST_F(V4l2VideoDeviceTest, MultiPlanarMmapFailureKeepsTheBuffer) {
     marlo_test::LogCapture log;
     EXPECT_EQ(device.QueryBuffer(), 0);
     EXPECT_EQ(device.Unqueued(), 3u);
-    EXPECT_EQ(log.count(Msg("%s: mmap bufffer failed : %s\n", kPath, strerror(ENOMEM))), 1u);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: mmap bufffer failed : %s\n", kPath, strerror(ENOMEM))));
+    EXPECT_EQ(log.count(Failure("mmap bufffer", ENOMEM)), 1u);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("mmap bufffer", ENOMEM)));
     auto first = device.GetBuffer();
     EXPECT_EQ(first->GetIndex(), 0u);
     EXPECT_EQ(first->GetPtr(0), nullptr);
@@ -454,9 +457,8 @@ TEST_F(V4l2VideoDeviceTest, SinglePlanarMmapFailureDropsTheBuffer) {
     marlo_test::LogCapture log;
     EXPECT_EQ(device.QueryBuffer(), 0);
     EXPECT_EQ(device.UnqueuedIndices(), (std::vector<uint32_t>{1, 2}));
-    EXPECT_EQ(log.count(Msg("%s: mmap bufffer failed : %s\n", kPath, strerror(ENOMEM))), 1u);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: mmap bufffer failed : %s\n", kPath, strerror(ENOMEM))));
+    EXPECT_EQ(log.count(Failure("mmap bufffer", ENOMEM)), 1u);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("mmap bufffer", ENOMEM)));
     EXPECT_FALSE(log.containsText(Msg("%s: queried buffer index %u\n", kPath, 0u)));
 }
 
@@ -666,8 +668,7 @@ TEST_F(V4l2VideoDeviceTest, QueueingNothingIsRefused) {
     TestDevice device(kPath);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.QueueBuffer(nullptr), -4);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: queue bufffer failed : %s\n", kPath, strerror(EINVAL))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("queue bufffer", EINVAL)));
     EXPECT_EQ(device.Unqueued(), 0u);
 }
 
@@ -681,10 +682,8 @@ TEST_F(V4l2VideoDeviceTest, RefusedQueueGoesBackToTheEndOfTheFreeList) {
     EXPECT_EQ(device.QueueBuffer(std::move(buffer)), -2);
     EXPECT_EQ(device.UnqueuedIndices(), (std::vector<uint32_t>{1, 2, 0}));
     EXPECT_EQ(device.Queued(), 0u);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: queue bufffer failed : %s\n", kPath, strerror(EINVAL))));
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: ioctl request qbuf failed %s\n", kPath, strerror(EINVAL))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("queue bufffer", EINVAL)));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, WrapperLine(kPath, "qbuf", EINVAL)));
 }
 
 TEST_F(V4l2VideoDeviceTest, DequeueCopiesTheDriversRecord) {
@@ -818,8 +817,7 @@ TEST_F(V4l2VideoDeviceTest, EmptyNonBlockingDequeue) {
     EXPECT_TRUE(log.contains(ANDROID_LOG_INFO, kTag,
                              Msg("%s: deque bufffer ret %d err:%s\n", kPath, -2, strerror(EAGAIN))))
         << log.dump();
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: ioctl request dqbuf failed %s\n", kPath, strerror(EAGAIN))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, WrapperLine(kPath, "dqbuf", EAGAIN)));
     EXPECT_EQ(device.Queued(), 3u);
 }
 
@@ -940,8 +938,7 @@ TEST_F(V4l2VideoDeviceTest, StreamOnFailure) {
     node_->InjectError(VIDIOC_STREAMON, EPIPE);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.StreamOn(), -2);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: stream on failed : %s\n", kPath, strerror(EPIPE))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("stream on", EPIPE)));
 }
 
 TEST_F(V4l2VideoDeviceTest, StreamOffMovesEveryQueuedBufferBack) {
@@ -981,8 +978,7 @@ TEST_F(V4l2VideoDeviceTest, StreamOffFailureLeavesTheLists) {
     node_->InjectError(VIDIOC_STREAMOFF, EIO);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.StreamOff(), -2);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: stream off failed : %s\n", kPath, strerror(EIO))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("stream off", EIO)));
     EXPECT_EQ(device.Queued(), 2u);
     EXPECT_EQ(device.Unqueued(), 0u);
 }
@@ -1077,12 +1073,10 @@ TEST_F(V4l2VideoDeviceTest, FormatFailures) {
     got.width = 99;
     EXPECT_EQ(device.GetFormat(got), -2);
     EXPECT_EQ(got.width, 99u);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: get fmt failed : %s\n", kPath, strerror(EINVAL))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("get fmt", EINVAL)));
     node_->InjectError(VIDIOC_S_FMT, EBUSY);
     EXPECT_EQ(device.SetFormat(640, 480, V4L2_PIX_FMT_NV12), -2);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: set fmt failed : %s\n", kPath, strerror(EBUSY))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("set fmt", EBUSY)));
     /* The plane count is taken from the (untouched, zeroed) answer even then. */
     EXPECT_EQ(device.NumPlanes(), 0u);
 }
@@ -1110,10 +1104,8 @@ TEST_F(V4l2VideoDeviceTest, Selections) {
     EXPECT_EQ(device.GetSelection(V4L2_SEL_TGT_CROP, got), -2);
     node_->InjectError(VIDIOC_S_SELECTION, ERANGE);
     EXPECT_EQ(device.SetSelection(V4L2_SEL_TGT_CROP, rect), -2);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: get sel failed : %s\n", kPath, strerror(EINVAL))));
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: set sel failed : %s\n", kPath, strerror(ERANGE))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("get sel", EINVAL)));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("set sel", ERANGE)));
 }
 
 TEST_F(V4l2VideoDeviceTest, EnumerationsCollectUntilTheDriverRefuses) {
@@ -1133,11 +1125,8 @@ TEST_F(V4l2VideoDeviceTest, EnumerationsCollectUntilTheDriverRefuses) {
     EXPECT_EQ(sizes.back().discrete.width, 1280u);
     EXPECT_TRUE(device.EnumFrameSizes(V4L2_PIX_FMT_YUYV).empty());
     /* Only the wrapper's lines: one per enumeration end. */
-    EXPECT_EQ(log.count(Msg("%s: ioctl request enum_fmt failed %s\n", kPath, strerror(EINVAL))),
-              1u);
-    EXPECT_EQ(
-        log.count(Msg("%s: ioctl request enum_framesizes failed %s\n", kPath, strerror(EINVAL))),
-        2u);
+    EXPECT_EQ(log.count(WrapperLine(kPath, "enum_fmt", EINVAL)), 1u);
+    EXPECT_EQ(log.count(WrapperLine(kPath, "enum_framesizes", EINVAL)), 2u);
     EXPECT_EQ(log.records().size(), 3u) << log.dump();
 }
 
@@ -1165,8 +1154,7 @@ TEST_F(V4l2VideoDeviceTest, FrameSizeRanges) {
     EXPECT_EQ(range.stepHeight, 8u);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.GetFrameSizeRange(V4L2_PIX_FMT_GREY, range), -2);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: enum frame sizes failed : %s\n", kPath, strerror(EINVAL))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("enum frame sizes", EINVAL)));
 }
 
 /* --- lifetime --- */
@@ -1258,11 +1246,8 @@ TEST_F(V4l2VideoDeviceTest, AFrameIntervalTheDriverDoesNotKnowIsReported) {
     v4l2_fract interval = {1, 30};
     EXPECT_EQ(device.SetFrameInterval(interval), -2);
     EXPECT_EQ(device.GetFrameInterval(interval), -2);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: set parm failed : %s\n", kPath, strerror(ENOTTY))))
-        << log.dump();
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: get parm failed : %s\n", kPath, strerror(ENOTTY))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("set parm", ENOTTY))) << log.dump();
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("get parm", ENOTTY)));
 }
 
 TEST_F(V4l2VideoDeviceTest, RefusedDequeueQueueAndStreamOnKeepTheDriversErrno) {
