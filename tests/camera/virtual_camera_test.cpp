@@ -34,6 +34,12 @@ class VirtualCameraTest : public HalCameraFixture {
         HalCameraFixture::TearDown();
     }
 
+    /* A client \a id whose hardware camera (at kNode1) is gone already. */
+    static std::shared_ptr<VirtualCamera> ClientOfAGoneCamera(int id) {
+        auto gone = std::make_shared<HalCamera>(kNode1);
+        return std::make_shared<VirtualCamera>(id, gone);
+    }
+
     /* Lines of client 7 with this priority, member and text. */
     static size_t Count(const marlo_test::LogCapture& log, int priority, const std::string& func,
                         const std::string& text) {
@@ -62,9 +68,7 @@ TEST_F(VirtualCameraTest, ConstructionKeepsAWeakReferenceToItsCamera) {
 
 TEST_F(VirtualCameraTest, GetHalCamerasSkipsACameraThatHasGone) {
     vc_.reset();
-    auto lonely = std::make_shared<HalCamera>(kNode1);
-    auto vc = std::make_shared<VirtualCamera>(1, lonely);
-    lonely.reset();
+    auto vc = ClientOfAGoneCamera(1);
     marlo_test::LogCapture log;
     EXPECT_TRUE(vc->getHalCameras().empty());
     EXPECT_TRUE(log.records().empty()) << log.dump();
@@ -87,9 +91,7 @@ TEST_F(VirtualCameraTest, OpenOpensTheHardware) {
 }
 
 TEST_F(VirtualCameraTest, OpenWithACameraThatHasGoneLogsAndSucceeds) {
-    auto lonely = std::make_shared<HalCamera>(kNode1);
-    auto vc = std::make_shared<VirtualCamera>(3, lonely);
-    lonely.reset();
+    auto vc = ClientOfAGoneCamera(3);
     marlo_test::LogCapture log;
     EXPECT_TRUE(vc->openVideoStream(64, 48, V4L2_PIX_FMT_GREY));
     EXPECT_EQ(
@@ -158,9 +160,7 @@ TEST_F(VirtualCameraTest, FailedCameraStartIsReportedAndStateReturnsToStopped) {
 }
 
 TEST_F(VirtualCameraTest, StartWithACameraThatHasGoneFails) {
-    auto lonely = std::make_shared<HalCamera>(kNode1);
-    auto vc = std::make_shared<VirtualCamera>(3, lonely);
-    lonely.reset();
+    auto vc = ClientOfAGoneCamera(3);
     marlo_test::LogCapture log;
     FrameSink sink;
     /* Trying the gone entry again could only repeat forever: the start fails once instead. */
