@@ -1,13 +1,15 @@
 /*
  * Shared pieces of the camera-sharing suites: the system root whose board
  * configuration names the fake capture nodes (so the debug helper keeps a
- * table entry for each), client frame buffers in memory files, a frame sink
- * for callbacks, and exact matching of the camera log lines.
+ * table entry for each), a fixture with a shared camera over a fake node,
+ * client frame buffers in memory files, a frame sink for callbacks, and
+ * exact matching of the camera log lines.
  */
 #pragma once
 
 #include <android/log.h>
 #include <dirent.h>
+#include <linux/videodev2.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -33,6 +35,7 @@
 #include "marlo/camera/hal_camera.h"
 #include "marlo/camera/virtual_camera.h"
 #include "marlo/debug/debug_helper.h"
+#include "support/fake_node_test.h"
 #include "support/log_capture.h"
 #include "support/scoped_property.h"
 
@@ -154,6 +157,41 @@ inline std::string Cam(const std::string& id) {
 inline std::string Vcam(int id) {
     return "VCAM(" + std::to_string(id) + ")";
 }
+
+/*
+ * A shared hardware camera over a fresh fake capture node at kNode0 that
+ * offers Grey and NV12. The camera goes before the node, and the fake kernel
+ * is reset, after each test.
+ */
+class HalCameraFixture : public marlo_test::FakeVideoNodeTest {
+  protected:
+    void SetUp() override {
+        marlo_fake::VideoNodeConfig config;
+        config.formats = {{V4L2_PIX_FMT_GREY, "Grey"}, {V4L2_PIX_FMT_NV12, "NV12"}};
+        AddNode(kNode0, config);
+        camera_ = std::make_shared<tessaro::marlo::HalCamera>(kNode0);
+    }
+    void TearDown() override {
+        camera_.reset();
+        FakeVideoNodeTest::TearDown();
+    }
+
+    /* A new client of the camera that opened its stream with this geometry. */
+    std::shared_ptr<tessaro::marlo::VirtualCamera> Client(int id, int width = 64, int height = 48,
+                                                          int format = V4L2_PIX_FMT_GREY) {
+        std::shared_ptr<tessaro::marlo::VirtualCamera> vc = camera_->MakeVirtualCamera(id);
+        EXPECT_TRUE(vc->openVideoStream(width, height, format));
+        return vc;
+    }
+
+    /* Lines of the camera at kNode0 with this priority, member and text. */
+    static size_t Count(const marlo_test::LogCapture& log, int priority, const std::string& func,
+                        const std::string& text) {
+        return CountLines(log, priority, Cam(kNode0), func, text);
+    }
+
+    std::shared_ptr<tessaro::marlo::HalCamera> camera_;
+};
 
 /* A client buffer over a memory file, with a mapping kept for the test. */
 class MemFrame {

@@ -46,7 +46,7 @@ bool CopyOf(const FenceRecorder::Merge& merge, int fence) {
 constexpr int kWidth = 64;
 constexpr int kHeight = 48;
 
-class FanOutEngineTest : public ::testing::Test {
+class FanOutEngineTest : public HalCameraFixture {
   protected:
     void SetUp() override {
         ASSERT_TRUE(engine_.loaded());
@@ -55,16 +55,11 @@ class FanOutEngineTest : public ::testing::Test {
         ASSERT_NE(dup, nullptr);
         setFenceDup_ = dup;
         engine_.reset();
-        marlo_fake::VideoNodeConfig config;
-        config.formats = {{V4L2_PIX_FMT_GREY, "Grey"}, {V4L2_PIX_FMT_NV12, "NV12"}};
-        node_ = marlo_fake::AddVideoNode(kNode0, config);
-        camera_ = std::make_shared<HalCamera>(kNode0);
+        HalCameraFixture::SetUp();
         FrameFanOut::UseFences(*camera_, fences_);
     }
     void TearDown() override {
-        camera_.reset();
-        node_.reset();
-        marlo_fake::Reset();
+        HalCameraFixture::TearDown();
         if (engine_.loaded())
             engine_.reset();
     }
@@ -75,28 +70,19 @@ class FanOutEngineTest : public ::testing::Test {
         setFenceDup_(1);
     }
 
-    std::shared_ptr<VirtualCamera> Client(int id, int width = kWidth, int height = kHeight,
-                                          int format = V4L2_PIX_FMT_GREY) {
-        std::shared_ptr<VirtualCamera> vc = camera_->MakeVirtualCamera(id);
-        EXPECT_TRUE(vc->openVideoStream(width, height, format));
-        return vc;
-    }
-
     void Produce(int64_t sequence) {
         ASSERT_TRUE(node_->WaitQueued(3, kWait));
         ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(sequence, {1, 0}, 0x10)), 0);
     }
 
     size_t Count(const marlo_test::LogCapture& log, int priority, const std::string& text) {
-        return CountLines(log, priority, Cam(kNode0), "operator()", text);
+        return HalCameraFixture::Count(log, priority, "operator()", text);
     }
 
-    /* Outlives the camera, whose fan-out merges and waits through it. */
+    /* Outlives the camera (reset in TearDown), whose fan-out merges and waits through it. */
     FenceRecorder fences_;
     marlo_test::FakeEngine engine_;
     fake_nax_set_release_fence_dup_t setFenceDup_ = nullptr;
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
-    std::shared_ptr<HalCamera> camera_;
 };
 
 }  // namespace

@@ -73,26 +73,8 @@ class ZeroFdFrame : public tessaro::marlo::FrameBuffer {
     int UnMap() override { return 0; }
 };
 
-class FrameFanOutTest : public ::testing::Test {
+class FrameFanOutTest : public HalCameraFixture {
   protected:
-    void SetUp() override {
-        marlo_fake::VideoNodeConfig config;
-        config.formats = {{V4L2_PIX_FMT_GREY, "Grey"}, {V4L2_PIX_FMT_NV12, "NV12"}};
-        node_ = marlo_fake::AddVideoNode(kNode0, config);
-        camera_ = std::make_shared<HalCamera>(kNode0);
-    }
-    void TearDown() override {
-        camera_.reset();
-        node_.reset();
-        marlo_fake::Reset();
-    }
-
-    std::shared_ptr<VirtualCamera> Client(int id) {
-        std::shared_ptr<VirtualCamera> vc = camera_->MakeVirtualCamera(id);
-        EXPECT_TRUE(vc->openVideoStream(kWidth, kHeight, V4L2_PIX_FMT_GREY));
-        return vc;
-    }
-
     /* Produces one frame once all three buffers are back with the driver. */
     void Produce(int64_t sequence, timeval stamp = {1, 0}) {
         ASSERT_TRUE(node_->WaitQueued(3, kWait));
@@ -103,13 +85,12 @@ class FrameFanOutTest : public ::testing::Test {
     void ExpectReturned() { EXPECT_TRUE(node_->WaitQueued(3, kWait)); }
 
     size_t Count(const marlo_test::LogCapture& log, int priority, const std::string& text) {
-        return CountLines(log, priority, Cam(kNode0), "operator()", text);
+        return HalCameraFixture::Count(log, priority, "operator()", text);
     }
 
-    /* Outlives the camera, whose fan-out a test may have merge and wait through it. */
+    /* Outlives the camera (reset in TearDown), whose fan-out a test may have merge and wait
+     * through it. */
     FenceRecorder fences_;
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
-    std::shared_ptr<HalCamera> camera_;
 };
 
 }  // namespace

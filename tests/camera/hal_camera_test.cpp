@@ -22,28 +22,7 @@ using tessaro::marlo::VirtualCamera;
 
 namespace {
 
-class HalCameraTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        marlo_fake::VideoNodeConfig config;
-        config.formats = {{V4L2_PIX_FMT_GREY, "Grey"}, {V4L2_PIX_FMT_NV12, "NV12"}};
-        node_ = marlo_fake::AddVideoNode(kNode0, config);
-        camera_ = std::make_shared<HalCamera>(kNode0);
-    }
-    void TearDown() override {
-        camera_.reset();
-        node_.reset();
-        marlo_fake::Reset();
-    }
-
-    size_t Count(const marlo_test::LogCapture& log, int priority, const std::string& func,
-                 const std::string& text) {
-        return CountLines(log, priority, Cam(kNode0), func, text);
-    }
-
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
-    std::shared_ptr<HalCamera> camera_;
-};
+using HalCameraTest = HalCameraFixture;
 
 }  // namespace
 

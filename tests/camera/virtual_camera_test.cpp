@@ -22,29 +22,30 @@ using tessaro::marlo::VirtualCamera;
 
 namespace {
 
-class VirtualCameraTest : public ::testing::Test {
+/* Client 7 of the shared camera, not opened yet. */
+class VirtualCameraTest : public HalCameraFixture {
   protected:
     void SetUp() override {
-        marlo_fake::VideoNodeConfig config;
-        config.formats = {{V4L2_PIX_FMT_GREY, "Grey"}, {V4L2_PIX_FMT_NV12, "NV12"}};
-        node_ = marlo_fake::AddVideoNode(kNode0, config);
-        camera_ = std::make_shared<HalCamera>(kNode0);
+        HalCameraFixture::SetUp();
         vc_ = camera_->MakeVirtualCamera(7);
     }
     void TearDown() override {
         vc_.reset();
-        camera_.reset();
-        node_.reset();
-        marlo_fake::Reset();
+        HalCameraFixture::TearDown();
     }
 
-    size_t Count(const marlo_test::LogCapture& log, int priority, const std::string& func,
-                 const std::string& text) {
+    /* A client \a id whose hardware camera (at kNode1) is gone already. */
+    static std::shared_ptr<VirtualCamera> ClientOfAGoneCamera(int id) {
+        auto gone = std::make_shared<HalCamera>(kNode1);
+        return std::make_shared<VirtualCamera>(id, gone);
+    }
+
+    /* Lines of client 7 with this priority, member and text. */
+    static size_t Count(const marlo_test::LogCapture& log, int priority, const std::string& func,
+                        const std::string& text) {
         return CountLines(log, priority, Vcam(7), func, text);
     }
 
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
-    std::shared_ptr<HalCamera> camera_;
     std::shared_ptr<VirtualCamera> vc_;
 };
 
@@ -67,9 +68,7 @@ TEST_F(VirtualCameraTest, ConstructionKeepsAWeakReferenceToItsCamera) {
 
 TEST_F(VirtualCameraTest, GetHalCamerasSkipsACameraThatHasGone) {
     vc_.reset();
-    auto lonely = std::make_shared<HalCamera>(kNode1);
-    auto vc = std::make_shared<VirtualCamera>(1, lonely);
-    lonely.reset();
+    auto vc = ClientOfAGoneCamera(1);
     marlo_test::LogCapture log;
     EXPECT_TRUE(vc->getHalCameras().empty());
     EXPECT_TRUE(log.records().empty()) << log.dump();
@@ -92,9 +91,7 @@ TEST_F(VirtualCameraTest, OpenOpensTheHardware) {
 }
 
 TEST_F(VirtualCameraTest, OpenWithACameraThatHasGoneLogsAndSucceeds) {
-    auto lonely = std::make_shared<HalCamera>(kNode1);
-    auto vc = std::make_shared<VirtualCamera>(3, lonely);
-    lonely.reset();
+    auto vc = ClientOfAGoneCamera(3);
     marlo_test::LogCapture log;
     EXPECT_TRUE(vc->openVideoStream(64, 48, V4L2_PIX_FMT_GREY));
     EXPECT_EQ(
@@ -163,9 +160,7 @@ TEST_F(VirtualCameraTest, FailedCameraStartIsReportedAndStateReturnsToStopped) {
 }
 
 TEST_F(VirtualCameraTest, StartWithACameraThatHasGoneFails) {
-    auto lonely = std::make_shared<HalCamera>(kNode1);
-    auto vc = std::make_shared<VirtualCamera>(3, lonely);
-    lonely.reset();
+    auto vc = ClientOfAGoneCamera(3);
     marlo_test::LogCapture log;
     FrameSink sink;
     /* Trying the gone entry again could only repeat forever: the start fails once instead. */

@@ -54,8 +54,7 @@ TEST_F(HoldTest, MoreLentBuffersThanTheEnginesIdleLimitAreNeverMappedAgain) {
     for (int id = 0; id < kClients; ++id)
         ASSERT_EQ(streams[id]->ClientStartStream(clients[id]->callback()), 0);
     for (int64_t sequence = 0; sequence < kSets + 5; ++sequence) {
-        ASSERT_TRUE(node_->WaitQueued(3, kWait));
-        ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(sequence, {1, 0}, 0x40)), 0);
+        ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(sequence, {1, 0}, 0x40), 3));
         for (auto& client : clients)
             ASSERT_TRUE(client->waitFor(static_cast<size_t>(sequence + 1)));
         /* Every job found its buffer's mapping: none was dropped or made again. */

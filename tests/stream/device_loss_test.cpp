@@ -58,13 +58,6 @@ class DeviceLossTest : public StreamEventsTest {
         size_t target = s.client.count() + more;
         return s.client.waitFor(target);
     }
-
-    static bool AllBytes(const MemFrame& frame, size_t size, uint8_t value) {
-        for (size_t i = 0; i < size; ++i)
-            if (frame.data()[i] != value)
-                return false;
-        return true;
-    }
 };
 
 }  // namespace
@@ -340,8 +333,7 @@ TEST_F(DeviceLossTest, AFrameTheDriverFlagsIsDroppedNotConverted) {
     EXPECT_TRUE(AllBytes(*a.frame, kNv12Size, 0xee));
 
     /* The set was not used up: the next good frame fills it. */
-    ASSERT_TRUE(node_->WaitQueued(1, kWait));
-    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(4, {1, 0}, 0x80)), 0);
+    ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(4, {1, 0}, 0x80)));
     ASSERT_TRUE(a.client.waitFor(1));
     EXPECT_EQ(a.client.at(0)[0]->sequence(), 4u);
     EXPECT_TRUE(AllBytes(*a.frame, kNv12Size, 0x80));
@@ -428,8 +420,7 @@ TEST_F(GrantedSizeTest, FramesAreDescribedWithTheGrantedSize) {
         << log.dump();
 
     /* Converted from the 32x24 frame into the 64x48 client buffer. */
-    ASSERT_TRUE(node_->WaitQueued(1, kWait));
-    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(0, {1, 0}, 0x80)), 0);
+    ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(0, {1, 0}, 0x80)));
     ASSERT_TRUE(a.client.waitFor(1));
     EXPECT_TRUE(AllBytes(*a.frame, kNv12Size, 0x80));
 

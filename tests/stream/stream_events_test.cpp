@@ -81,11 +81,9 @@ TEST_F(EventsTest, AClientWithoutAFreeSetIsToldItMissedTheFrame) {
     auto frame = Nv12(1);
     Client client;  // keeps every set it receives
     ASSERT_EQ(LendAndStart(stream, client, frame), 0);
-    ASSERT_TRUE(node_->WaitQueued(1, kWait));
-    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(20, {1, 0}, 0x10)), 0);
+    ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(20, {1, 0}, 0x10)));
     ASSERT_TRUE(client.waitFor(1));
-    ASSERT_TRUE(node_->WaitQueued(1, kWait));
-    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(21, {1, 0}, 0x20)), 0);
+    ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(21, {1, 0}, 0x20)));
     ASSERT_TRUE(events.waitFor(StreamEventType::kFrameDropped));
     StreamEvent dropped = events.first(StreamEventType::kFrameDropped);
     EXPECT_EQ(dropped.sequence, 21u);

@@ -25,47 +25,7 @@ using Registry = tessaro::marlo::detail::StreamRegistryAccess;
 
 namespace {
 
-constexpr int kWidth = 64;
-constexpr int kHeight = 48;
-constexpr size_t kNv12Size = kWidth * kHeight * 3 / 2;
-
-class V4l2StreamTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        /* A sanitizer's own helper thread starts with the first thread: have it before counting. */
-        std::thread([] {}).join();
-        threads_ = ThreadCount();
-        node_ = marlo_fake::AddVideoNode(kNode0);
-    }
-    void TearDown() override {
-        node_.reset();
-        marlo_fake::Reset();
-        EXPECT_EQ(Registry::Size(), 0u);
-        /* Every IO thread is joined once its camera is closed. */
-        EXPECT_TRUE(WaitUntil([this] { return ThreadCount() <= threads_; }));
-    }
-
-    /* Opens \a stream as \a client on the fake node with NV12 at 64x48. */
-    static int Open(V4l2Stream& stream, int client) {
-        return stream.OpenCamera(client, kNode0, kWidth, kHeight, V4L2_PIX_FMT_NV12);
-    }
-
-    static std::shared_ptr<MemFrame> Nv12(uint64_t cookies, FrameBufferRect crop = {}) {
-        return std::make_shared<MemFrame>(kWidth, kHeight, V4L2_PIX_FMT_NV12, kNv12Size, crop, 0,
-                                          cookies);
-    }
-
-    size_t threads_ = 0;
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
-};
-
-bool AllBytes(const MemFrame& frame, size_t size, uint8_t value) {
-    for (size_t i = 0; i < size; ++i) {
-        if (frame.data()[i] != value)
-            return false;
-    }
-    return true;
-}
+using V4l2StreamTest = StreamTest;
 
 }  // namespace
 
@@ -148,8 +108,7 @@ TEST_F(V4l2StreamTest, FramesReachTheClientBuffersConvertedAndStamped) {
         EXPECT_TRUE(node_->Streaming());
         EXPECT_EQ(node_->Format().fmt.pix_mp.width, static_cast<uint32_t>(kWidth));
 
-        ASSERT_TRUE(node_->WaitQueued(1, kWait));
-        ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(7, {12, 345678}, 0x80)), 0);
+        ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(7, {12, 345678}, 0x80)));
         ASSERT_TRUE(client.waitFor(1));
         FrameSet got = client.at(0);
         ASSERT_EQ(got.size(), 3u);
@@ -200,11 +159,9 @@ TEST_F(V4l2StreamTest, ReturnedSetsQueueBehindTheLentOne) {
 
     Client client;
     ASSERT_EQ(stream.ClientStartStream(client.callback()), 0);
-    ASSERT_TRUE(node_->WaitQueued(1, kWait));
-    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(0)), 0);
+    ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(0)));
     ASSERT_TRUE(client.waitFor(1));
-    ASSERT_TRUE(node_->WaitQueued(1, kWait));
-    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(1)), 0);
+    ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(1)));
     ASSERT_TRUE(client.waitFor(2));
     EXPECT_EQ(client.at(0)[0], a->buffer());
     EXPECT_EQ(client.at(1)[0], b->buffer());
@@ -231,8 +188,7 @@ TEST_F(V4l2StreamTest, TwoClientsOnOneDeviceBothReceiveEachFrame) {
     EXPECT_EQ(node_->CountRequests(VIDIOC_STREAMON), 1u);
 
     for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(node_->WaitQueued(1, kWait));
-        ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(i, {0, 0}, 0x10 + i)), 0);
+        ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(i, {0, 0}, 0x10 + i)));
         ASSERT_TRUE(clientA.waitFor(i + 1));
         ASSERT_TRUE(clientB.waitFor(i + 1));
     }
@@ -242,8 +198,7 @@ TEST_F(V4l2StreamTest, TwoClientsOnOneDeviceBothReceiveEachFrame) {
     /* The first client leaving keeps capture running for the second. */
     first.CloseCamera();
     EXPECT_TRUE(node_->Streaming());
-    ASSERT_TRUE(node_->WaitQueued(1, kWait));
-    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(3)), 0);
+    ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(3)));
     ASSERT_TRUE(clientB.waitFor(4));
     EXPECT_EQ(clientA.count(), 3u);
 
@@ -272,8 +227,7 @@ TEST_F(V4l2StreamTest, SecondStartIsRefusedButReplacesTheCallback) {
     EXPECT_EQ(stream.state(), 1u);
     EXPECT_EQ(node_->CountRequests(VIDIOC_STREAMON), 1u);
 
-    ASSERT_TRUE(node_->WaitQueued(1, kWait));
-    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(0)), 0);
+    ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(0)));
     ASSERT_TRUE(second.waitFor(1));
     EXPECT_EQ(first.count(), 0u);
     stream.CloseCamera();
@@ -314,8 +268,7 @@ TEST_F(V4l2StreamTest, StopThenStartAgainDeliversAgain) {
     /* Stopping forgets the lent sets: they are lent again before the restart. */
     ASSERT_EQ(stream.ClientSetBufferInfo(set), 0);
     ASSERT_EQ(stream.ClientStartStream(client.callback()), 0);
-    ASSERT_TRUE(node_->WaitQueued(1, kWait));
-    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(5)), 0);
+    ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(5)));
     ASSERT_TRUE(client.waitFor(1));
     stream.CloseCamera();
     client.clear();
@@ -383,10 +336,8 @@ TEST_F(V4l2StreamTest, PauseAndResumeReturnZeroAndChangeNothing) {
     V4l2Stream stream;
     ASSERT_EQ(Open(stream, 1), 0);
     auto a = Nv12(1);
-    FrameSet set{a->buffer()};
     Client client(&stream);
-    ASSERT_EQ(stream.ClientSetBufferInfo(set), 0);
-    ASSERT_EQ(stream.ClientStartStream(client.callback()), 0);
+    ASSERT_EQ(LendAndStart(stream, client, a), 0);
 
     marlo_test::LogCapture log;
     EXPECT_EQ(stream.ClientPauseStream(), 0);
@@ -395,8 +346,7 @@ TEST_F(V4l2StreamTest, PauseAndResumeReturnZeroAndChangeNothing) {
     EXPECT_EQ(stream.state(), 1u);
     EXPECT_TRUE(node_->Streaming());
     /* Frames still flow while "paused". */
-    ASSERT_TRUE(node_->WaitQueued(1, kWait));
-    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(0)), 0);
+    ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(0)));
     ASSERT_TRUE(client.waitFor(1));
 
     EXPECT_EQ(stream.ClientResumeStream(), 0);
@@ -437,8 +387,7 @@ TEST_F(V4l2StreamTest, WithoutACallbackASetIsNeitherDeliveredNorGivenBack) {
     ASSERT_EQ(stream.ClientStartStream(nullptr), 0);
 
     marlo_test::LogCapture log;
-    ASSERT_TRUE(node_->WaitQueued(1, kWait));
-    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(0, {0, 0}, 0x33)), 0);
+    ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(0, {0, 0}, 0x33)));
     ASSERT_TRUE(node_->WaitQueued(1, kWait));
     /* The set was filled and kept by nobody: the next frame finds no free set. */
     ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(1, {0, 0}, 0x44)), 0);
@@ -478,7 +427,6 @@ TEST_F(V4l2StreamTest, ReopenAfterCloseMakesAFreshCamera) {
     {
         V4l2Stream stream;
         auto a = Nv12(1);
-        FrameSet set{a->buffer()};
         for (int round = 0; round < 2; ++round) {
             marlo_test::LogCapture log;
             ASSERT_EQ(Open(stream, 1), 0);
@@ -488,10 +436,8 @@ TEST_F(V4l2StreamTest, ReopenAfterCloseMakesAFreshCamera) {
                 1u)
                 << log.dump();
             Client client(&stream);
-            ASSERT_EQ(stream.ClientSetBufferInfo(set), 0);
-            ASSERT_EQ(stream.ClientStartStream(client.callback()), 0);
-            ASSERT_TRUE(node_->WaitQueued(1, kWait));
-            ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(round)), 0);
+            ASSERT_EQ(LendAndStart(stream, client, a), 0);
+            ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(round)));
             ASSERT_TRUE(client.waitFor(1));
             stream.CloseCamera();
             EXPECT_EQ(node_->OpenDescriptors(), 0u);
@@ -725,8 +671,7 @@ TEST_F(V4l2StreamTest, ClosingASupersededClientLeavesTheNewerOneStreaming) {
     EXPECT_FALSE(log.containsText("destroyed with")) << log.dump();
     EXPECT_TRUE(node_->Streaming());
 
-    ASSERT_TRUE(node_->WaitQueued(1, kWait));
-    ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(9, {1, 0}, 0x33)), 0);
+    ASSERT_NO_FATAL_FAILURE(Produce(marlo_fake::Frame(9, {1, 0}, 0x33)));
     ASSERT_TRUE(newerClient.waitFor(1));
     EXPECT_TRUE(AllBytes(*b, kNv12Size, 0x33));
     EXPECT_EQ(newerClient.at(0)[0]->sequence(), 9u);

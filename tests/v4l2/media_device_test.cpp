@@ -14,6 +14,7 @@
 #include <marlo/v4l2/media_device.h>
 
 #include "fake_v4l2.h"
+#include "support/fake_node_test.h"
 #include "support/fd_count.h"
 #include "support/log_capture.h"
 
@@ -23,7 +24,7 @@ using tessaro::marlo::MediaDevice;
 
 constexpr char kPath[] = "/dev/marlo-fake-media1";
 
-class MediaDeviceTest : public ::testing::Test {
+class MediaDeviceTest : public marlo_test::FakeNodeTest<marlo_fake::FakeMediaNode> {
   protected:
     void SetUp() override {
         marlo_fake::MediaNodeConfig config;
@@ -33,12 +34,6 @@ class MediaDeviceTest : public ::testing::Test {
         config.links = {{1, 0, 4, 0, MEDIA_LNK_FL_ENABLED}, {4, 1, 7, 0, 0}};
         node_ = marlo_fake::AddMediaNode(kPath, config);
     }
-    void TearDown() override {
-        node_.reset();
-        marlo_fake::Reset();
-    }
-
-    std::shared_ptr<marlo_fake::FakeMediaNode> node_;
 };
 
 TEST_F(MediaDeviceTest, OpenFlagsIncludeCreation) {

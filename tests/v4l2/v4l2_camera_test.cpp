@@ -15,6 +15,7 @@
 #include <marlo/v4l2/v4l2_camera.h>
 
 #include "fake_v4l2.h"
+#include "support/fake_node_test.h"
 #include "support/fd_count.h"
 #include "support/log_capture.h"
 
@@ -32,16 +33,18 @@ std::string Cam(const char* func, int line, const std::string& text) {
     return prefix + text;
 }
 
-class V4l2CameraTest : public ::testing::Test {
+class V4l2CameraTest : public marlo_test::FakeVideoNodeTest {
   protected:
-    void SetUp() override { AddNode(); }
-    void TearDown() override {
-        node_.reset();
-        marlo_fake::Reset();
-    }
+    void SetUp() override { AddNode(kPath); }
 
-    void AddNode(marlo_fake::VideoNodeConfig config = {}) {
-        node_ = marlo_fake::AddVideoNode(kPath, std::move(config));
+    /* Opens \a camera at 640x480 NV12, the geometry of most tests. */
+    static void Open(V4l2Camera& camera) {
+        ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    }
+    /* Opens \a camera as Open() does and starts its stream. */
+    static void OpenAndStart(V4l2Camera& camera) {
+        ASSERT_NO_FATAL_FAILURE(Open(camera));
+        ASSERT_EQ(camera.StartVideoStream(), 0);
     }
 
     bool HasError(const marlo_test::LogCapture& log, const std::string& message) {
@@ -66,8 +69,6 @@ class V4l2CameraTest : public ::testing::Test {
         ASSERT_FALSE(requests.empty());
         EXPECT_EQ(requests.back().name, lastRequest);
     }
-
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
 };
 
 TEST_F(V4l2CameraTest, OpenSequence) {
@@ -159,7 +160,7 @@ TEST_F(V4l2CameraTest, FailedOpenKeepsTheDescriptorUntilShutdown) {
 
 TEST_F(V4l2CameraTest, StartQueuesEveryBufferAndStreams) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_NO_FATAL_FAILURE(Open(camera));
     EXPECT_EQ(camera.StartVideoStream(), 0);
     EXPECT_EQ(camera.State(), V4l2Camera::kRunning);
     EXPECT_EQ(node_->CountRequests(VIDIOC_QBUF), 3u);
@@ -169,8 +170,7 @@ TEST_F(V4l2CameraTest, StartQueuesEveryBufferAndStreams) {
 
 TEST_F(V4l2CameraTest, SecondStartIsRefusedAndQueuesNothing) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
-    ASSERT_EQ(camera.StartVideoStream(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndStart(camera));
     node_->ClearRequests();
     marlo_test::LogCapture log;
     EXPECT_EQ(camera.StartVideoStream(), -2);
@@ -183,7 +183,7 @@ TEST_F(V4l2CameraTest, SecondStartIsRefusedAndQueuesNothing) {
 
 TEST_F(V4l2CameraTest, StopWithoutStartTouchesNothing) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_NO_FATAL_FAILURE(Open(camera));
     node_->ClearRequests();
     marlo_test::LogCapture log;
     camera.StopVideoStream();
@@ -194,8 +194,7 @@ TEST_F(V4l2CameraTest, StopWithoutStartTouchesNothing) {
 
 TEST_F(V4l2CameraTest, StopStreamsOff) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
-    ASSERT_EQ(camera.StartVideoStream(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndStart(camera));
     marlo_test::LogCapture log;
     camera.StopVideoStream();
     EXPECT_EQ(camera.State(), 0u);
@@ -210,8 +209,7 @@ TEST_F(V4l2CameraTest, StopStreamsOff) {
 
 TEST_F(V4l2CameraTest, FailedStopLeavesTheCameraStuck) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
-    ASSERT_EQ(camera.StartVideoStream(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndStart(camera));
     node_->InjectError(VIDIOC_STREAMOFF, EIO);
     marlo_test::LogCapture log;
     camera.StopVideoStream();
@@ -235,7 +233,7 @@ TEST_F(V4l2CameraTest, FailedStopLeavesTheCameraStuck) {
 
 TEST_F(V4l2CameraTest, FailedStreamOnStillAnswersZero) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_NO_FATAL_FAILURE(Open(camera));
     node_->InjectError(VIDIOC_STREAMON, EPIPE);
     marlo_test::LogCapture log;
     EXPECT_EQ(camera.StartVideoStream(), 0);
@@ -246,8 +244,7 @@ TEST_F(V4l2CameraTest, FailedStreamOnStillAnswersZero) {
 
 TEST_F(V4l2CameraTest, CollectAndReturnFrames) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
-    ASSERT_EQ(camera.StartVideoStream(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndStart(camera));
 
     /* The owner learns of a frame through the descriptor, as its IO thread does. */
     int ep = epoll_create1(EPOLL_CLOEXEC);
@@ -277,8 +274,7 @@ TEST_F(V4l2CameraTest, CollectAndReturnFrames) {
 
 TEST_F(V4l2CameraTest, CollectBlocksUntilAFrameIsReady) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
-    ASSERT_EQ(camera.StartVideoStream(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndStart(camera));
     auto pending = std::async(std::launch::async, [&] { return camera.CollectFrames(); });
     EXPECT_EQ(pending.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     node_->ProduceFrame(marlo_fake::Frame(1));
@@ -290,16 +286,14 @@ TEST_F(V4l2CameraTest, CollectBlocksUntilAFrameIsReady) {
 
 TEST_F(V4l2CameraTest, CollectAfterStopGivesNull) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
-    ASSERT_EQ(camera.StartVideoStream(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndStart(camera));
     camera.StopVideoStream();
     EXPECT_EQ(camera.CollectFrames(), nullptr);
 }
 
 TEST_F(V4l2CameraTest, RefusedReturnWaitsInTheFreeListForTheNextStart) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
-    ASSERT_EQ(camera.StartVideoStream(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndStart(camera));
     node_->ProduceFrame();
     auto frame = camera.CollectFrames();
     ASSERT_NE(frame, nullptr);
@@ -315,8 +309,7 @@ TEST_F(V4l2CameraTest, RefusedReturnWaitsInTheFreeListForTheNextStart) {
 
 TEST_F(V4l2CameraTest, FrameHeldOverAStopIsQueuedWhenReturned) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
-    ASSERT_EQ(camera.StartVideoStream(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndStart(camera));
     node_->ProduceFrame();
     auto held = camera.CollectFrames();
     ASSERT_NE(held, nullptr);
@@ -330,7 +323,7 @@ TEST_F(V4l2CameraTest, FrameHeldOverAStopIsQueuedWhenReturned) {
 
 TEST_F(V4l2CameraTest, ShutdownClosesOnlyTheDescriptor) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_NO_FATAL_FAILURE(Open(camera));
     camera.shutdown();
     EXPECT_EQ(camera.Fd(), -1);
     EXPECT_EQ(node_->OpenDescriptors(), 0u);
@@ -339,8 +332,7 @@ TEST_F(V4l2CameraTest, ShutdownClosesOnlyTheDescriptor) {
 
 TEST_F(V4l2CameraTest, ShutdownKeepsTheRunState) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
-    ASSERT_EQ(camera.StartVideoStream(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndStart(camera));
     node_->ProduceFrame();
     auto held = camera.CollectFrames();
     ASSERT_NE(held, nullptr);
@@ -357,8 +349,7 @@ TEST_F(V4l2CameraTest, DestructionDoesNotStreamOffAndLeaksNothing) {
     marlo_test::FdLeakCheck leaks;
     {
         V4l2Camera camera(kPath);
-        ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
-        ASSERT_EQ(camera.StartVideoStream(), 0);
+        ASSERT_NO_FATAL_FAILURE(OpenAndStart(camera));
         node_->ProduceFrame();
         auto frame = camera.CollectFrames();
         ASSERT_NE(frame, nullptr);
@@ -372,7 +363,7 @@ TEST_F(V4l2CameraTest, DestructionDoesNotStreamOffAndLeaksNothing) {
 
 TEST_F(V4l2CameraTest, ConcurrentStartsActOnce) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_NO_FATAL_FAILURE(Open(camera));
     marlo_test::LogCapture log(false);
     auto a = std::async(std::launch::async, [&] { return camera.StartVideoStream(); });
     auto b = std::async(std::launch::async, [&] { return camera.StartVideoStream(); });
@@ -382,9 +373,7 @@ TEST_F(V4l2CameraTest, ConcurrentStartsActOnce) {
 }
 
 TEST_F(V4l2CameraTest, SinglePlanarNodeOpensAndCaptures) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(kPath, WithCapabilities(kSinglePlanar));
     V4l2Camera camera(kPath);
     ASSERT_TRUE(camera.OpenCamera(320, 240, V4L2_PIX_FMT_YUYV));
     EXPECT_EQ(camera.BufferType(), static_cast<uint32_t>(V4L2_BUF_TYPE_VIDEO_CAPTURE));
@@ -417,7 +406,7 @@ TEST_F(V4l2CameraTest, FailedExportReleasesEverythingAtDestruction) {
 
 TEST_F(V4l2CameraTest, StartOffersEachBufferOnceToARefusingDriver) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_NO_FATAL_FAILURE(Open(camera));
     node_->InjectError(VIDIOC_QBUF, EIO, 1000);
     node_->ClearRequests();
     EXPECT_EQ(camera.StartVideoStream(), 0);
@@ -431,7 +420,7 @@ TEST_F(V4l2CameraTest, StartOffersEachBufferOnceToARefusingDriver) {
 
 TEST_F(V4l2CameraTest, BufferRefusedAtStartIsQueuedAtTheNextStart) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_NO_FATAL_FAILURE(Open(camera));
     node_->InjectError(VIDIOC_QBUF, EIO);
     ASSERT_EQ(camera.StartVideoStream(), 0);
     EXPECT_EQ(node_->CountRequests(VIDIOC_QBUF), 3u);
@@ -446,7 +435,7 @@ TEST_F(V4l2CameraTest, BufferRefusedAtStartIsQueuedAtTheNextStart) {
 TEST_F(V4l2CameraTest, StartAfterShutdownAnswersZeroAndKeepsTheBuffers) {
     const std::string path = kPath;
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_NO_FATAL_FAILURE(Open(camera));
     camera.shutdown();
     marlo_test::LogCapture log;
     EXPECT_EQ(camera.StartVideoStream(), 0);
@@ -462,7 +451,7 @@ TEST_F(V4l2CameraTest, StartAfterShutdownAnswersZeroAndKeepsTheBuffers) {
 
 TEST_F(V4l2CameraTest, ReturningNothingIsRefused) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_NO_FATAL_FAILURE(Open(camera));
     node_->ClearRequests();
     EXPECT_LT(camera.ReturnFrame(nullptr), 0);
     EXPECT_TRUE(node_->Requests().empty());
@@ -470,8 +459,7 @@ TEST_F(V4l2CameraTest, ReturningNothingIsRefused) {
 
 TEST_F(V4l2CameraTest, ConcurrentStopsStreamOffOnce) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
-    ASSERT_EQ(camera.StartVideoStream(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndStart(camera));
     marlo_test::LogCapture log(false);
     std::vector<std::future<void>> stops;
     for (int i = 0; i < 4; ++i)
@@ -487,7 +475,7 @@ TEST_F(V4l2CameraTest, ConcurrentStopsStreamOffOnce) {
 
 TEST_F(V4l2CameraTest, StreamOnStatusTellsWhatTheDriverSaid) {
     V4l2Camera camera(kPath);
-    ASSERT_TRUE(camera.OpenCamera(640, 480, V4L2_PIX_FMT_NV12));
+    ASSERT_NO_FATAL_FAILURE(Open(camera));
     EXPECT_EQ(camera.StreamOnStatus(), 0);
     node_->InjectError(VIDIOC_STREAMON, EPIPE);
     marlo_test::LogCapture log(false);

@@ -12,8 +12,10 @@
 #include <marlo/v4l2/v4l2_device.h>
 
 #include "fake_v4l2.h"
+#include "support/fake_node_test.h"
 #include "support/fd_count.h"
 #include "support/log_capture.h"
+#include "v4l2_test_util.h"
 
 namespace {
 
@@ -23,17 +25,12 @@ using tessaro::marlo::V4l2EventSubscription;
 using tessaro::marlo::detail::RequestToString;
 
 constexpr char kPath[] = "/dev/marlo-fake-dev0";
-constexpr char kTag[] = "marlo_v4l2";
+using v4l2_test::kTag;
+using v4l2_test::WrapperLine;
 
-class V4l2DeviceTest : public ::testing::Test {
+class V4l2DeviceTest : public marlo_test::FakeVideoNodeTest {
   protected:
-    void SetUp() override { node_ = marlo_fake::AddVideoNode(kPath); }
-    void TearDown() override {
-        node_.reset();
-        marlo_fake::Reset();
-    }
-
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
+    void SetUp() override { AddNode(kPath); }
 };
 
 TEST(RequestToStringTest, AllTwentyEightNames) {
@@ -172,9 +169,7 @@ TEST_F(V4l2DeviceTest, FailureLogsTheShortName) {
     fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
     EXPECT_EQ(device.IoCtl(VIDIOC_G_FMT, &fmt), -2);
     EXPECT_EQ(errno, EIO);
-    EXPECT_TRUE(
-        log.contains(ANDROID_LOG_ERROR, kTag,
-                     std::string(kPath) + ": ioctl request g_fmt failed " + strerror(EIO) + "\n"))
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, WrapperLine(kPath, "g_fmt", EIO)))
         << log.dump();
 }
 
@@ -186,9 +181,7 @@ TEST_F(V4l2DeviceTest, UnknownRequestFailureUsesUnknown) {
     static_assert(VIDIOC_SUBSCRIBE_EVENT == 0x4020565a);
     V4l2EventSubscription sub = {};
     EXPECT_EQ(device.IoCtl(0x4020565a, &sub), -2);
-    EXPECT_TRUE(log.contains(
-        ANDROID_LOG_ERROR, kTag,
-        std::string(kPath) + ": ioctl request unknown failed " + strerror(EINVAL) + "\n"))
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, WrapperLine(kPath, "unknown", EINVAL)))
         << log.dump();
 }
 
@@ -197,9 +190,7 @@ TEST_F(V4l2DeviceTest, RequestOnClosedDeviceFailsWithEbadf) {
     marlo_test::LogCapture log;
     v4l2_capability caps = {};
     EXPECT_EQ(device.IoCtl(VIDIOC_QUERYCAP, &caps), -2);
-    EXPECT_TRUE(log.contains(
-        ANDROID_LOG_ERROR, kTag,
-        std::string(kPath) + ": ioctl request querycap failed " + strerror(EBADF) + "\n"))
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, WrapperLine(kPath, "querycap", EBADF)))
         << log.dump();
 }
 
@@ -271,8 +262,7 @@ TEST_F(V4l2DeviceTest, EventFailuresLogTheirTexts) {
     EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
                              std::string("dq event failed ") + strerror(ENOENT) + "\n"));
     /* The wrapper names these requests "unknown". */
-    EXPECT_EQ(log.count(std::string(kPath) + ": ioctl request unknown failed " + einval + "\n"),
-              2u);
+    EXPECT_EQ(log.count(WrapperLine(kPath, "unknown", EINVAL)), 2u);
 }
 
 }  // namespace

@@ -10,7 +10,9 @@
 #include <marlo/v4l2/v4l2_subdevice.h>
 
 #include "fake_v4l2.h"
+#include "support/fake_node_test.h"
 #include "support/log_capture.h"
+#include "v4l2_test_util.h"
 
 namespace {
 
@@ -20,11 +22,11 @@ using tessaro::marlo::V4l2SubdevFormat;
 using tessaro::marlo::V4l2SubDevice;
 
 constexpr char kPath[] = "/dev/marlo-fake-subdev1";
-constexpr char kTag[] = "marlo_v4l2";
+using v4l2_test::kTag;
 constexpr uint32_t kCodeA = 0x2006;  // MEDIA_BUS_FMT_UYVY8_2X8
 constexpr uint32_t kCodeB = 0x2008;  // MEDIA_BUS_FMT_YUYV8_2X8
 
-class V4l2SubDeviceTest : public ::testing::Test {
+class V4l2SubDeviceTest : public marlo_test::FakeNodeTest<marlo_fake::FakeSubdevNode> {
   protected:
     void SetUp() override {
         marlo_fake::SubdevNodeConfig config;
@@ -38,20 +40,16 @@ class V4l2SubDeviceTest : public ::testing::Test {
     }
     void TearDown() override {
         subdev_.Close();
-        node_.reset();
-        marlo_fake::Reset();
+        FakeNodeTest::TearDown();
     }
 
     bool HasError(const marlo_test::LogCapture& log, const std::string& text, int err) {
         return log.contains(ANDROID_LOG_ERROR, kTag, text + " : " + strerror(err) + "\n");
     }
     bool HasWrapperLine(const marlo_test::LogCapture& log, const char* name, int err) {
-        return log.contains(
-            ANDROID_LOG_ERROR, kTag,
-            std::string(kPath) + ": ioctl request " + name + " failed " + strerror(err) + "\n");
+        return log.contains(ANDROID_LOG_ERROR, kTag, v4l2_test::WrapperLine(kPath, name, err));
     }
 
-    std::shared_ptr<marlo_fake::FakeSubdevNode> node_;
     V4l2SubDevice subdev_{kPath};
 };
 

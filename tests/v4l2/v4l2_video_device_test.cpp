@@ -22,9 +22,11 @@
 #include <marlo/v4l2/v4l2_video_device.h>
 
 #include "fake_v4l2.h"
+#include "support/fake_node_test.h"
 #include "support/fd_count.h"
 #include "support/log_capture.h"
 #include "support/scoped_property.h"
+#include "v4l2_test_util.h"
 
 namespace {
 
@@ -37,7 +39,8 @@ using tessaro::marlo::V4l2Rect;
 using tessaro::marlo::V4l2VideoDevice;
 
 constexpr char kPath[] = "/dev/marlo-fake-video1";
-constexpr char kTag[] = "marlo_v4l2";
+using v4l2_test::kTag;
+using v4l2_test::WrapperLine;
 
 std::string Msg(const char* fmt, ...) __attribute__((__format__(printf, 1, 2)));
 std::string Msg(const char* fmt, ...) {
@@ -47,6 +50,11 @@ std::string Msg(const char* fmt, ...) {
     vsnprintf(buf, sizeof(buf), fmt, args);
     va_end(args);
     return buf;
+}
+
+/* "<path>: <what> failed : <error>", the error line of a device member. */
+std::string Failure(const std::string& what, int err) {
+    return std::string(kPath) + ": " + what + " failed : " + strerror(err) + "\n";
 }
 
 /* Gives the tests access to the lists and their mutexes. */
@@ -73,33 +81,38 @@ class TestDevice : public V4l2VideoDevice {
     uint32_t Flags() const { return buffer_flags_; }
 };
 
-class V4l2VideoDeviceTest : public ::testing::Test {
+class V4l2VideoDeviceTest : public marlo_test::FakeVideoNodeTest {
   protected:
-    void TearDown() override {
-        node_.reset();
-        marlo_fake::Reset();
+    void AddNode(marlo_fake::VideoNodeConfig config = {}) {
+        FakeVideoNodeTest::AddNode(kPath, std::move(config));
     }
 
-    void AddNode(marlo_fake::VideoNodeConfig config = {}) {
-        node_ = marlo_fake::AddVideoNode(kPath, std::move(config));
+    /* Open and capabilities: the buffer type is known from here on. */
+    static void OpenAndQuery(TestDevice& device, bool blocking = false) {
+        ASSERT_EQ(device.Open(blocking), 0);
+        ASSERT_EQ(device.QueryCap(), 0);
     }
 
     /* Open, capabilities, format, buffers, mappings and exports. */
-    void Prepare(TestDevice& device, unsigned count, bool blocking = false) {
-        ASSERT_EQ(device.Open(blocking), 0);
-        ASSERT_EQ(device.QueryCap(), 0);
+    static void Prepare(TestDevice& device, unsigned count, bool blocking = false) {
+        ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device, blocking));
         ASSERT_EQ(device.SetFormat(640, 480, V4L2_PIX_FMT_NV12), 0);
         ASSERT_EQ(device.ReqBuffer(count, V4L2_MEMORY_MMAP), static_cast<int>(count));
         ASSERT_EQ(device.QueryBuffer(), 0);
         ASSERT_EQ(device.ExportBuffers(), 0);
     }
 
-    void QueueAll(TestDevice& device) {
+    static void QueueAll(TestDevice& device) {
         while (auto buffer = device.GetBuffer())
             ASSERT_EQ(device.QueueBuffer(std::move(buffer)), 0);
     }
 
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
+    /* Prepared with \a count buffers, every one queued, and streaming. */
+    static void Stream(TestDevice& device, unsigned count, bool blocking = false) {
+        ASSERT_NO_FATAL_FAILURE(Prepare(device, count, blocking));
+        ASSERT_NO_FATAL_FAILURE(QueueAll(device));
+        ASSERT_EQ(device.StreamOn(), 0);
+    }
 };
 
 /* --- V4l2Buffer --- */
@@ -209,9 +222,7 @@ TEST_F(V4l2VideoDeviceTest, InitialValues) {
 }
 
 TEST_F(V4l2VideoDeviceTest, MultiPlanarWinsOverSinglePlanar) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_VIDEO_CAPTURE;
-    AddNode(config);
+    AddNode(WithCapabilities(V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_VIDEO_CAPTURE));
     TestDevice device(kPath);
     ASSERT_EQ(device.Open(false), 0);
     EXPECT_EQ(device.QueryCap(), 0);
@@ -227,9 +238,7 @@ TEST_F(V4l2VideoDeviceTest, BufferTypeChoiceOrder) {
         {V4L2_CAP_VIDEO_OUTPUT_MPLANE, 10},
     };
     for (const auto& [caps, type] : cases) {
-        marlo_fake::VideoNodeConfig config;
-        config.capabilities = caps;
-        AddNode(config);
+        AddNode(WithCapabilities(caps));
         TestDevice device(kPath);
         ASSERT_EQ(device.Open(false), 0);
         EXPECT_EQ(device.QueryCap(), 0);
@@ -240,10 +249,8 @@ TEST_F(V4l2VideoDeviceTest, BufferTypeChoiceOrder) {
 
 TEST_F(V4l2VideoDeviceTest, DeviceCapsAreNotConsulted) {
     /* Only the capabilities word decides: a capture bit in device_caps alone gives no type. */
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_STREAMING | V4L2_CAP_READWRITE | V4L2_CAP_DEVICE_CAPS;
-    config.deviceCaps = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(V4L2_CAP_STREAMING | V4L2_CAP_READWRITE | V4L2_CAP_DEVICE_CAPS,
+                             V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING));
     TestDevice device(kPath);
     ASSERT_EQ(device.Open(false), 0);
     marlo_test::LogCapture log;
@@ -254,10 +261,8 @@ TEST_F(V4l2VideoDeviceTest, DeviceCapsAreNotConsulted) {
 }
 
 TEST_F(V4l2VideoDeviceTest, BufferTypeComesFromTheCapabilitiesWord) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING | V4L2_CAP_DEVICE_CAPS;
-    config.deviceCaps = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING | V4L2_CAP_DEVICE_CAPS,
+                             V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_STREAMING));
     TestDevice device(kPath);
     ASSERT_EQ(device.Open(false), 0);
     EXPECT_EQ(device.QueryCap(), 0);
@@ -296,8 +301,7 @@ TEST_F(V4l2VideoDeviceTest, QueryCapFailure) {
     EXPECT_EQ(device.QueryCap(), -2);
     EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
                              Msg("query capabilities failed %s\n", strerror(EIO))));
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: ioctl request querycap failed %s\n", kPath, strerror(EIO))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, WrapperLine(kPath, "querycap", EIO)));
 }
 
 /* --- REQBUFS --- */
@@ -309,8 +313,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferFailureAnswersMinusOne) {
     node_->InjectError(VIDIOC_REQBUFS, ENOMEM);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), -1);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: request bufffer failed : %s\n", kPath, strerror(ENOMEM))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("request bufffer", ENOMEM)));
     EXPECT_EQ(device.NumBuffers(), 4u);
 }
 
@@ -319,8 +322,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferSmallerGrantIsReturned) {
     config.grantedCount = 2;
     AddNode(config);
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     marlo_test::LogCapture log;
     EXPECT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 2);
     EXPECT_EQ(device.NumBuffers(), 2u);
@@ -333,8 +335,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferSmallerGrantIsReturned) {
 TEST_F(V4l2VideoDeviceTest, ReqBufferPresetsTheCapabilitiesField) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_MMAP), 2);
     marlo_test::LogCapture log;
     ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_DMABUF), 2);
@@ -352,12 +353,9 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferPresetsTheCapabilitiesField) {
 }
 
 TEST_F(V4l2VideoDeviceTest, ReqBufferSinglePlaneMessage) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(kSinglePlanar));
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     marlo_test::LogCapture log;
     ASSERT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 3);
     EXPECT_TRUE(log.contains(
@@ -368,7 +366,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferSinglePlaneMessage) {
 TEST_F(V4l2VideoDeviceTest, ReqBufferDiscardsEveryBuffer) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 3));
     ASSERT_EQ(device.QueueBuffer(device.GetBuffer()), 0);
     EXPECT_EQ(device.Queued(), 1u);
     EXPECT_EQ(device.Unqueued(), 2u);
@@ -386,8 +384,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferDiscardsEveryBuffer) {
 TEST_F(V4l2VideoDeviceTest, QueryBufferWithNoBuffersCreatesNothing) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(0, V4L2_MEMORY_MMAP), 0);
     EXPECT_EQ(device.NumBuffers(), 0u);
     node_->ClearRequests();
@@ -399,8 +396,7 @@ TEST_F(V4l2VideoDeviceTest, QueryBufferWithNoBuffersCreatesNothing) {
 TEST_F(V4l2VideoDeviceTest, QueryBufferMapsEveryBuffer) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.SetFormat(640, 480, V4L2_PIX_FMT_NV12), 0);
     ASSERT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 3);
     marlo_test::LogCapture log;
@@ -425,31 +421,27 @@ TEST_F(V4l2VideoDeviceTest, QueryBufferMapsEveryBuffer) {
 TEST_F(V4l2VideoDeviceTest, QueryBufferFailureKeepsBuffersMadeSoFar) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 3);
     /* The third QUERYBUF fails. */
     node_->InjectError(VIDIOC_QUERYBUF, EIO, 1, 2);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.QueryBuffer(), -2);
     EXPECT_EQ(device.UnqueuedIndices(), (std::vector<uint32_t>{0, 1}));
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: query bufffer failed : %s\n", kPath, strerror(EIO))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("query bufffer", EIO)));
 }
 
 TEST_F(V4l2VideoDeviceTest, MultiPlanarMmapFailureKeepsTheBuffer) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 3);
     node_->InjectError(marlo_fake::kMmapRequest, ENOMEM);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.QueryBuffer(), 0);
     EXPECT_EQ(device.Unqueued(), 3u);
-    EXPECT_EQ(log.count(Msg("%s: mmap bufffer failed : %s\n", kPath, strerror(ENOMEM))), 1u);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: mmap bufffer failed : %s\n", kPath, strerror(ENOMEM))));
+    EXPECT_EQ(log.count(Failure("mmap bufffer", ENOMEM)), 1u);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("mmap bufffer", ENOMEM)));
     auto first = device.GetBuffer();
     EXPECT_EQ(first->GetIndex(), 0u);
     EXPECT_EQ(first->GetPtr(0), nullptr);
@@ -457,28 +449,23 @@ TEST_F(V4l2VideoDeviceTest, MultiPlanarMmapFailureKeepsTheBuffer) {
 }
 
 TEST_F(V4l2VideoDeviceTest, SinglePlanarMmapFailureDropsTheBuffer) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(kSinglePlanar));
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(3, V4L2_MEMORY_MMAP), 3);
     node_->InjectError(marlo_fake::kMmapRequest, ENOMEM);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.QueryBuffer(), 0);
     EXPECT_EQ(device.UnqueuedIndices(), (std::vector<uint32_t>{1, 2}));
-    EXPECT_EQ(log.count(Msg("%s: mmap bufffer failed : %s\n", kPath, strerror(ENOMEM))), 1u);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: mmap bufffer failed : %s\n", kPath, strerror(ENOMEM))));
+    EXPECT_EQ(log.count(Failure("mmap bufffer", ENOMEM)), 1u);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("mmap bufffer", ENOMEM)));
     EXPECT_FALSE(log.containsText(Msg("%s: queried buffer index %u\n", kPath, 0u)));
 }
 
 TEST_F(V4l2VideoDeviceTest, QueryBufferAppendsUnderBothListMutexes) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     /* The queued list's mutex, and the free list's own one that guards the list. */
     for (Mutex* held : {&device.QueuedMutex(), &device.UnqueuedMutex()}) {
         ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_MMAP), 2);
@@ -495,8 +482,7 @@ TEST_F(V4l2VideoDeviceTest, BuffersTakenWhileTheQueryRunsAreEachTakenOnce) {
     /* Run under ThreadSanitizer too: the free list is shared with GetBuffer. */
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.SetFormat(64, 48, V4L2_PIX_FMT_NV12), 0);
     ASSERT_EQ(device.ReqBuffer(32, V4L2_MEMORY_MMAP), 32);
 
@@ -527,9 +513,7 @@ TEST_F(V4l2VideoDeviceTest, BuffersTakenWhileTheQueryRunsAreEachTakenOnce) {
 TEST_F(V4l2VideoDeviceTest, ReqBufferAndStreamOffTakeBothListMutexes) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     for (Mutex* held : {&device.UnqueuedMutex(), &device.QueuedMutex()}) {
         MutexLocker lock(*held);
         auto off = std::async(std::launch::async, [&] { return device.StreamOff(); });
@@ -544,7 +528,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferAndStreamOffTakeBothListMutexes) {
         lock.unlock();
         EXPECT_EQ(req.get(), 2);
         ASSERT_EQ(device.QueryBuffer(), 0);
-        QueueAll(device);
+        ASSERT_NO_FATAL_FAILURE(QueueAll(device));
         ASSERT_EQ(device.StreamOn(), 0);
     }
 }
@@ -554,8 +538,7 @@ TEST_F(V4l2VideoDeviceTest, ReqBufferAndStreamOffTakeBothListMutexes) {
 TEST_F(V4l2VideoDeviceTest, ExportBuffersWithDmabufMemoryFails) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_DMABUF), 2);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.ExportBuffers(), -2);
@@ -576,8 +559,7 @@ TEST_F(V4l2VideoDeviceTest, ExportBuffersGivesEachPlaneADescriptor) {
     config.numPlanes = 2;
     AddNode(config);
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.SetFormat(640, 480, V4L2_PIX_FMT_NV12), 0);
     EXPECT_EQ(device.NumPlanes(), 2u);
     ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_MMAP), 2);
@@ -607,8 +589,7 @@ TEST_F(V4l2VideoDeviceTest, ExportBuffersGivesEachPlaneADescriptor) {
 TEST_F(V4l2VideoDeviceTest, ExportFailure) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(2, V4L2_MEMORY_MMAP), 2);
     ASSERT_EQ(device.QueryBuffer(), 0);
     node_->InjectError(VIDIOC_EXPBUF, EMFILE);
@@ -631,7 +612,7 @@ TEST_F(V4l2VideoDeviceTest, GetBufferOnEmptyListIsNull) {
 TEST_F(V4l2VideoDeviceTest, GetBufferTakesTheFirstAndLogs) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 3));
     marlo_test::LogCapture log;
     auto buffer = device.GetBuffer();
     ASSERT_NE(buffer, nullptr);
@@ -644,7 +625,7 @@ TEST_F(V4l2VideoDeviceTest, GetBufferTakesTheFirstAndLogs) {
 TEST_F(V4l2VideoDeviceTest, GetQueuedBufferForAnIndexNotQueued) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 3));
     ASSERT_EQ(device.QueueBuffer(device.GetBuffer()), 0);
     ASSERT_EQ(device.QueueBuffer(device.GetBuffer()), 0);
     marlo_test::LogCapture log;
@@ -661,7 +642,7 @@ TEST_F(V4l2VideoDeviceTest, GetQueuedBufferForAnIndexNotQueued) {
 TEST_F(V4l2VideoDeviceTest, QueueBufferSetsTheRecordAndLogs) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 2));
     auto buffer = device.GetBuffer();
     void* ptr = buffer->GetPtr(0);
     size_t len = buffer->GetLength(0);
@@ -687,33 +668,28 @@ TEST_F(V4l2VideoDeviceTest, QueueingNothingIsRefused) {
     TestDevice device(kPath);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.QueueBuffer(nullptr), -4);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: queue bufffer failed : %s\n", kPath, strerror(EINVAL))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("queue bufffer", EINVAL)));
     EXPECT_EQ(device.Unqueued(), 0u);
 }
 
 TEST_F(V4l2VideoDeviceTest, RefusedQueueGoesBackToTheEndOfTheFreeList) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 3));
     auto buffer = device.GetBuffer();
     node_->InjectError(VIDIOC_QBUF, EINVAL);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.QueueBuffer(std::move(buffer)), -2);
     EXPECT_EQ(device.UnqueuedIndices(), (std::vector<uint32_t>{1, 2, 0}));
     EXPECT_EQ(device.Queued(), 0u);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: queue bufffer failed : %s\n", kPath, strerror(EINVAL))));
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: ioctl request qbuf failed %s\n", kPath, strerror(EINVAL))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("queue bufffer", EINVAL)));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, WrapperLine(kPath, "qbuf", EINVAL)));
 }
 
 TEST_F(V4l2VideoDeviceTest, DequeueCopiesTheDriversRecord) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 3));
     ASSERT_EQ(node_->ProduceFrame(marlo_fake::Frame(41, {12, 345678}, 0x5a)), 0);
     marlo_test::LogCapture log;
     auto frame = device.DequeBuffer();
@@ -735,13 +711,9 @@ TEST_F(V4l2VideoDeviceTest, DequeueCopiesTheDriversRecord) {
 }
 
 TEST_F(V4l2VideoDeviceTest, SinglePlanarDequeueTakesTheDriversBytesUsedAndFlags) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(kSinglePlanar));
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     marlo_fake::FrameContent content = marlo_fake::Frame(9, {1, 2}, 0x10);
     content.bytesused = 1000;
     content.flags = V4L2_BUF_FLAG_ERROR;
@@ -764,9 +736,7 @@ TEST_F(V4l2VideoDeviceTest, MultiPlanarDequeueKeepsTheDriversPlanesInTheBuffer) 
     config.numPlanes = 2;
     AddNode(config);
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     marlo_fake::FrameContent content = marlo_fake::Frame(4, {1, 0}, 0x20);
     content.bytesused = 1000;
     ASSERT_GE(node_->ProduceFrame(content), 0);
@@ -841,25 +811,20 @@ TEST(V4l2BufferTest, AMultiPlanarRecordsPlanesAreCopied) {
 TEST_F(V4l2VideoDeviceTest, EmptyNonBlockingDequeue) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 3));
     marlo_test::LogCapture log;
     EXPECT_EQ(device.DequeBuffer(), nullptr);
     EXPECT_TRUE(log.contains(ANDROID_LOG_INFO, kTag,
                              Msg("%s: deque bufffer ret %d err:%s\n", kPath, -2, strerror(EAGAIN))))
         << log.dump();
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: ioctl request dqbuf failed %s\n", kPath, strerror(EAGAIN))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, WrapperLine(kPath, "dqbuf", EAGAIN)));
     EXPECT_EQ(device.Queued(), 3u);
 }
 
 TEST_F(V4l2VideoDeviceTest, BlockingDequeueWaitsForTheFrame) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3, true);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 3, true));
     auto frame = std::async(std::launch::async, [&] { return device.DequeBuffer(); });
     EXPECT_EQ(frame.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     node_->ProduceFrame(marlo_fake::Frame(3));
@@ -871,9 +836,7 @@ TEST_F(V4l2VideoDeviceTest, BlockingDequeueWaitsForTheFrame) {
 TEST_F(V4l2VideoDeviceTest, DequeuedIndexNotInTheQueuedList) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     /* Buffer 0 stays with the driver but leaves the device's list. */
     auto taken = device.GetQueuedBuffer(0);
     ASSERT_NE(taken, nullptr);
@@ -892,9 +855,7 @@ TEST_F(V4l2VideoDeviceTest, DequeuedIndexNotInTheQueuedList) {
 TEST_F(V4l2VideoDeviceTest, TraceSectionsOnlyWithTheCameraTag) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     std::vector<std::string> sections;
     marlo_host_set_trace_hook(
         [](const char* name, void* ctx) {
@@ -929,8 +890,7 @@ TEST_F(V4l2VideoDeviceTest, TraceSectionsOnlyWithTheCameraTag) {
 TEST_F(V4l2VideoDeviceTest, DmabufQueueHandsThePlaneDescriptors) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.ReqBuffer(1, V4L2_MEMORY_DMABUF), 1);
     ASSERT_EQ(device.QueryBuffer(), 0);
     auto buffer = device.GetBuffer();
@@ -956,12 +916,9 @@ TEST_F(V4l2VideoDeviceTest, DmabufQueueHandsThePlaneDescriptors) {
 }
 
 TEST_F(V4l2VideoDeviceTest, OutputTypesSetBytesUsed) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING));
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.BufferType(), 2u);
     ASSERT_EQ(device.SetFormat(64, 32, V4L2_PIX_FMT_NV12), 0);
     ASSERT_EQ(device.ReqBuffer(1, V4L2_MEMORY_MMAP), 1);
@@ -977,20 +934,19 @@ TEST_F(V4l2VideoDeviceTest, OutputTypesSetBytesUsed) {
 TEST_F(V4l2VideoDeviceTest, StreamOnFailure) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 2));
     node_->InjectError(VIDIOC_STREAMON, EPIPE);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.StreamOn(), -2);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: stream on failed : %s\n", kPath, strerror(EPIPE))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("stream on", EPIPE)));
 }
 
 TEST_F(V4l2VideoDeviceTest, StreamOffMovesEveryQueuedBufferBack) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 4);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 4));
     auto held = device.GetBuffer();
-    QueueAll(device);
+    ASSERT_NO_FATAL_FAILURE(QueueAll(device));
     ASSERT_EQ(device.StreamOn(), 0);
     ASSERT_EQ(device.Queued(), 3u);
     ASSERT_EQ(device.Unqueued(), 0u);
@@ -1018,14 +974,11 @@ TEST_F(V4l2VideoDeviceTest, StreamOffMovesEveryQueuedBufferBack) {
 TEST_F(V4l2VideoDeviceTest, StreamOffFailureLeavesTheLists) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     node_->InjectError(VIDIOC_STREAMOFF, EIO);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.StreamOff(), -2);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: stream off failed : %s\n", kPath, strerror(EIO))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("stream off", EIO)));
     EXPECT_EQ(device.Queued(), 2u);
     EXPECT_EQ(device.Unqueued(), 0u);
 }
@@ -1033,9 +986,7 @@ TEST_F(V4l2VideoDeviceTest, StreamOffFailureLeavesTheLists) {
 TEST_F(V4l2VideoDeviceTest, ConcurrentQueueAndDequeue) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 4);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 4));
     constexpr int kFrames = 200;
     std::atomic<int> received{0};
     std::thread consumer([&] {
@@ -1068,8 +1019,7 @@ TEST_F(V4l2VideoDeviceTest, SetAndGetFormatMultiPlanar) {
     config.numPlanes = 2;
     AddNode(config);
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     V4l2Format format = {};
     format.fourcc = V4L2_PIX_FMT_NV12;
     format.width = 1280;
@@ -1097,12 +1047,9 @@ TEST_F(V4l2VideoDeviceTest, SetAndGetFormatMultiPlanar) {
 }
 
 TEST_F(V4l2VideoDeviceTest, GetFormatSinglePlanarLeavesPlaneCountAndSizes) {
-    marlo_fake::VideoNodeConfig config;
-    config.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-    AddNode(config);
+    AddNode(WithCapabilities(kSinglePlanar));
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.SetFormat(320, 240, V4L2_PIX_FMT_YUYV), 0);
     V4l2Format got = {};
     got.planesCount = 7;
@@ -1119,20 +1066,17 @@ TEST_F(V4l2VideoDeviceTest, GetFormatSinglePlanarLeavesPlaneCountAndSizes) {
 TEST_F(V4l2VideoDeviceTest, FormatFailures) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     marlo_test::LogCapture log;
     node_->InjectError(VIDIOC_G_FMT, EINVAL);
     V4l2Format got = {};
     got.width = 99;
     EXPECT_EQ(device.GetFormat(got), -2);
     EXPECT_EQ(got.width, 99u);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: get fmt failed : %s\n", kPath, strerror(EINVAL))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("get fmt", EINVAL)));
     node_->InjectError(VIDIOC_S_FMT, EBUSY);
     EXPECT_EQ(device.SetFormat(640, 480, V4L2_PIX_FMT_NV12), -2);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: set fmt failed : %s\n", kPath, strerror(EBUSY))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("set fmt", EBUSY)));
     /* The plane count is taken from the (untouched, zeroed) answer even then. */
     EXPECT_EQ(device.NumPlanes(), 0u);
 }
@@ -1140,8 +1084,7 @@ TEST_F(V4l2VideoDeviceTest, FormatFailures) {
 TEST_F(V4l2VideoDeviceTest, Selections) {
     AddNode();
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     V4l2Rect rect = {8, 4, 320, 200};
     ASSERT_EQ(device.SetSelection(V4L2_SEL_TGT_CROP, rect), 0);
     auto records = node_->Requests(VIDIOC_S_SELECTION);
@@ -1161,10 +1104,8 @@ TEST_F(V4l2VideoDeviceTest, Selections) {
     EXPECT_EQ(device.GetSelection(V4L2_SEL_TGT_CROP, got), -2);
     node_->InjectError(VIDIOC_S_SELECTION, ERANGE);
     EXPECT_EQ(device.SetSelection(V4L2_SEL_TGT_CROP, rect), -2);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: get sel failed : %s\n", kPath, strerror(EINVAL))));
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: set sel failed : %s\n", kPath, strerror(ERANGE))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("get sel", EINVAL)));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("set sel", ERANGE)));
 }
 
 TEST_F(V4l2VideoDeviceTest, EnumerationsCollectUntilTheDriverRefuses) {
@@ -1173,8 +1114,7 @@ TEST_F(V4l2VideoDeviceTest, EnumerationsCollectUntilTheDriverRefuses) {
                                             marlo_fake::DiscreteSize(1280, 720)};
     AddNode(config);
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     marlo_test::LogCapture log;
     auto formats = device.EnumFormats();
     ASSERT_EQ(formats.size(), 2u);
@@ -1185,11 +1125,8 @@ TEST_F(V4l2VideoDeviceTest, EnumerationsCollectUntilTheDriverRefuses) {
     EXPECT_EQ(sizes.back().discrete.width, 1280u);
     EXPECT_TRUE(device.EnumFrameSizes(V4L2_PIX_FMT_YUYV).empty());
     /* Only the wrapper's lines: one per enumeration end. */
-    EXPECT_EQ(log.count(Msg("%s: ioctl request enum_fmt failed %s\n", kPath, strerror(EINVAL))),
-              1u);
-    EXPECT_EQ(
-        log.count(Msg("%s: ioctl request enum_framesizes failed %s\n", kPath, strerror(EINVAL))),
-        2u);
+    EXPECT_EQ(log.count(WrapperLine(kPath, "enum_fmt", EINVAL)), 1u);
+    EXPECT_EQ(log.count(WrapperLine(kPath, "enum_framesizes", EINVAL)), 2u);
     EXPECT_EQ(log.records().size(), 3u) << log.dump();
 }
 
@@ -1217,8 +1154,7 @@ TEST_F(V4l2VideoDeviceTest, FrameSizeRanges) {
     EXPECT_EQ(range.stepHeight, 8u);
     marlo_test::LogCapture log;
     EXPECT_EQ(device.GetFrameSizeRange(V4L2_PIX_FMT_GREY, range), -2);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: enum frame sizes failed : %s\n", kPath, strerror(EINVAL))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("enum frame sizes", EINVAL)));
 }
 
 /* --- lifetime --- */
@@ -1226,7 +1162,7 @@ TEST_F(V4l2VideoDeviceTest, FrameSizeRanges) {
 TEST_F(V4l2VideoDeviceTest, CloseKeepsBuffersAndLists) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 3);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 3));
     ASSERT_EQ(device.QueueBuffer(device.GetBuffer()), 0);
     device.Close();
     EXPECT_EQ(device.Fd(), -1);
@@ -1240,9 +1176,7 @@ TEST_F(V4l2VideoDeviceTest, DestructionReleasesMappingsAndDescriptors) {
     marlo_test::FdLeakCheck leaks;
     {
         TestDevice device(kPath);
-        Prepare(device, 3);
-        QueueAll(device);
-        ASSERT_EQ(device.StreamOn(), 0);
+        ASSERT_NO_FATAL_FAILURE(Stream(device, 3));
         EXPECT_EQ(node_->LiveMappings(), 3u);
     }
     EXPECT_EQ(node_->LiveMappings(), 0u);
@@ -1265,8 +1199,7 @@ TEST_F(V4l2VideoDeviceTest, TheGrantedFormatIsTheDriversAnswer) {
     TestDevice device(kPath);
     V4l2Format granted = {};
     EXPECT_EQ(device.GrantedFormat(granted), -2);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     ASSERT_EQ(device.SetFormat(800, 600, V4L2_PIX_FMT_NV12), 0);
     ASSERT_EQ(device.GrantedFormat(granted), 0);
     EXPECT_EQ(granted.width, 640u);
@@ -1290,8 +1223,7 @@ TEST_F(V4l2VideoDeviceTest, FrameIntervalIsAskedAndReadBack) {
     config.frameIntervals = {{1, 15}, {1, 30}};
     AddNode(config);
     TestDevice device(kPath);
-    ASSERT_EQ(device.Open(false), 0);
-    ASSERT_EQ(device.QueryCap(), 0);
+    ASSERT_NO_FATAL_FAILURE(OpenAndQuery(device));
     v4l2_fract interval = {1, 25};
     ASSERT_EQ(device.SetFrameInterval(interval), 0);
     EXPECT_EQ(interval.denominator, 30u);
@@ -1314,18 +1246,15 @@ TEST_F(V4l2VideoDeviceTest, AFrameIntervalTheDriverDoesNotKnowIsReported) {
     v4l2_fract interval = {1, 30};
     EXPECT_EQ(device.SetFrameInterval(interval), -2);
     EXPECT_EQ(device.GetFrameInterval(interval), -2);
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: set parm failed : %s\n", kPath, strerror(ENOTTY))))
-        << log.dump();
-    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag,
-                             Msg("%s: get parm failed : %s\n", kPath, strerror(ENOTTY))));
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("set parm", ENOTTY))) << log.dump();
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, kTag, Failure("get parm", ENOTTY)));
 }
 
 TEST_F(V4l2VideoDeviceTest, RefusedDequeueQueueAndStreamOnKeepTheDriversErrno) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
+    ASSERT_NO_FATAL_FAILURE(Prepare(device, 2));
+    ASSERT_NO_FATAL_FAILURE(QueueAll(device));
     marlo_test::LogCapture log(false);
 
     node_->InjectError(VIDIOC_STREAMON, EPIPE);
@@ -1351,9 +1280,7 @@ TEST_F(V4l2VideoDeviceTest, RefusedDequeueQueueAndStreamOnKeepTheDriversErrno) {
 TEST_F(V4l2VideoDeviceTest, ADequeuedIndexNotQueuedLeavesNoSystemError) {
     AddNode();
     TestDevice device(kPath);
-    Prepare(device, 2);
-    QueueAll(device);
-    ASSERT_EQ(device.StreamOn(), 0);
+    ASSERT_NO_FATAL_FAILURE(Stream(device, 2));
     ASSERT_GE(node_->ProduceFrame(marlo_fake::Frame(0)), 0);
     /* The library's own list forgets the buffer the driver hands back. */
     while (device.Queued() > 0)
