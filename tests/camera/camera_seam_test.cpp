@@ -3,8 +3,6 @@
  * camera the camera fails to own. The test installs camera hooks that
  * refuse the ownership when asked and otherwise hand over to the camera.
  */
-#include <linux/videodev2.h>
-
 #include <atomic>
 #include <memory>
 #include <string>
@@ -13,7 +11,6 @@
 
 #include "camera/camera_hooks.h"
 #include "camera_test_util.h"
-#include "fake_v4l2.h"
 #include "marlo/camera/hal_camera.h"
 #include "marlo/camera/virtual_camera.h"
 #include "support/log_capture.h"
@@ -36,24 +33,17 @@ struct RefusingHooks : CameraHooks {
     std::atomic<bool> refuseOwn{false};
 };
 
-class CameraSeamTest : public ::testing::Test {
+class CameraSeamTest : public HalCameraFixture {
   protected:
     void SetUp() override {
-        marlo_fake::VideoNodeConfig config;
-        config.formats = {{V4L2_PIX_FMT_GREY, "Grey"}};
-        node_ = marlo_fake::AddVideoNode(kNode0, config);
-        camera_ = std::make_shared<HalCamera>(kNode0);
+        HalCameraFixture::SetUp();
         previous_ = CameraHooks::Install(&hooks_);
     }
     void TearDown() override {
         CameraHooks::Install(previous_);
-        camera_.reset();
-        node_.reset();
-        marlo_fake::Reset();
+        HalCameraFixture::TearDown();
     }
 
-    std::shared_ptr<marlo_fake::FakeVideoNode> node_;
-    std::shared_ptr<HalCamera> camera_;
     RefusingHooks hooks_;
     CameraHooks* previous_ = nullptr;
 };
@@ -64,8 +54,8 @@ TEST_F(CameraSeamTest, AClientCameraThatCannotBeOwnedIsNotHandedOut) {
     hooks_.refuseOwn = true;
     marlo_test::LogCapture log;
     EXPECT_EQ(camera_->MakeVirtualCamera(6), nullptr);
-    EXPECT_EQ(CountLines(log, ANDROID_LOG_ERROR, Cam(kNode0), "MakeVirtualCamera",
-                         "Failed to own a client camera 6 object\n"),
+    EXPECT_EQ(Count(log, ANDROID_LOG_ERROR, "MakeVirtualCamera",
+                    "Failed to own a client camera 6 object\n"),
               1u)
         << log.dump();
     EXPECT_EQ(camera_->clientCount(), 0u);
