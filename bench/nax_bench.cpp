@@ -64,6 +64,10 @@ namespace {
 /* Set when a variant could not be measured, so that a smoke run fails. */
 bool g_failed = false;
 
+#ifndef MADV_POPULATE_WRITE
+#define MADV_POPULATE_WRITE 23 /* Linux 5.14 */
+#endif
+
 constexpr int kWidth = 1920;
 constexpr int kHeight = 1080;
 
@@ -92,6 +96,15 @@ class Frame {
     }
     Frame(const Frame&) = delete;
     Frame& operator=(const Frame&) = delete;
+
+    /* Maps the memory of a frame made without `fill` and faults it in for
+     * writing, as an engine hold does, without writing a byte. */
+    void MapFaultedIn() {
+        void* p = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
+        if (p == MAP_FAILED || madvise(p, size_, MADV_POPULATE_WRITE) != 0)
+            abort();
+        data_ = static_cast<uint8_t*>(p);
+    }
 
     uint8_t* data() const { return data_; }
     size_t size() const { return size_; }
@@ -533,41 +546,20 @@ void BM_First(benchmark::State& state, uint32_t fourcc, int mode) {
     state.counters["job_us"] = Median(times);
 }
 
-/* A fresh buffer mapped here and faulted in for writing, as a hold does it,
- * without a byte written. */
-class FaultedIn {
-  public:
-    explicit FaultedIn(size_t size) : frame_(kWidth, kHeight, 0, 0, size, false), size_(size) {
-        void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, frame_.fd(), 0);
-        if (p == MAP_FAILED || madvise(p, size, kPopulateWrite) != 0)
-            abort();
-        data_ = static_cast<uint8_t*>(p);
-    }
-    ~FaultedIn() { munmap(data_, size_); }
-    FaultedIn(const FaultedIn&) = delete;
-    FaultedIn& operator=(const FaultedIn&) = delete;
+/* A full-HD client buffer as First/held's, mapped here and faulted in. */
+std::unique_ptr<Frame> FaultedInClientFrame(uint32_t fourcc) {
+    std::unique_ptr<Frame> frame = ClientFrame(fourcc);
+    frame->MapFaultedIn();
+    return frame;
+}
 
-    uint8_t* data() const { return data_; }
-
-  private:
-    static constexpr int kPopulateWrite = 23; /* MADV_POPULATE_WRITE, Linux 5.14 */
-    Frame frame_;
-    size_t size_;
-    uint8_t* data_ = nullptr;
-};
-
-/* libyuv's full-HD NV12 to NV12 (plane copies) or to RGBA into \a dst. */
-double LibyuvJob(const Frame& src, uint32_t fourcc, uint8_t* dst) {
-    const uint8_t* y = src.data();
-    const uint8_t* uv = y + static_cast<size_t>(kWidth) * kHeight;
+/* libyuv's NV12 to NV12 or to RGBA, the Paired cases' own call. */
+double LibyuvJob(const Frame& src, uint32_t fourcc, const Frame& dst) {
     const double t0 = WallMicros();
-    if (fourcc == V4L2_PIX_FMT_NV12) {
-        libyuv::CopyPlane(y, kWidth, dst, kWidth, kWidth, kHeight);
-        libyuv::CopyPlane(uv, kWidth, dst + static_cast<size_t>(kWidth) * kHeight, kWidth, kWidth,
-                          kHeight / 2);
-    } else {
-        libyuv::NV12ToABGR(y, kWidth, uv, kWidth, dst, kWidth * 4, kWidth, kHeight);
-    }
+    if (fourcc == V4L2_PIX_FMT_NV12)
+        Nv12Copy(src, dst);
+    else
+        Nv12ToRgba(src, dst);
     return WallMicros() - t0;
 }
 
@@ -576,16 +568,15 @@ double LibyuvJob(const Frame& src, uint32_t fourcc, uint8_t* dst) {
 void BM_FirstLibyuv(benchmark::State& state, uint32_t fourcc, bool fresh) {
     Frame src(kWidth, kHeight, NAX_FORMAT_YCbCr_420_SP, V4L2_PIX_FMT_NV12,
               Nv12Size(kWidth, kHeight));
-    const size_t size = ClientFrame(fourcc)->size();
-    std::vector<std::unique_ptr<FaultedIn>> warm;
+    std::vector<std::unique_ptr<Frame>> warm;
     for (int i = 0; i < 4; i++) {
-        warm.push_back(std::make_unique<FaultedIn>(size));
-        LibyuvJob(src, fourcc, warm.back()->data());
+        warm.push_back(FaultedInClientFrame(fourcc));
+        LibyuvJob(src, fourcc, *warm.back());
     }
     std::vector<double> times;
     size_t next = 0;
     constexpr size_t kEarlier = 128; /* the engine's bound on idle mappings */
-    std::deque<std::unique_ptr<FaultedIn>> earlier;
+    std::deque<std::unique_ptr<Frame>> earlier;
     for (auto _ : state) {
         double t;
         if (fresh) {
@@ -593,13 +584,13 @@ void BM_FirstLibyuv(benchmark::State& state, uint32_t fourcc, bool fresh) {
              * mappings keep the ones First/held forgot: a fresh buffer's
              * pages are then not those of a buffer freed just now, still
              * in the cache. */
-            auto dst = std::make_unique<FaultedIn>(size);
-            t = LibyuvJob(src, fourcc, dst->data());
+            std::unique_ptr<Frame> dst = FaultedInClientFrame(fourcc);
+            t = LibyuvJob(src, fourcc, *dst);
             earlier.push_back(std::move(dst));
             if (earlier.size() > kEarlier)
                 earlier.pop_front();
         } else {
-            t = LibyuvJob(src, fourcc, warm[next]->data());
+            t = LibyuvJob(src, fourcc, *warm[next]);
             next = (next + 1) % warm.size();
         }
         state.SetIterationTime(t / 1e6);
